@@ -1,0 +1,35 @@
+# Small helpers so that every CMakeLists stays a short list of names.
+
+# Warnings are errors everywhere; sanitizers when asked for.
+function(kx_compile_options target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wshadow
+                                           -Wnon-virtual-dtor -Wno-unused-parameter)
+  target_compile_definitions(${target} PRIVATE BOOST_BIND_GLOBAL_PLACEHOLDERS
+                                               BOOST_LOG_DYN_LINK)
+  if(KX_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=address,undefined
+                                             -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  endif()
+endfunction()
+
+# kx_test(NAME area SOURCES ... [LIBS ...]): one GoogleTest executable per
+# area, registered with CTest under the area's name.
+function(kx_test)
+  cmake_parse_arguments(T "" "NAME" "SOURCES;LIBS" ${ARGN})
+  add_executable(${T_NAME}_tests ${T_SOURCES})
+  kx_compile_options(${T_NAME}_tests)
+  target_link_libraries(${T_NAME}_tests PRIVATE kxtest_support ${T_LIBS}
+                        GTest::gtest GTest::gmock)
+  add_test(NAME ${T_NAME} COMMAND ${T_NAME}_tests)
+  set_tests_properties(${T_NAME} PROPERTIES TIMEOUT 900
+    ENVIRONMENT "KX_BUILD_DIR=${CMAKE_BINARY_DIR};KX_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+endfunction()
+
+# kx_bench(NAME unit SOURCES ... [LIBS ...]): a Google Benchmark executable.
+function(kx_bench)
+  cmake_parse_arguments(B "" "NAME" "SOURCES;LIBS" ${ARGN})
+  add_executable(${B_NAME}_bench ${B_SOURCES})
+  kx_compile_options(${B_NAME}_bench)
+  target_link_libraries(${B_NAME}_bench PRIVATE ${B_LIBS})
+endfunction()

@@ -1,0 +1,48 @@
+// The stand-alone host's own runtime settings and observation points.
+//
+// Used by the kxhost program, the reference tools and the tests; plug-ins
+// never include this (they see only include/host/).
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kxhost {
+
+struct RuntimeOptions {
+  // kxhost -v: every log line (log_message and the Boost.Log trivial
+  // logger) is also written to standard error in syslog's format.
+  bool mirror_to_stderr = false;
+  // Where sysctl::set writes: "<sysctl_root>/<name>". /proc/sys normally;
+  // a directory inside the sandbox when sandboxed.
+  std::string sysctl_root = "/proc/sys";
+  // Where host events (send_message, free_msg_memory, update_clients,
+  // send_notify_systemwide, block_station) are appended, one line each;
+  // "" for none. They are also kept in memory (Events()).
+  std::string events_file;
+};
+
+void Configure(const RuntimeOptions& options);
+const RuntimeOptions& Options();
+
+// Receives every log line the host writes (log_message and Boost.Log
+// trivial records, the latter with a syslog priority from their severity),
+// as "file:line: text" with the text fully formatted. Null removes it.
+using LogObserver = std::function<void(int priority, const std::string& line)>;
+void SetLogObserver(LogObserver observer);
+
+struct HostEvent {
+  std::string kind;               // "send_message", "block_station", ...
+  std::vector<std::string> args;  // the call's arguments as text
+};
+std::vector<HostEvent> Events();
+void ClearEvents();
+
+// Forgets every open handle and cached state that belongs to the current
+// /opt/korvex (the settings database connection, the policy sources), so
+// that the next use reads the root mounted now. For tests that mount a new
+// scratch root in the same process.
+void ResetState();
+
+}  // namespace kxhost

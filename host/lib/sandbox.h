@@ -1,0 +1,33 @@
+// The sandboxed install root.
+//
+// The plug-in's install root is fixed at /opt/korvex. To run it anywhere
+// without touching the machine's real /opt/korvex, the process enters a
+// private mount namespace (with a user namespace when not root) and mounts a
+// directory of its own choosing at /opt/korvex. Where /opt/korvex does not
+// exist, a small tmpfs is mounted over /opt inside the namespace and the
+// mount point is made there, so the machine's /opt is never written.
+// All functions throw std::runtime_error with the failing step and errno
+// text. They must be called before the process starts threads.
+#pragma once
+
+#include <string>
+
+namespace kxhost {
+
+// Enters the namespace and mounts `dir` (made if missing) at /opt/korvex.
+void EnterSandbox(const std::string& dir);
+
+// Inside an entered sandbox: mounts `dir` over /opt/korvex (stacked on the
+// previous one), or removes the top-most such mount.
+void PushRoot(const std::string& dir);
+void PopRoot();
+
+// Makes the directories a fresh install root has: bin, etc/aec/rules,
+// usr/db, var/log, var/tmp/rm, var/tmp/pam_messages, var/run/sysctl,
+// var/cache/kxnetwork. Existing ones are kept.
+void MakeRootLayout(const std::string& dir);
+
+// True when the process runs in the sandbox entered by EnterSandbox.
+bool InSandbox();
+
+}  // namespace kxhost

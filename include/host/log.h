@@ -1,0 +1,19 @@
+// Logging through the host.
+//
+// log_message(file, line, priority, facility, ident, format, ...) formats like
+// printf and writes one line to syslog(3) with the given facility and ident,
+// prefixed by the source file's base name and line. Priorities are syslog's
+// (2 critical, 3 error, 4 warning, 6 information, 7 debug). It never throws
+// and never fails from the caller's point of view.
+//
+// The plug-in's own convention: every format begins "[%d] %s: " and the two
+// first arguments are a message code (log identifier << 24 | priority) and
+// the plug-in's short name.
+#pragma once
+
+#include "host/host_api.h"
+
+KX_HOST_API void log_message(const char* file, int line, int priority,
+                             int facility, const char* ident,
+                             const char* format, ...)
+    __attribute__((format(printf, 6, 7)));

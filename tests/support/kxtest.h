@@ -1,0 +1,76 @@
+// Test support shared by every suite.
+//
+// The test main (test_main.cpp) puts the whole test process into a private
+// mount namespace before any test runs, so /opt/korvex inside a test is never
+// the machine's. Each SandboxTest gets a fresh scratch root mounted at
+// /opt/korvex for the duration of the test, host state reset, the sysctl
+// directory at /opt/korvex/var/run/sysctl and a log capture.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace kxtest {
+
+// A fresh directory with the install-root layout, mounted at /opt/korvex
+// while the object lives.
+class ScratchRoot {
+ public:
+  ScratchRoot();
+  ~ScratchRoot();
+  ScratchRoot(const ScratchRoot&) = delete;
+  ScratchRoot& operator=(const ScratchRoot&) = delete;
+  // The directory as seen outside /opt/korvex (for kxhost --root).
+  const std::string& dir() const { return dir_; }
+
+ private:
+  std::string dir_;
+};
+
+// Collects the host's log lines while it lives.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  std::vector<std::string> Lines() const;
+  bool Contains(const std::string& text) const;  // any line holds `text`
+  void Clear();
+};
+
+class SandboxTest : public ::testing::Test {
+ protected:
+  ScratchRoot root_;
+  LogCapture log_;
+};
+
+void WriteFile(const std::string& path, const std::string& content,
+               unsigned mode = 0644);
+std::string ReadFile(const std::string& path);  // throws if unreadable
+bool Exists(const std::string& path);
+
+// A fake agent tool at /opt/korvex/bin/<name>: records its argument vector
+// (without argv[0]) for each run and answers with the given behaviour.
+struct FakeBehaviour {
+  int exit_code = 0;
+  std::vector<std::string> lines;         // printed on standard output
+  bool last_line_without_newline = false;
+  int kill_signal = 0;                    // non-zero: dies by this signal
+  std::vector<std::string> create_files;  // files it creates (empty) on a run
+};
+void InstallFakeTool(const std::string& name, const FakeBehaviour& behaviour);
+// One entry per run, in order; each the arguments after argv[0].
+std::vector<std::vector<std::string>> FakeToolCalls(const std::string& name);
+
+// Runs the built kxhost with the arguments given; standard input from
+// `input`. Waits for it.
+struct RunResult {
+  int exit_code = -1;
+  std::string out;
+  std::string err;
+};
+RunResult RunKxhost(const std::vector<std::string>& args,
+                    const std::string& input = "");
+
+}  // namespace kxtest
