@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds and runs every test suite.
+#   scripts/test.sh            the debug build
+#   scripts/test.sh asan       the ASan + UBSan build
+set -euo pipefail
+cd "$(dirname "$0")/.."
+preset="${1:-debug}"
+
+bash scripts/install-deps.sh
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset"
+ctest --preset "$preset" --output-on-failure --timeout 900
