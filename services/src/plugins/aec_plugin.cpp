@@ -29,6 +29,8 @@ std::int32_t g_busy = 0;
 const std::map<std::string, CommandHandler> g_commands = {
     {"reset_policies", aec::ResetPolicies},
     {"reset_policy", aec::ResetPolicies},
+    {"confirm_hard_mode", aec::HandleConfirmHardMode},
+    {"status_confirmation", aec::HandleStatusConfirmation},
 };
 
 void CopyText(char* target, const char* text) {

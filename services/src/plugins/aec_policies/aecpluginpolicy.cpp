@@ -1,7 +1,38 @@
 #include "aec_policies/aecpluginpolicy.h"
 
+#include <memory>
+#include <vector>
+
+#include "aec_policies/aeckernelsetters.h"
+#include "aec_policies/aeclogpolicy.h"
+#include "aec_policies/aeclogtypes.h"
+#include "aec_policies/aecmodepolicy.h"
+#include "aec_policies/aecstatepolicy.h"
+#include "host/request_getters.h"
+
 AecPluginPolicy::AecPluginPolicy()
-    : KernelPolicyManager("aec", "aec", "Application execution control", 32) {}
+    : KernelPolicyManager("aec", "aec", "Application execution control", 32) {
+  auto mode_state_setter =
+      std::make_shared<AecKernelModeStateSetter>(aec::kModeStateParameter);
+  auto log_mode_setter =
+      std::make_shared<AecLogModeSetter>(aec::kLogModeParameter);
+  auto control_getter = std::make_shared<ControlPolicyDbRequestGetter>();
+  auto log_getter = std::make_shared<AecLogPolicyDbRequestGetter>();
+
+  std::vector<std::shared_ptr<AecLogPolicy>> log_policies;
+  for (const AecLogType& type : aec::kAecLogTypes) {
+    log_policies.push_back(std::make_shared<AecLogPolicy>(
+        *this, type, log_mode_setter, log_getter));
+  }
+
+  // The state goes first so that the mode's application at start finds both
+  // values set and writes the kernel once.
+  AddPolicy(std::make_shared<AecStatePolicy>(*this, mode_state_setter,
+                                             control_getter));
+  AddPolicy(std::make_shared<AecModePolicy>(*this, mode_state_setter,
+                                            control_getter));
+  for (const auto& policy : log_policies) AddPolicy(policy);
+}
 
 AecPluginPolicy::~AecPluginPolicy() = default;
 
