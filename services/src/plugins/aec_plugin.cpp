@@ -29,6 +29,13 @@ std::int32_t g_busy = 0;
 const std::map<std::string, CommandHandler> g_commands = {
     {"reset_policies", aec::ResetPolicies},
     {"reset_policy", aec::ResetPolicies},
+    {"add", aec::HandleAdd},
+    {"edit", aec::HandleEdit},
+    {"remove", aec::HandleRemove},
+    {"export", aec::HandleExport},
+    {"log", aec::HandleLog},
+    {"loglist", aec::HandleLogList},
+    {"reload", aec::HandleReload},
     {"confirm_hard_mode", aec::HandleConfirmHardMode},
     {"status_confirmation", aec::HandleStatusConfirmation},
 };

@@ -1,6 +1,8 @@
 #include "aec_replies.h"
 
 #include "aec_paths.h"
+#include "host/errors.h"
+#include "kxaecctl.h"
 
 namespace aec {
 
@@ -8,6 +10,20 @@ boost::shared_ptr<IXml> MakeErrorReply(const std::string& text) {
   auto doc = XMLParserBoost::CreateEmptyXML();
   doc->AddValue("result", kResultFailed, false);
   doc->AddValue("error_desc", text, false);
+  return doc;
+}
+
+boost::shared_ptr<IXml> MakeToolReply(KxAecCtl& tool) {
+  try {
+    tool.Apply();
+  } catch (const PluginException& e) {
+    return MakeErrorReply(e.what());
+  }
+  if (tool.GetError() != KxAecCtl::kSuccess) {
+    return MakeErrorReply(tool.GetErrorDescription());
+  }
+  auto doc = XMLParserBoost::CreateEmptyXML();
+  doc->AddValue("result", kResultOk, false);
   return doc;
 }
 

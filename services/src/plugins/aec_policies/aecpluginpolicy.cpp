@@ -7,6 +7,7 @@
 #include "aec_policies/aeclogpolicy.h"
 #include "aec_policies/aeclogtypes.h"
 #include "aec_policies/aecmodepolicy.h"
+#include "aec_policies/aecrulespolicy.h"
 #include "aec_policies/aecstatepolicy.h"
 #include "host/request_getters.h"
 
@@ -32,6 +33,8 @@ AecPluginPolicy::AecPluginPolicy()
   AddPolicy(std::make_shared<AecModePolicy>(*this, mode_state_setter,
                                             control_getter));
   for (const auto& policy : log_policies) AddPolicy(policy);
+  // The rules policy stays last: it is applied after everything it builds on.
+  AddPolicy(std::make_shared<AecRulesPolicy>());
 }
 
 AecPluginPolicy::~AecPluginPolicy() = default;

@@ -1,0 +1,148 @@
+#include "aec_rule.h"
+
+#include <boost/filesystem.hpp>
+#include <boost/log/trivial.hpp>
+#include <boost/property_tree/json_parser.hpp>
+#include <sstream>
+#include <system_error>
+
+#include "aec_paths.h"
+#include "host/errors.h"
+#include "host/file_util.h"
+#include "ixml_add_array.h"
+
+namespace pt = boost::property_tree;
+
+namespace {
+
+void ReadList(const pt::ptree& tree, const char* key,
+              std::set<std::string>& items) {
+  // Child keys are ignored on purpose, so an object of strings reads like an
+  // array, and an empty string (how the writer puts an empty list) reads as
+  // no items.
+  for (const auto& child : tree.get_child(key)) items.insert(child.second.data());
+}
+
+pt::ptree ListNode(const std::set<std::string>& items) {
+  pt::ptree node;
+  for (const auto& item : items) node.push_back({"", pt::ptree(item)});
+  return node;
+}
+
+std::string FlagText(bool flag) { return flag ? "true" : "false"; }
+std::string FlagDigit(bool flag) { return std::string(1, '0' + flag); }
+
+}  // namespace
+
+AecRule::AecRule(const pt::ptree& tree) {
+  try {
+    Init(tree);
+  } catch (const std::exception& e) {
+    BOOST_LOG_TRIVIAL(error) << "failed to parse AEC rule: " << e.what();
+    throw PluginException(error::kInvalidConfig);
+  }
+}
+
+AecRule::AecRule(const std::string& path) : path_(path) {
+  try {
+    pt::ptree tree;
+    pt::read_json(path, tree);
+    Init(tree);
+  } catch (const std::exception& e) {
+    BOOST_LOG_TRIVIAL(error) << "failed to parse AEC config " << path << ": "
+                             << e.what();
+    throw PluginException(error::kInvalidConfig);
+  }
+}
+
+void AecRule::Init(const pt::ptree& tree) {
+  name_ = tree.get_child("name").get_value<std::string>();
+  // A name becomes a path under the rules directory; one that would leave it
+  // or name the directory itself is refused as an invalid rule.
+  if (!IsValidName(name_)) {
+    throw std::invalid_argument("invalid rule name '" + name_ + "'");
+  }
+  all_allowed_ = tree.get_child("all_allowed").get_value<bool>();
+  extended_ = tree.get_child("extended").get_value<bool>();
+  system_ = tree.get_child("system").get_value<bool>();
+  enable_ = tree.get_child("enable").get_value<bool>();
+  ReadList(tree, "user_list", users_);
+  ReadList(tree, "group_list", groups_);
+  ReadList(tree, "resource_list", resources_);
+}
+
+std::string AecRule::Name() const { return name_; }
+
+bool AecRule::System() const { return system_; }
+
+bool AecRule::operator==(const AecRule& other) const {
+  return name_ == other.name_ && all_allowed_ == other.all_allowed_ &&
+         enable_ == other.enable_ && extended_ == other.extended_ &&
+         system_ == other.system_ && users_ == other.users_ &&
+         groups_ == other.groups_ && resources_ == other.resources_;
+}
+
+bool AecRule::operator!=(const AecRule& other) const {
+  return !(*this == other);
+}
+
+bool AecRule::Save() const {
+  const std::string path = GetPath(name_);
+  if (!IsValidName(name_)) throw pt::json_parser_error("write error", path, 0);
+
+  pt::ptree tree;
+  tree.put("name", name_);
+  tree.put("all_allowed", FlagText(all_allowed_));
+  tree.put("extended", FlagText(extended_));
+  tree.put("system", FlagText(system_));
+  tree.put("enable", FlagText(enable_));
+  tree.add_child("user_list", ListNode(users_));
+  tree.add_child("group_list", ListNode(groups_));
+  tree.add_child("resource_list", ListNode(resources_));
+
+  std::ostringstream text;
+  pt::write_json(text, tree, true);
+  try {
+    // The temporary lives in the configuration directory, outside the rules
+    // directory, so a directory walk never reads a half-written rule.
+    kxfs::ReplaceFile(path, text.str(), aec::kConfigDir);
+  } catch (const std::system_error&) {
+    throw pt::json_parser_error("write error", path, 0);
+  }
+  return true;
+}
+
+boost::shared_ptr<IXml> AecRule::GetXml(bool withResources) {
+  auto doc = XMLParserBoost::CreateEmptyXML();
+  doc->AddValue("name", name_, false);
+  doc->AddValue("all", FlagDigit(all_allowed_), false);
+  doc->AddValue("enable", FlagDigit(enable_), false);
+  doc->AddValue("extended", FlagDigit(extended_), false);
+  doc->AddValue("system", FlagDigit(system_), false);
+  doc->AddArray(users_, "u");
+  doc->AddArray(groups_, "g");
+  if (withResources) doc->AddArray(resources_, "r");
+  return doc;
+}
+
+std::string AecRule::GetPath(const std::string& name) {
+  return aec::kRulesDir + name + ".conf";
+}
+
+bool AecRule::IsExist(const std::string& name) {
+  if (!IsValidName(name)) return false;
+  return boost::filesystem::exists(GetPath(name));
+}
+
+bool AecRule::Delete(const std::string& name) {
+  if (!IsValidName(name)) return true;
+  boost::system::error_code ignored;
+  boost::filesystem::remove(GetPath(name), ignored);
+  return true;
+}
+
+bool AecRule::IsValidName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}

@@ -1,0 +1,184 @@
+// The "add" and "edit" commands. Neither writes rule files itself: every
+// change is one run of the rule-control tool, which keeps the rule set and
+// its checksum consistent.
+#include "aec_rule_commands.h"
+
+#include <libintl.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "aec_commands.h"
+#include "aec_replies.h"
+#include "aec_rule.h"
+#include "host/errors.h"
+#include "kxaecctl.h"
+
+namespace {
+
+// An attribute as an owned text; null when absent.
+std::unique_ptr<char[]> Attribute(const boost::shared_ptr<IXml>& doc,
+                                  const std::string& name) {
+  return std::unique_ptr<char[]>(doc->GetAttribute(name));
+}
+
+bool IsOne(const std::unique_ptr<char[]>& value) {
+  return value && std::string(value.get()) == "1";
+}
+
+// The rule name of a request; a missing or empty one is reported as the
+// missing argument "rule name".
+std::string RequiredRuleName(const boost::shared_ptr<IXml>& rule) {
+  std::unique_ptr<char[]> name;
+  if (rule) name = Attribute(rule, "name");
+  if (!name || name[0] == '\0') {
+    throw PluginException(std::string(error::kMissingArg) +
+                          gettext("rule name"));
+  }
+  return name.get();
+}
+
+}  // namespace
+
+namespace aec {
+
+void BuildToolArgs(const boost::shared_ptr<IXml>& document, KxAecCtl& tool,
+                   bool allowAllUsers) {
+  const std::vector<std::string> users = document->GetArray("u");
+  const std::vector<std::string> groups = document->GetArray("g");
+  const std::vector<std::string> resources = document->GetArray("r");
+  const auto resource_file = Attribute(document, "resource-file");
+  const auto recursive = Attribute(document, "recursive");
+  const auto no_depend = Attribute(document, "no-depend");
+  const auto disable = Attribute(document, "disable");
+  const auto extended = Attribute(document, "extended");
+  const auto all_users = Attribute(document, "all-users");
+
+  if (allowAllUsers && IsOne(all_users)) {
+    tool.SetAllUseres();
+  } else {
+    tool.AddUsers(users);
+    tool.AddGroups(groups);
+  }
+  tool.AddResources(resources);
+  if (resource_file && resource_file[0] != '\0') {
+    tool.AddResourceFile(resource_file.get());
+  }
+  if (IsOne(recursive)) tool.SetRecursive();
+  if (IsOne(no_depend)) tool.SetNoDepend();
+  if (IsOne(disable)) tool.SetDisable();
+  if (!allowAllUsers && IsOne(extended)) tool.SetExtended();
+}
+
+void HandleAdd(parsed_xml_data_t* request) {
+  const auto rule = request->xml->GetNode("rule");
+  const auto whitelist = request->xml->GetNode("whitelist");
+  const auto exceptions = request->xml->GetNode("resource-exception");
+  auto result = XMLParserBoost::CreateEmptyXML();
+
+  if (rule) {
+    try {
+      const std::string name = RequiredRuleName(rule);
+      if (AecRule::IsExist(name)) {
+        throw PluginException(gettext("The rule is already exist: ") + name);
+      }
+      KxAecCtl tool("add", true);
+      tool.AddRules({name});
+      BuildToolArgs(rule, tool, false);
+      result->AddNode("rule", MakeToolReply(tool), true);
+    } catch (const PluginException& e) {
+      result->AddNode("rule", MakeErrorReply(e.what()), true);
+    }
+  }
+
+  // Whitelist members and resource exceptions are added by runs of their
+  // own, without a rule name; an empty list is no request at all.
+  if (whitelist) {
+    const std::vector<std::string> users = whitelist->GetArray("u");
+    const std::vector<std::string> groups = whitelist->GetArray("g");
+    if (!users.empty() || !groups.empty()) {
+      KxAecCtl tool("add", true);
+      tool.AddUsers(users);
+      tool.AddGroups(groups);
+      result->AddNode("whitelist", MakeToolReply(tool), true);
+    }
+  }
+  if (exceptions) {
+    const std::vector<std::string> resources = exceptions->GetArray("r");
+    if (!resources.empty()) {
+      KxAecCtl tool("add", true);
+      tool.AddResources(resources);
+      result->AddNode("resource-exception", MakeToolReply(tool), true);
+    }
+  }
+
+  request->reply->AddNode("add", result, false);
+}
+
+void HandleEdit(parsed_xml_data_t* request) {
+  const auto rule = request->xml->GetNode("rule");
+  std::unique_ptr<char[]> name;
+  boost::shared_ptr<IXml> add_doc, remove_doc, update_doc;
+  std::unique_ptr<char[]> state, new_name;
+  // A request without a "rule" child reads like one without a rule name.
+  if (rule) {
+    name = Attribute(rule, "name");
+    add_doc = rule->GetNode("add");
+    remove_doc = rule->GetNode("remove");
+    update_doc = rule->GetNode("update");
+    state = Attribute(rule, "state");
+    new_name = Attribute(rule, "rename");
+  }
+  auto result = XMLParserBoost::CreateEmptyXML();
+
+  try {
+    const std::string rule_name = RequiredRuleName(rule);
+    if (!AecRule::IsExist(rule_name)) {
+      throw PluginException(gettext("Rule does not exists: ") + rule_name);
+    }
+    // Each sub-operation is a run of its own with its own outcome; one that
+    // fails does not stop the later ones, and nothing is rolled back. The
+    // rename comes last so the others still find the rule by its old name.
+    if (add_doc) {
+      KxAecCtl tool("add", true);
+      tool.AddRules({rule_name});
+      BuildToolArgs(add_doc, tool, false);
+      result->AddNode("add", MakeToolReply(tool), true);
+    }
+    if (remove_doc) {
+      KxAecCtl tool("rm", true);
+      tool.AddRules({rule_name});
+      tool.AddResources(remove_doc->GetArray("r"));
+      tool.AddUsers(remove_doc->GetArray("u"));
+      tool.AddGroups(remove_doc->GetArray("g"));
+      result->AddNode("remove", MakeToolReply(tool), true);
+    }
+    if (update_doc) {
+      KxAecCtl tool("update", true);
+      tool.AddRules({rule_name});
+      BuildToolArgs(update_doc, tool, true);
+      result->AddNode("update", MakeToolReply(tool), true);
+    }
+    if (state) {
+      const std::string wanted = state.get();
+      if (wanted == "1" || wanted == "0") {
+        KxAecCtl tool(wanted == "1" ? "enable" : "disable", true);
+        tool.AddRules({rule_name});
+        result->AddNode("state", MakeToolReply(tool), true);
+      }
+    }
+    if (new_name && new_name[0] != '\0') {
+      KxAecCtl tool("rename", true);
+      tool.AddRules({rule_name});
+      tool.AddNewName(new_name.get());
+      result->AddNode("rename", MakeToolReply(tool), true);
+    }
+  } catch (const PluginException& e) {
+    result->AddNode("rule", MakeErrorReply(e.what()), true);
+  }
+
+  request->reply->AddNode("edit", result, false);
+}
+
+}  // namespace aec
