@@ -1,0 +1,348 @@
+// The audit journal commands "log" and "loglist" and the journal reader.
+//
+// The handlers belong to the plug-in core, so their log lines name
+// "aec_plugin" as the source, like the rest of the command table.
+#include "aec_audit_journal.h"
+
+#include <libintl.h>
+#include <sqlite3.h>
+
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <new>
+#include <unordered_set>
+#include <vector>
+
+#include "aec_commands.h"
+#include "aec_log.h"
+#include "aec_paths.h"
+#include "aec_replies.h"
+#include "host/errors.h"
+#include "ixml_add_array.h"
+
+namespace aec {
+
+namespace {
+
+constexpr const char* kLogFile = "aec_plugin";
+constexpr const char* kJournalTable = "logs";
+
+// What the read-only policy learnt while one statement was prepared.
+struct StatementCheck {
+  bool saw_select = false;
+};
+
+// Admits what a plain SELECT over `logs` needs and refuses everything else:
+// every write, schema change, ATTACH, DETACH, PRAGMA, transaction, recursive
+// query and extension loading. SQLite asks while it compiles a statement, so
+// a refused statement never runs.
+int AuthorizeJournalAccess(void* user_data, int action, const char* arg1,
+                           const char* arg2, const char* database,
+                           const char* inner_view) {
+  auto* check = static_cast<StatementCheck*>(user_data);
+  switch (action) {
+    case SQLITE_SELECT:
+      check->saw_select = true;
+      return SQLITE_OK;
+    case SQLITE_READ: {
+      // Columns of `logs`, directly or through a view named so; nothing of
+      // the schema table or of any other table.
+      const bool in_main = database != nullptr &&
+                           std::strcmp(database, "main") == 0;
+      const bool of_logs =
+          (arg1 != nullptr && std::strcmp(arg1, kJournalTable) == 0) ||
+          (inner_view != nullptr && std::strcmp(inner_view, kJournalTable) == 0);
+      return in_main && of_logs ? SQLITE_OK : SQLITE_DENY;
+    }
+    case SQLITE_FUNCTION:
+      return arg2 != nullptr && sqlite3_stricmp(arg2, "load_extension") == 0
+                 ? SQLITE_DENY
+                 : SQLITE_OK;
+    default:
+      return SQLITE_DENY;
+  }
+}
+
+struct DatabaseCloser {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+using Database = std::unique_ptr<sqlite3, DatabaseCloser>;
+
+struct StatementFinalizer {
+  void operator()(sqlite3_stmt* statement) const {
+    sqlite3_finalize(statement);
+  }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
+
+[[noreturn]] void FailRead(const char* error, const std::string& sql) {
+  // The format's missing closing parenthesis is what the agent's log readers
+  // have always seen; it stays.
+  AEC_LOG(kLogFile, 3, "[%d] %s: error from sqllite: %s (query: %s", error,
+          sql.c_str());
+  throw PluginException(gettext("failed to read audit database"));
+}
+
+// Opens the journal (creating a missing file, as sqlite3_open does) and puts
+// the connection under the read-only policy before any statement is compiled.
+Database OpenJournal(StatementCheck* check) {
+  sqlite3* raw = nullptr;
+  const int rc = sqlite3_open(kAuditDbPath.c_str(), &raw);
+  Database db(raw);
+  if (rc != SQLITE_OK) {
+    AEC_LOG(kLogFile, 3, "[%d] %s: can`t open sqllite db file %s, %s",
+            kAuditDbPath.c_str(),
+            raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));
+    throw PluginException(gettext("failed to open audit database"));
+  }
+  // Closing the last connection of a WAL journal would checkpoint it, which
+  // writes the journal file; a reader has no business doing that.
+  const bool guarded =
+      sqlite3_db_config(raw, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr) ==
+          SQLITE_OK &&
+      sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr) ==
+          SQLITE_OK &&
+      sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr) ==
+          SQLITE_OK &&
+      sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0,
+                        nullptr) == SQLITE_OK &&
+      sqlite3_set_authorizer(raw, AuthorizeJournalAccess, check) == SQLITE_OK;
+  sqlite3_limit(raw, SQLITE_LIMIT_ATTACHED, 0);
+  if (!guarded) {
+    AEC_LOG(kLogFile, 3, "[%d] %s: can`t open sqllite db file %s, %s",
+            kAuditDbPath.c_str(), sqlite3_errmsg(raw));
+    throw PluginException(gettext("failed to open audit database"));
+  }
+  return db;
+}
+
+// A set of distinct texts that looks rows up by views into SQLite's buffers
+// and copies a text only the first time it is seen. The views in index_
+// point into storage_, whose elements never move.
+class DistinctTexts {
+ public:
+  void Add(std::string_view text) {
+    if (index_.find(text) != index_.end()) return;
+    storage_.emplace_back(text);
+    index_.insert(storage_.back());
+  }
+  // Appends every member as a repeated value `name`, in the set's own order.
+  void AddTo(IXml& doc, const std::string& name) const {
+    for (std::string_view text : index_) {
+      doc.AddValue(name, std::string(text), true);
+    }
+  }
+
+ private:
+  std::deque<std::string> storage_;
+  std::unordered_set<std::string_view> index_;
+};
+
+// A request value read with GetParam, released on every path.
+class Param {
+ public:
+  Param(IXml& xml, const char* name) : value_(xml.GetParam(name)) {}
+  const char* get() const { return value_.get(); }
+  bool IsOne() const { return value_ && std::strcmp(value_.get(), "1") == 0; }
+
+ private:
+  std::unique_ptr<char[]> value_;
+};
+
+// Adds the row's program and, when asked, its object to `texts`. A row
+// without a program contributes no program (there is nothing to name).
+void CollectRow(const AuditRow& row, bool with_object, DistinctTexts& texts) {
+  if (auto app = row.Text(0)) texts.Add(*app);
+  if (!with_object) return;
+  if (auto object = row.Text(1)) texts.Add(UnframeObjectName(*object));
+}
+
+}  // namespace
+
+AuditRow::AuditRow(sqlite3_stmt* statement)
+    : statement_(statement), columns_(sqlite3_column_count(statement)) {}
+
+std::optional<std::string_view> AuditRow::Text(int index) const {
+  if (index < 0 || index >= columns_) return std::nullopt;
+  if (sqlite3_column_type(statement_, index) == SQLITE_NULL) {
+    return std::nullopt;
+  }
+  const auto* text = reinterpret_cast<const char*>(
+      sqlite3_column_text(statement_, index));
+  if (text == nullptr) throw std::bad_alloc();  // the text conversion failed
+  const auto bytes = static_cast<std::size_t>(
+      sqlite3_column_bytes(statement_, index));
+  return std::string_view(text, strnlen(text, bytes));
+}
+
+void QueryAuditDb(const std::string& sql, const AuditRowHandler& on_row) {
+  StatementCheck check;
+  Database db = OpenJournal(&check);
+  int first_columns = -1;  // columns of the first row seen, in any statement
+  // The text is read as a C string, as the journal's classic reader did: a
+  // NUL byte ends the SQL there.
+  const char* next = sql.c_str();
+  while (*next != '\0') {
+    check.saw_select = false;
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(db.get(), next, -1, &raw, &next) != SQLITE_OK) {
+      FailRead(sqlite3_errmsg(db.get()), sql);
+    }
+    Statement statement(raw);
+    if (!statement) continue;  // only blanks or a comment
+    // VACUUM (INTO) passes the authorizer without a word, so a statement must
+    // also have been seen as a SELECT and be read-only by SQLite's own
+    // judgement.
+    if (!check.saw_select || !sqlite3_stmt_readonly(statement.get())) {
+      FailRead("not authorized", sql);
+    }
+    int rc;
+    while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
+      const AuditRow row(statement.get());
+      if (first_columns < 0) {
+        first_columns = row.Columns();
+      } else if (row.Columns() != first_columns) {
+        FailRead("statements of the query return different columns", sql);
+      }
+      on_row(row);
+    }
+    if (rc != SQLITE_DONE) FailRead(sqlite3_errmsg(db.get()), sql);
+  }
+}
+
+std::string ResultFilter(const char* operationresult) {
+  if (operationresult == nullptr) return " AND success=0";
+  if (std::strcmp(operationresult, "all") == 0) return "";
+  if (std::strcmp(operationresult, "success") == 0) return " AND success=1";
+  return " AND success=0";
+}
+
+boost::shared_ptr<IXml> DistinctColumn(const std::string& where,
+                                       const std::string& column,
+                                       const std::string& value_name) {
+  std::vector<std::string> values;  // distinct already: bounded by the reply
+  QueryAuditDb("SELECT DISTINCT " + column + " FROM logs " + where,
+               [&values](const AuditRow& row) {
+                 if (auto value = row.Text(0)) values.emplace_back(*value);
+               });
+  auto doc = XMLParserBoost::CreateEmptyXML();
+  doc->AddArray(values, value_name);
+  return doc;
+}
+
+std::string LogListWhere(const char* inittime, const char* finaltime,
+                         const char* operationresult) {
+  std::string where = "WHERE event_id >= 1050 AND event_id <= 1055";
+  where += ResultFilter(operationresult);
+  if (inittime != nullptr) where.append(" AND date_time >= ").append(inittime);
+  if (finaltime != nullptr) where.append(" AND date_time < ").append(finaltime);
+  return where;
+}
+
+std::string LogConditions(const LogFilter& filter) {
+  std::string conditions = ResultFilter(filter.operationresult);
+  if (filter.inittime != nullptr) {
+    conditions.append(" AND date_time >= ").append(filter.inittime);
+  }
+  if (filter.finaltime != nullptr) {
+    conditions.append(" AND date_time < ").append(filter.finaltime);
+  }
+  if (filter.execfile != nullptr) {
+    conditions.append(" AND app = '").append(filter.execfile).append("'");
+  }
+  if (filter.user != nullptr) {
+    conditions.append(" AND username = '").append(filter.user).append("'");
+  }
+  if (filter.group != nullptr) {
+    conditions.append(" AND groupname = '").append(filter.group).append("'");
+  }
+  return conditions;
+}
+
+std::string LogObjectsQuery(const std::string& conditions) {
+  return "SELECT app, object_name FROM logs WHERE event_id >= 1050 AND "
+         "event_id <= 1053" +
+         conditions;
+}
+
+std::string LogFilesQuery(const std::string& conditions, bool openfiles) {
+  return std::string(openfiles ? "SELECT app, object_name" : "SELECT app") +
+         " FROM logs WHERE event_id >= 1054 AND event_id <= 1055" + conditions;
+}
+
+std::string_view UnframeObjectName(std::string_view object_name) {
+  if (object_name.empty()) return object_name;
+  std::string_view text = object_name.substr(1);
+  if (text.size() >= 2) text.remove_suffix(2);
+  return text;
+}
+
+void HandleLogList(parsed_xml_data_t* request) {
+  IXml& xml = *request->xml;
+  const Param inittime(xml, "inittime");
+  const Param finaltime(xml, "finaltime");
+  const Param execfiles(xml, "execfiles");
+  const Param users(xml, "users");
+  const Param groups(xml, "groups");
+  const Param operationresult(xml, "operationresult");
+  try {
+    const std::string where =
+        LogListWhere(inittime.get(), finaltime.get(), operationresult.get());
+    auto result = XMLParserBoost::CreateEmptyXML();
+    result->AddValue("result", kResultOk, false);
+    if (users.IsOne()) {
+      result->AddNode("users", DistinctColumn(where, "username", "u"), true);
+    }
+    if (groups.IsOne()) {
+      result->AddNode("groups", DistinctColumn(where, "groupname", "g"), true);
+    }
+    if (execfiles.IsOne()) {
+      result->AddNode("execfiles", DistinctColumn(where, "app", "r"), true);
+    }
+    request->reply->AddNode("loglist", result, false);
+  } catch (const PluginException& e) {
+    request->reply->AddNode("loglist", MakeErrorReply(e.what()), true);
+  }
+}
+
+void HandleLog(parsed_xml_data_t* request) {
+  IXml& xml = *request->xml;
+  const Param inittime(xml, "inittime");
+  const Param finaltime(xml, "finaltime");
+  const Param execfile(xml, "execfile");
+  const Param user(xml, "user");
+  const Param group(xml, "group");
+  const Param operationresult(xml, "operationresult");
+  const bool openfiles = Param(xml, "openfiles").IsOne();
+  try {
+    LogFilter filter;
+    filter.inittime = inittime.get();
+    filter.finaltime = finaltime.get();
+    filter.execfile = execfile.get();
+    filter.user = user.get();
+    filter.group = group.get();
+    filter.operationresult = operationresult.get();
+    const std::string conditions = LogConditions(filter);
+
+    DistinctTexts resources;
+    QueryAuditDb(LogObjectsQuery(conditions), [&resources](const AuditRow& row) {
+      CollectRow(row, true, resources);
+    });
+    QueryAuditDb(LogFilesQuery(conditions, openfiles),
+                 [&resources, openfiles](const AuditRow& row) {
+                   CollectRow(row, openfiles, resources);
+                 });
+
+    auto result = XMLParserBoost::CreateEmptyXML();
+    result->AddValue("result", kResultOk, false);
+    auto list = XMLParserBoost::CreateEmptyXML();
+    resources.AddTo(*list, "r");
+    result->AddNode("resources", list, true);
+    request->reply->AddNode("log", result, false);
+  } catch (const PluginException& e) {
+    request->reply->AddNode("log", MakeErrorReply(e.what()), true);
+  }
+}
+
+}  // namespace aec
