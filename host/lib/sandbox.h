@@ -27,6 +27,12 @@ void PopRoot();
 // var/cache/kxnetwork. Existing ones are kept.
 void MakeRootLayout(const std::string& dir);
 
+// MakeRootLayout plus the configuration a freshly installed agent has,
+// written only where missing: the whitelist file
+// etc/aec/white-list.config with empty user and group lists (the package
+// installs one, and the plug-in refuses to start without it).
+void SeedFreshInstall(const std::string& dir);
+
 // True when the process runs in the sandbox entered by EnterSandbox.
 bool InSandbox();
 

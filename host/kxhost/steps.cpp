@@ -1,0 +1,193 @@
+#include "steps.h"
+
+#include <boost/property_tree/json_parser.hpp>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+
+#include "host/crypto.h"
+#include "host/ixml.h"
+#include "network_settings.h"
+
+namespace kxhost {
+namespace {
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUnanswered = 3;
+constexpr const char* kPasswordSetting = "KXDomainPassword";
+
+std::string ReadInput(const std::string& path, bool* stdin_used) {
+  if (path == "-") {
+    if (*stdin_used) {
+      throw InputError("standard input is read by more than one step");
+    }
+    *stdin_used = true;
+    return std::string(std::istreambuf_iterator<char>(std::cin),
+                       std::istreambuf_iterator<char>());
+  }
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw InputError("cannot read " + path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) throw InputError("cannot read " + path);
+  return text.str();
+}
+
+boost::shared_ptr<XmlDocument> ParseDocument(const std::string& path,
+                                             const std::string& text) {
+  try {
+    return ParseXml(text);
+  } catch (const std::runtime_error& e) {
+    throw InputError((path == "-" ? std::string("standard input") : path) +
+                     ": " + e.what());
+  }
+}
+
+void Print(const std::string& text) {
+  std::cout << text;
+  if (!text.empty() && text.back() != '\n') std::cout << '\n';
+  std::cout.flush();
+}
+
+int Worse(int current, int code) {
+  if (current == kExitFailure || code == 0) return current;
+  return code;
+}
+
+int RunExec(const PluginEntryPoints& plugin, PreparedStep& prepared) {
+  parsed_xml_data_t request;
+  request.xml = prepared.document;
+  request.reply = XMLParserBoost::CreateEmptyXML();
+  plugin.exec(&request);
+  if (request.outcome == 1) {
+    Print(request.reply->ToString("reply"));
+    return 0;
+  }
+  std::unique_ptr<char[]> command(request.xml->GetCommand());
+  std::fprintf(stderr, "kxhost: request '%s' %s\n",
+               command ? command.get() : "",
+               request.outcome == 2 ? "was released without a reply"
+                                    : "was not answered");
+  return kExitUnanswered;
+}
+
+int RunPluginStep(const PluginEntryPoints& plugin, PreparedStep& prepared) {
+  const std::string& name = prepared.step.name;
+  if (name == "exec") return RunExec(plugin, prepared);
+  if (name == "policies") {
+    auto document = XMLParserBoost::CreateEmptyXML();
+    const bool ok = plugin.policies(document);
+    Print(document->ToString("policies"));
+    return ok ? 0 : kExitFailure;
+  }
+  if (name == "set-policies") {
+    boost::shared_ptr<IXml> document = prepared.document;
+    const bool ok = plugin.set_policies(document);
+    Print(document->ToString("policies"));
+    if (!ok) std::fprintf(stderr, "kxhost: plugin_set_policies failed\n");
+    return ok ? 0 : kExitFailure;
+  }
+  if (name == "import-policies") {
+    auto result = XMLParserBoost::CreateEmptyXML();
+    const bool ok = plugin.import_policies(prepared.json, result);
+    Print(result->ToString("result"));
+    if (!ok) std::fprintf(stderr, "kxhost: plugin_import_policies failed\n");
+    return ok ? 0 : kExitFailure;
+  }
+  if (name == "info") {
+    plugin_info_data_t info{};
+    plugin.info(&info);
+    info.name[sizeof info.name - 1] = '\0';
+    info.description[sizeof info.description - 1] = '\0';
+    Print(std::string("name: ") + info.name + "\ndescription: " +
+          info.description);
+    return 0;
+  }
+  if (name == "state") {
+    plugin_state_data_t state{};
+    plugin.state(&state);
+    Print("busy: " + std::to_string(state.busy));
+    return 0;
+  }
+  throw std::logic_error("kxhost: no runner for step " + name);
+}
+
+int RunHostStep(PreparedStep& prepared) {
+  try {
+    if (prepared.step.name == "store-password") {
+      StoreNetworkSetting(kPasswordSetting, encrypt_password(prepared.password));
+    } else {
+      StoreNetworkSetting(prepared.step.args[0], prepared.step.args[1]);
+    }
+  } catch (const std::runtime_error& e) {
+    std::fprintf(stderr, "kxhost: %s: %s\n", prepared.step.name.c_str(),
+                 e.what());
+    return kExitFailure;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::vector<PreparedStep> PrepareSteps(const std::vector<Step>& steps) {
+  std::vector<PreparedStep> prepared;
+  bool stdin_used = false;
+  for (const auto& step : steps) {
+    PreparedStep entry;
+    entry.step = step;
+    if (step.name == "exec" || step.name == "set-policies") {
+      entry.document =
+          ParseDocument(step.args[0], ReadInput(step.args[0], &stdin_used));
+    } else if (step.name == "import-policies") {
+      entry.json.text = ReadInput(step.args[0], &stdin_used);
+      std::istringstream in(entry.json.text);
+      try {
+        boost::property_tree::read_json(in, entry.json.tree);
+      } catch (const boost::property_tree::json_parser_error& e) {
+        throw InputError(step.args[0] + ": malformed JSON: " + e.message() +
+                         " (line " + std::to_string(e.line()) + ")");
+      }
+    } else if (step.name == "store-password") {
+      entry.password = ReadInput("-", &stdin_used);
+      // One line is read; its line break is not part of the password.
+      const auto end = entry.password.find_first_of("\r\n");
+      if (end != std::string::npos) entry.password.erase(end);
+      if (entry.password.empty()) {
+        throw InputError("store-password: no password on standard input");
+      }
+    }
+    prepared.push_back(std::move(entry));
+  }
+  return prepared;
+}
+
+int RunSteps(const PluginEntryPoints* plugin,
+             std::vector<PreparedStep>& steps) {
+  int code = 0;
+  for (auto& prepared : steps) {
+    if (!NeedsPlugin(prepared.step)) {
+      code = Worse(code, RunHostStep(prepared));
+      continue;
+    }
+    // The plug-in may let exceptions through (plugin_exec passes those not
+    // derived from std::exception); kxhost reports them and goes on.
+    try {
+      code = Worse(code, RunPluginStep(*plugin, prepared));
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "kxhost: %s: the plug-in threw: %s\n",
+                   prepared.step.name.c_str(), e.what());
+      code = Worse(code, kExitFailure);
+    } catch (...) {
+      std::fprintf(stderr, "kxhost: %s: the plug-in threw a non-standard "
+                           "exception\n",
+                   prepared.step.name.c_str());
+      code = Worse(code, kExitFailure);
+    }
+  }
+  return code;
+}
+
+}  // namespace kxhost

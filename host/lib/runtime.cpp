@@ -1,0 +1,110 @@
+#include "runtime.h"
+
+#include <fstream>
+#include <mutex>
+#include <utility>
+
+#include "host_events.h"
+#include "log_sink.h"
+#include "settings_db.h"
+
+namespace kxhost {
+namespace {
+
+// The host's process-wide state. Leaked on purpose, like the log's: a plug-in
+// may still log or send while static objects are destroyed at exit.
+struct RuntimeState {
+  std::mutex mutex;
+  RuntimeOptions options;
+  LogObserver observer;
+  std::vector<HostEvent> events;
+};
+
+RuntimeState& State() {
+  static auto* state = new RuntimeState;
+  return *state;
+}
+
+// One event a line: the kind, then each argument after a tab. Tabs, line
+// breaks and backslashes inside arguments are escaped so that a reply
+// document (which spans lines) stays on its event's line.
+std::string EscapeField(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      default:
+        out += c;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+void Configure(const RuntimeOptions& options) {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  State().options = options;
+}
+
+const RuntimeOptions& Options() { return State().options; }
+
+void SetLogObserver(LogObserver observer) {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  State().observer = std::move(observer);
+}
+
+LogObserver CurrentLogObserver() {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  return State().observer;
+}
+
+std::vector<HostEvent> Events() {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  return State().events;
+}
+
+void ClearEvents() {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  State().events.clear();
+}
+
+// Declared in host_events.h.
+void RecordEvent(const std::string& kind, std::vector<std::string> args) {
+  std::string events_file;
+  std::string line = EscapeField(kind);
+  for (const auto& arg : args) line += "\t" + EscapeField(arg);
+  {
+    std::lock_guard<std::mutex> lock(State().mutex);
+    State().events.push_back(HostEvent{kind, std::move(args)});
+    events_file = State().options.events_file;
+  }
+  if (events_file.empty()) return;
+  std::ofstream out(events_file, std::ios::app);
+  out << line << '\n';
+  out.flush();
+  if (!out) {
+    WriteLogLine("runtime", __LINE__, 3, 24, "kxhost",
+                 "cannot append to the events file " + events_file);
+  }
+}
+
+void ResetState() {
+  CloseSettingsDb();
+  // TODO(hostcore): AecPolicySources::Get()->ReadConfig() once
+  // host/lib/policy_sources.cpp lands.
+}
+
+}  // namespace kxhost

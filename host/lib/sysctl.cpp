@@ -1,0 +1,114 @@
+#include "host/sysctl.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "host/log.h"
+#include "runtime.h"
+
+namespace {
+
+constexpr const char* kLogFile = "sysctl";
+constexpr const char* kProcRoot = "/proc/sys";
+
+// A parameter name is a relative path below the root; ".." or an absolute
+// name would write elsewhere.
+bool IsSafeName(const std::string& name) {
+  if (name.empty() || name[0] == '/') return false;
+  std::size_t start = 0;
+  while (start <= name.size()) {
+    const std::size_t end = name.find('/', start);
+    const std::string part =
+        name.substr(start, end == std::string::npos ? std::string::npos
+                                                    : end - start);
+    if (part.empty() || part == "." || part == "..") return false;
+    if (end == std::string::npos) break;
+    start = end + 1;
+  }
+  return true;
+}
+
+bool IsProcRoot(const std::string& root) {
+  return root == kProcRoot || root.compare(0, 6, "/proc/") == 0;
+}
+
+// Under a sandboxed root the parameters are plain files; their directories
+// are made the first time a parameter is written.
+bool MakeParents(const std::string& path) {
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string dir = path.substr(0, slash);
+    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+namespace sysctl {
+
+bool set(const std::string& name, const std::string& value) {
+  if (!IsSafeName(name)) {
+    log_message(kLogFile, __LINE__, 3, 24, "kxhost",
+                "sysctl: refusing parameter name '%s'", name.c_str());
+    return false;
+  }
+  const std::string root = kxhost::Options().sysctl_root;
+  const std::string path = root + "/" + name;
+  const bool proc = IsProcRoot(root);
+  if (!proc && !MakeParents(path)) {
+    log_message(kLogFile, __LINE__, 3, 24, "kxhost",
+                "sysctl: cannot make the directories of %s: %s", path.c_str(),
+                std::strerror(errno));
+    return false;
+  }
+  const int flags = proc ? O_WRONLY | O_CLOEXEC
+                         : O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+  const int fd = open(path.c_str(), flags, 0644);
+  if (fd < 0) {
+    log_message(kLogFile, __LINE__, 3, 24, "kxhost", "sysctl: cannot open %s: %s",
+                path.c_str(), std::strerror(errno));
+    return false;
+  }
+  // A kernel parameter takes its value in one write.
+  const ssize_t written = write(fd, value.data(), value.size());
+  const int write_errno = errno;
+  const bool closed = close(fd) == 0;
+  if (written != static_cast<ssize_t>(value.size()) || !closed) {
+    log_message(kLogFile, __LINE__, 3, 24, "kxhost",
+                "sysctl: cannot write '%s' to %s: %s", value.c_str(),
+                path.c_str(),
+                std::strerror(written < 0 ? write_errno : EIO));
+    return false;
+  }
+  log_message(kLogFile, __LINE__, 7, 24, "kxhost", "sysctl: %s = %s",
+              name.c_str(), value.c_str());
+  return true;
+}
+
+std::string get(const std::string& name) {
+  if (!IsSafeName(name)) return std::string();
+  const std::string path = kxhost::Options().sysctl_root + "/" + name;
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::string();
+  std::string text;
+  char buffer[256];
+  for (;;) {
+    const ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    text.append(buffer, static_cast<std::size_t>(got));
+  }
+  close(fd);
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
+    text.pop_back();
+  }
+  return text;
+}
+
+}  // namespace sysctl

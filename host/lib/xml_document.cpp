@@ -1,0 +1,216 @@
+#include "xml_document.h"
+
+#include <boost/make_shared.hpp>
+#include <boost/property_tree/xml_parser.hpp>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+namespace kxhost {
+namespace {
+
+namespace pt = boost::property_tree;
+
+constexpr const char* kAttributes = "<xmlattr>";
+
+// Names the parser gives to things that are not elements ("<xmlattr>",
+// "<xmlcomment>", "<xmltext>") all start with '<', which no element name can.
+bool IsElementName(const std::string& name) {
+  return !name.empty() && name[0] != '<';
+}
+
+char* CopyOut(const std::string& text) {
+  char* out = new char[text.size() + 1];
+  std::memcpy(out, text.c_str(), text.size() + 1);
+  return out;
+}
+
+bool IsBlank(const std::string& text) {
+  return text.find_first_not_of(" \t\r\n") == std::string::npos;
+}
+
+// Indentation between elements reaches the tree as text; it is layout, not
+// a value, so an element whose text is only white space has none.
+void DropLayoutText(pt::ptree* tree) {
+  if (IsBlank(tree->data())) tree->data().clear();
+  for (auto& child : *tree) {
+    if (child.first != kAttributes) DropLayoutText(&child.second);
+  }
+}
+
+// Sets (as_array_item false) or appends (true) the child element `name`.
+// The tree's path lookups are avoided on purpose: a '.' in a name is part of
+// the name here, not a path separator.
+void PlaceChild(pt::ptree* tree, const std::string& name, pt::ptree child,
+                bool as_array_item) {
+  if (!as_array_item) {
+    auto found = tree->find(name);
+    if (found != tree->not_found()) {
+      tree->to_iterator(found)->second = std::move(child);
+      return;
+    }
+  }
+  tree->push_back(std::make_pair(name, std::move(child)));
+}
+
+}  // namespace
+
+XmlDocument::XmlDocument(std::string name, boost::property_tree::ptree content)
+    : name_(std::move(name)), tree_(std::move(content)) {}
+
+XmlDocument::~XmlDocument() = default;
+
+void XmlDocument::AddValue(const std::string& name, const std::string& value,
+                           bool as_array_item) {
+  PlaceChild(&tree_, name, pt::ptree(value), as_array_item);
+}
+
+void XmlDocument::AddNode(const std::string& name,
+                          boost::shared_ptr<IXml> child, bool as_array_item) {
+  // An empty child is nothing to attach; the contract forbids throwing for
+  // it.
+  if (!child) return;
+  PlaceChild(&tree_, name, TreeOf(*child), as_array_item);
+}
+
+void XmlDocument::SetAttribute(const std::string& name,
+                               const std::string& value) {
+  auto found = tree_.find(kAttributes);
+  if (found == tree_.not_found()) {
+    tree_.push_front(std::make_pair(kAttributes, pt::ptree()));
+    found = tree_.find(kAttributes);
+  }
+  PlaceChild(&found->second, name, pt::ptree(value), false);
+}
+
+void XmlDocument::SetText(const std::string& text) { tree_.data() = text; }
+
+std::string XmlDocument::GetText() const { return tree_.data(); }
+
+std::string XmlDocument::Name() const { return name_; }
+
+char* XmlDocument::GetCommand() { return GetAttribute("command"); }
+
+void XmlDocument::SetCommand(const std::string& command) {
+  SetAttribute("command", command);
+}
+
+bool XmlDocument::HasChild(const std::string& name) const {
+  return IsElementName(name) && tree_.find(name) != tree_.not_found();
+}
+
+std::size_t XmlDocument::CountChildren(const std::string& name) const {
+  return IsElementName(name) ? tree_.count(name) : 0;
+}
+
+std::vector<std::string> XmlDocument::ChildNames() const {
+  std::vector<std::string> names;
+  for (const auto& child : tree_) {
+    if (IsElementName(child.first)) names.push_back(child.first);
+  }
+  return names;
+}
+
+std::string XmlDocument::ToString(const std::string& root) const {
+  std::string element = root.empty() ? name_ : root;
+  if (element.empty()) element = "document";
+  pt::ptree wrapper;
+  wrapper.push_back(std::make_pair(element, tree_));
+  std::ostringstream out;
+  pt::write_xml(out, wrapper, pt::xml_writer_make_settings<std::string>(' ', 2));
+  // The declaration line is dropped: a reply is one element, printed on its
+  // own.
+  std::string text = out.str();
+  if (text.compare(0, 5, "<?xml") == 0) {
+    const auto end = text.find('\n');
+    text.erase(0, end == std::string::npos ? text.size() : end + 1);
+  }
+  return text;
+}
+
+boost::shared_ptr<IXml> XmlDocument::Clone() const {
+  return boost::make_shared<XmlDocument>(name_, tree_);
+}
+
+char* XmlDocument::GetParam(const std::string& name) {
+  if (!IsElementName(name)) return nullptr;
+  auto found = tree_.find(name);
+  if (found == tree_.not_found()) return nullptr;
+  return CopyOut(found->second.data());
+}
+
+char* XmlDocument::GetAttribute(const std::string& name) {
+  auto attributes = tree_.find(kAttributes);
+  if (attributes == tree_.not_found()) return nullptr;
+  auto found = attributes->second.find(name);
+  if (found == attributes->second.not_found()) return nullptr;
+  return CopyOut(found->second.data());
+}
+
+std::vector<boost::shared_ptr<IXml>> XmlDocument::GetNodes(
+    const std::string& name) const {
+  std::vector<boost::shared_ptr<IXml>> nodes;
+  if (!IsElementName(name)) return nodes;
+  for (const auto& child : tree_) {
+    if (child.first == name) {
+      nodes.push_back(boost::make_shared<XmlDocument>(name, child.second));
+    }
+  }
+  return nodes;
+}
+
+boost::shared_ptr<IXml> XmlDocument::GetNode(const std::string& name) {
+  if (!IsElementName(name)) return {};
+  auto found = tree_.find(name);
+  if (found == tree_.not_found()) return {};
+  return boost::make_shared<XmlDocument>(name, found->second);
+}
+
+boost::shared_ptr<XmlDocument> ParseXml(const std::string& text) {
+  pt::ptree parsed;
+  std::istringstream in(text);
+  try {
+    pt::read_xml(in, parsed, pt::xml_parser::no_comments);
+  } catch (const pt::xml_parser_error& e) {
+    throw std::runtime_error("malformed XML: " + e.message() + " (line " +
+                             std::to_string(e.line()) + ")");
+  }
+  const pt::ptree::value_type* root = nullptr;
+  for (const auto& top : parsed) {
+    if (!IsElementName(top.first)) continue;
+    if (root != nullptr) {
+      throw std::runtime_error("malformed XML: more than one root element");
+    }
+    root = &top;
+  }
+  if (root == nullptr) throw std::runtime_error("malformed XML: no element");
+  if (!IsBlank(parsed.data())) {
+    throw std::runtime_error("malformed XML: text outside the root element");
+  }
+  auto document = boost::make_shared<XmlDocument>(root->first, root->second);
+  DropLayoutText(&document->Tree());
+  return document;
+}
+
+const boost::property_tree::ptree& TreeOf(const IXml& xml) {
+  const auto* document = dynamic_cast<const XmlDocument*>(&xml);
+  if (document == nullptr) {
+    throw std::logic_error("TreeOf: the document was not made by this host");
+  }
+  return document->Tree();
+}
+
+}  // namespace kxhost
+
+IXml::~IXml() = default;
+
+std::vector<std::string> IXml::GetArray(const std::string& name) {
+  std::vector<std::string> texts;
+  for (const auto& node : GetNodes(name)) texts.push_back(node->GetText());
+  return texts;
+}
+
+boost::shared_ptr<IXml> XMLParserBoost::CreateEmptyXML() {
+  return boost::make_shared<kxhost::XmlDocument>();
+}

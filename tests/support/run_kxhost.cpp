@@ -1,0 +1,114 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "kxtest.h"
+
+namespace kxtest {
+namespace {
+
+void ClosePipe(int* fd) {
+  if (*fd >= 0) close(*fd);
+  *fd = -1;
+}
+
+}  // namespace
+
+RunResult RunKxhost(const std::vector<std::string>& args,
+                    const std::string& input) {
+  int in[2], out[2], err[2];
+  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 ||
+      pipe2(err, O_CLOEXEC) != 0) {
+    throw std::runtime_error("RunKxhost: pipe failed");
+  }
+  std::vector<std::string> words = {KX_KXHOST_PATH};
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(&word[0]);
+  argv.push_back(nullptr);
+
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("RunKxhost: fork failed");
+  if (pid == 0) {
+    dup2(in[0], STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+    signal(SIGPIPE, SIG_DFL);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(in[0]);
+  close(out[1]);
+  close(err[1]);
+
+  // A child that stops reading early must not kill the test with SIGPIPE.
+  struct sigaction ignore {}, previous {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &ignore, &previous);
+
+  RunResult result;
+  int to_child = in[1];
+  int from_out = out[0];
+  int from_err = err[0];
+  std::size_t sent = 0;
+  if (input.empty()) ClosePipe(&to_child);
+  // Feed standard input and drain both outputs together, so that neither
+  // side can block the other on a full pipe.
+  while (to_child >= 0 || from_out >= 0 || from_err >= 0) {
+    std::vector<pollfd> fds;
+    if (to_child >= 0) fds.push_back({to_child, POLLOUT, 0});
+    if (from_out >= 0) fds.push_back({from_out, POLLIN, 0});
+    if (from_err >= 0) fds.push_back({from_err, POLLIN, 0});
+    if (poll(fds.data(), fds.size(), -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    for (const auto& p : fds) {
+      if (p.revents == 0) continue;
+      if (p.fd == to_child) {
+        const ssize_t n = write(to_child, input.data() + sent, input.size() - sent);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+          ClosePipe(&to_child);
+          continue;
+        }
+        sent += static_cast<std::size_t>(n);
+        if (sent == input.size()) ClosePipe(&to_child);
+        continue;
+      }
+      char buffer[4096];
+      const ssize_t n = read(p.fd, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        ClosePipe(p.fd == from_out ? &from_out : &from_err);
+        continue;
+      }
+      (p.fd == from_out ? result.out : result.err)
+          .append(buffer, static_cast<std::size_t>(n));
+    }
+  }
+  ClosePipe(&to_child);
+  ClosePipe(&from_out);
+  ClosePipe(&from_err);
+  sigaction(SIGPIPE, &previous, nullptr);
+
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) throw std::runtime_error("RunKxhost: waitpid failed");
+  }
+  if (WIFEXITED(status)) {
+    result.exit_code = WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    result.exit_code = 128 + WTERMSIG(status);
+  }
+  return result;
+}
+
+}  // namespace kxtest
