@@ -1,0 +1,100 @@
+#include "aecwhitelist.h"
+
+#include <boost/log/trivial.hpp>
+#include <boost/property_tree/json_parser.hpp>
+#include <cstdlib>
+#include <exception>
+
+#include "aec_helper.h"
+#include "aec_paths.h"
+#include "host/errors.h"
+#include "host/policy_sources.h"
+#include "json_config_file.h"
+
+namespace {
+
+// One literal each, fixed at load: the tool's command line holds no value
+// from outside, so handing it to the shell cannot be abused.
+const std::string kWhiteListPath = "/opt/korvex/etc/aec/white-list.config";
+const std::string kReloadCommand = "/opt/korvex/bin/kxaecctl reload -w";
+const std::string kLocalSource = "local";
+
+void AppendList(boost::property_tree::ptree& tree, const std::string& key,
+                const std::vector<std::string>& items) {
+  boost::property_tree::ptree list;
+  for (const std::string& item : items) {
+    boost::property_tree::ptree element;
+    element.put_value(item);
+    list.push_back(std::make_pair(std::string(), element));
+  }
+  tree.add_child(key, list);
+}
+
+std::vector<std::string> ElementValues(const boost::property_tree::ptree& node) {
+  std::vector<std::string> values;
+  for (const auto& element : node) values.push_back(element.second.data());
+  return values;
+}
+
+}  // namespace
+
+AECWhiteList::AECWhiteList(const std::string& source) : source_(source) {}
+
+const std::string& AECWhiteList::FilePath() { return kWhiteListPath; }
+
+UsersAndGroups AECWhiteList::Get() {
+  try {
+    boost::property_tree::ptree tree;
+    boost::property_tree::read_json(kWhiteListPath, tree);
+    return Get(tree);
+  } catch (const std::exception& e) {
+    BOOST_LOG_TRIVIAL(error) << "failed to parse AEC whitelist config: "
+                             << e.what();
+    throw PluginException(error::kInvalidConfig);
+  }
+}
+
+UsersAndGroups AECWhiteList::Get(const boost::property_tree::ptree& tree) {
+  UsersAndGroups result;
+  result.users = ElementValues(tree.get_child("user_list"));
+  result.groups = ElementValues(tree.get_child("group_list"));
+  return result;
+}
+
+void AECWhiteList::Apply(UsersAndGroups value) {
+  boost::property_tree::ptree tree;
+  AppendList(tree, "user_list", value.users);
+  AppendList(tree, "group_list", value.groups);
+  aec::WriteJsonConfig(kWhiteListPath, tree, aec::kConfigDir);
+  EnableCC();
+  Reload();  // the tool reports its own failures; the file stays written
+}
+
+int AECWhiteList::Reload() { return std::system(kReloadCommand.c_str()); }
+
+bool AECWhiteList::IsEnableCC() {
+  const std::string source = AecPolicySources::Get()->GetWhitelistSource();
+  return !source.empty() && source != kLocalSource;
+}
+
+std::string AECWhiteList::CurrentSource() {
+  if (!IsEnableCC()) return kLocalSource;
+  return AecPolicySources::Get()->GetWhitelistSource();
+}
+
+void AECWhiteList::EnableCC() const {
+  if (CurrentSource() == source_) return;
+  AecPolicySources* sources = AecPolicySources::Get();
+  sources->SetWhitelistSource(source_);
+  sources->WriteConfig();
+}
+
+void AECWhiteList::DisableCC() {
+  if (!IsEnableCC()) return;
+  AecPolicySources* sources = AecPolicySources::Get();
+  sources->SetWhitelistSource("");
+  sources->WriteConfig();
+  // The sources file is among the configuration whose checksum the
+  // rule-control tool verifies; a failed recomputation is logged there.
+  aec::recalc_common_crc();
+}
