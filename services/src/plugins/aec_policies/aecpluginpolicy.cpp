@@ -3,12 +3,14 @@
 #include <memory>
 #include <vector>
 
+#include "aec_policies/aecexceptionspolicy.h"
 #include "aec_policies/aeckernelsetters.h"
 #include "aec_policies/aeclogpolicy.h"
 #include "aec_policies/aeclogtypes.h"
 #include "aec_policies/aecmodepolicy.h"
 #include "aec_policies/aecrulespolicy.h"
 #include "aec_policies/aecstatepolicy.h"
+#include "aec_policies/aecwhitelistpolicy.h"
 #include "host/request_getters.h"
 
 AecPluginPolicy::AecPluginPolicy()
@@ -33,6 +35,8 @@ AecPluginPolicy::AecPluginPolicy()
   AddPolicy(std::make_shared<AecModePolicy>(*this, mode_state_setter,
                                             control_getter));
   for (const auto& policy : log_policies) AddPolicy(policy);
+  AddPolicy(std::make_shared<AecWhitelistPolicy>(*this));
+  AddPolicy(std::make_shared<AecExceptionsPolicy>(*this));
   // The rules policy stays last: it is applied after everything it builds on.
   AddPolicy(std::make_shared<AecRulesPolicy>());
 }
