@@ -148,7 +148,8 @@ TEST_F(ModeStateSetterTest, FailingRestartBlocksStationAndStillWrites) {
   EXPECT_EQ(blocks[0].args,
             (std::vector<std::string>{"Failed to apply AEC rules", "1"}));
   EXPECT_TRUE(log_.Contains("aeckernelsetters:"));
-  EXPECT_TRUE(log_.Contains("] aec: failed to apply AEC rules"));
+  // No single policy owns the setter: the core's identifier, (0x10 << 24) | 3.
+  EXPECT_TRUE(log_.Contains("[268435459] aec: failed to apply AEC rules"));
   EXPECT_EQ(ReadParameter(kEnvironmentFile), "1");
 }
 
