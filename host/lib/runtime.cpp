@@ -4,6 +4,7 @@
 #include <mutex>
 #include <utility>
 
+#include "host/policy_sources.h"
 #include "host_events.h"
 #include "log_sink.h"
 #include "settings_db.h"
@@ -103,8 +104,7 @@ void RecordEvent(const std::string& kind, std::vector<std::string> args) {
 
 void ResetState() {
   CloseSettingsDb();
-  // TODO(hostcore): AecPolicySources::Get()->ReadConfig() once
-  // host/lib/policy_sources.cpp lands.
+  AecPolicySources::Get()->ReadConfig();
 }
 
 }  // namespace kxhost
