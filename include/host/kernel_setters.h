@@ -54,9 +54,11 @@ class KX_HOST_API KernelStateSetter : public IKernelStateSetter {
 
 // Holds state and mode (0 soft, 1 hard) of one parameter. ChildApply writes
 // both to the kernel as one decimal number, state | mode << 1 (0 off, 1 on in
-// soft mode, 2 off with hard mode chosen, 3 on in hard mode), then keeps the
-// base flag: true when what it wrote is hard mode switched on. It returns
-// false without writing when the state or the mode was never set.
+// soft mode, 2 off with hard mode chosen, 3 on in hard mode; a state or mode
+// other than 1 counts as 0), then keeps the base flag: true when what it
+// wrote is hard mode switched on. It returns false without writing when the
+// state or the mode was never set, or when the write failed (the base flag
+// then stays as it was).
 class KX_HOST_API KernelModeStateSetter : public KernelStateSetter {
  public:
   explicit KernelModeStateSetter(const std::string& name);

@@ -1,0 +1,146 @@
+#include "host/policy_sources.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <boost/system/error_code.hpp>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <system_error>
+
+#include "host/file_util.h"
+#include "host/log.h"
+
+namespace {
+
+constexpr const char* kLogFile = "policy_sources";
+constexpr int kLogId = 0x01;
+constexpr const char* kLogName = "kxhost";
+
+#define KX_SOURCES_LOG(priority, format, ...)                         \
+  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format,    \
+              (kLogId << 24) | (priority), kLogName, ##__VA_ARGS__)
+
+// Plain literals: usable whenever Get() is first called, even from another
+// library's static initialisation.
+constexpr const char* kConfigDir = "/opt/korvex/etc/aec/";
+constexpr const char* kConfigPath = "/opt/korvex/etc/aec/policy-sources.conf";
+
+// Rules and exceptions start as the station's own; the whitelist starts
+// under no source at all, which is what "no central control" means to it.
+constexpr const char* kDefaultRules = "local";
+constexpr const char* kDefaultExceptions = "local";
+constexpr const char* kDefaultWhitelist = "";
+
+// A key that is missing or not a plain string keeps its default.
+std::string StringOr(const boost::property_tree::ptree& tree,
+                     const std::string& key, const std::string& fallback) {
+  const auto found = tree.find(key);
+  if (found == tree.not_found() || !found->second.empty()) return fallback;
+  return found->second.data();
+}
+
+std::string JsonString(const std::string& text) {
+  std::ostringstream out;
+  out << '"';
+  for (const char c : text) {
+    switch (c) {
+      case '"':
+        out << "\\\"";
+        break;
+      case '\\':
+        out << "\\\\";
+        break;
+      case '\n':
+        out << "\\n";
+        break;
+      case '\r':
+        out << "\\r";
+        break;
+      case '\t':
+        out << "\\t";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          static const char kHex[] = "0123456789abcdef";
+          out << "\\u00" << kHex[(c >> 4) & 0xf] << kHex[c & 0xf];
+        } else {
+          out << c;
+        }
+    }
+  }
+  out << '"';
+  return out.str();
+}
+
+}  // namespace
+
+AecPolicySources* AecPolicySources::Get() {
+  // Lives until unload; the constructor reads the file once.
+  static AecPolicySources instance;
+  return &instance;
+}
+
+AecPolicySources::AecPolicySources() { ReadConfig(); }
+
+void AecPolicySources::SetRulesSource(const std::string& source) {
+  rules_ = source;
+}
+
+void AecPolicySources::SetExceptionSource(const std::string& source) {
+  exceptions_ = source;
+}
+
+void AecPolicySources::SetWhitelistSource(const std::string& source) {
+  whitelist_ = source;
+}
+
+std::string AecPolicySources::GetRulesSource() const { return rules_; }
+
+std::string AecPolicySources::GetExceptionSource() const {
+  return exceptions_;
+}
+
+std::string AecPolicySources::GetWhitelistSource() const { return whitelist_; }
+
+bool AecPolicySources::WriteConfig() const {
+  const std::string content = "{\n    \"rules\": " + JsonString(rules_) +
+                              ",\n    \"exceptions\": " +
+                              JsonString(exceptions_) +
+                              ",\n    \"whitelist\": " +
+                              JsonString(whitelist_) + "\n}\n";
+  boost::system::error_code ec;
+  boost::filesystem::create_directories(kConfigDir, ec);
+  try {
+    // The temporary stays in etc/aec/ itself, never in rules/, where the
+    // rule-control tool reads every entry as a rule.
+    kxfs::ReplaceFile(kConfigPath, content, kConfigDir, 0644);
+  } catch (const std::system_error& e) {
+    KX_SOURCES_LOG(3, "[%d] %s: cannot write %s: %s", kConfigPath,
+                   e.what());
+    return false;
+  }
+  return true;
+}
+
+void AecPolicySources::ReadConfig() {
+  rules_ = kDefaultRules;
+  exceptions_ = kDefaultExceptions;
+  whitelist_ = kDefaultWhitelist;
+  std::ifstream in(kConfigPath);
+  if (!in) return;  // never written yet: the defaults are the record
+  boost::property_tree::ptree tree;
+  try {
+    boost::property_tree::read_json(in, tree);
+  } catch (const boost::property_tree::json_parser_error& e) {
+    KX_SOURCES_LOG(3, "[%d] %s: cannot read %s: %s", kConfigPath,
+                   e.what());
+    return;
+  }
+  rules_ = StringOr(tree, "rules", kDefaultRules);
+  exceptions_ = StringOr(tree, "exceptions", kDefaultExceptions);
+  whitelist_ = StringOr(tree, "whitelist", kDefaultWhitelist);
+}
+
+std::string AecPolicySources::ConfigPath() { return kConfigPath; }
