@@ -14,10 +14,19 @@ namespace {
 
 constexpr const char* kLogFile = "aec_helper";
 
-const std::string kIntegrityToolPath = aec::kInstallRoot + "/bin/kxaide";
-const std::string kCrcConfigPath = aec::kConfigDir + "crc-rule.conf";
-const std::string kCrcOutputDbPath = aec::kConfigDir + "crc-rule-out.db";
-const std::string kCrcDbPath = aec::kConfigDir + "crc-rule.db";
+// Built on first use: the root constants live in another translation unit,
+// whose static initialisation may not have run yet when this one's does.
+struct IntegrityPaths {
+  std::string tool = aec::kInstallRoot + "/bin/kxaide";
+  std::string config = aec::kConfigDir + "crc-rule.conf";
+  std::string output_db = aec::kConfigDir + "crc-rule-out.db";
+  std::string db = aec::kConfigDir + "crc-rule.db";
+};
+
+const IntegrityPaths& Paths() {
+  static const IntegrityPaths paths;
+  return paths;
+}
 
 }  // namespace
 
@@ -37,10 +46,10 @@ bool reload_rules() {
 }
 
 bool recalc_common_crc() {
-  std::string program = kIntegrityToolPath;
+  std::string program = Paths().tool;
   std::string index_option = "-i";
   std::string config_option = "-c";
-  std::string config = kCrcConfigPath;
+  std::string config = Paths().config;
   const std::vector<char*> argv = {&program[0], &index_option[0],
                                    &config_option[0], &config[0], nullptr};
   if (TtyHelpers(TtyHelpers::kDiscardOutput).ExecCommand(argv) != 0) {
@@ -49,7 +58,7 @@ bool recalc_common_crc() {
   }
   // One rename: the database in force is either the old or the new one.
   boost::system::error_code error;
-  boost::filesystem::rename(kCrcOutputDbPath, kCrcDbPath, error);
+  boost::filesystem::rename(Paths().output_db, Paths().db, error);
   if (error) {
     AEC_LOG(kLogFile, 7, "[%d] %s: failed to rename output db");
     return false;
