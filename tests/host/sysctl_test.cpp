@@ -1,0 +1,64 @@
+// Kernel parameters of a sandboxed host are files below its sysctl root.
+#include "host/sysctl.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "kxtest.h"
+#include "lib/runtime.h"
+
+namespace {
+
+class Sysctl : public kxtest::SandboxTest {};
+
+constexpr const char* kRoot = "/opt/korvex/var/run/sysctl";
+
+TEST_F(Sysctl, SetWritesTheValueBelowTheRootMakingDirectories) {
+  ASSERT_EQ(kxhost::Options().sysctl_root, kRoot);
+  EXPECT_TRUE(sysctl::set("korvex/secure/environment", "3"));
+  EXPECT_EQ(kxtest::ReadFile(std::string(kRoot) + "/korvex/secure/environment"),
+            "3");
+  EXPECT_EQ(sysctl::get("korvex/secure/environment"), "3");
+}
+
+TEST_F(Sysctl, SetReplacesThePreviousValue) {
+  EXPECT_TRUE(sysctl::set("korvex/secure/secenv_verbose", "12345"));
+  EXPECT_TRUE(sysctl::set("korvex/secure/secenv_verbose", "0"));
+  EXPECT_EQ(sysctl::get("korvex/secure/secenv_verbose"), "0");
+}
+
+TEST_F(Sysctl, GetOfAnUnsetParameterIsEmpty) {
+  EXPECT_EQ(sysctl::get("korvex/secure/never_set"), "");
+}
+
+TEST_F(Sysctl, NamesThatLeaveTheRootAreRefused) {
+  EXPECT_FALSE(sysctl::set("../escape", "1"));
+  EXPECT_FALSE(sysctl::set("/etc/passwd", "1"));
+  EXPECT_FALSE(sysctl::set("korvex//x", "1"));
+  EXPECT_FALSE(sysctl::set("", "1"));
+  EXPECT_FALSE(kxtest::Exists("/opt/korvex/var/run/escape"));
+  EXPECT_TRUE(log_.Contains("refusing parameter name"));
+  EXPECT_EQ(sysctl::get("../escape"), "");
+}
+
+TEST_F(Sysctl, WriteFailureIsLoggedAndReported) {
+  // A file where a directory of the name must go.
+  kxtest::WriteFile(std::string(kRoot) + "/korvex", "not a directory");
+  EXPECT_FALSE(sysctl::set("korvex/secure/environment", "1"));
+  EXPECT_TRUE(log_.Contains("sysctl: cannot"));
+}
+
+TEST_F(Sysctl, ProcRootIsNeverCreatedInto) {
+  kxhost::RuntimeOptions saved = kxhost::Options();
+  kxhost::RuntimeOptions options = saved;
+  options.sysctl_root = "/proc/sys";
+  kxhost::Configure(options);
+  const bool written = sysctl::set("korvex/secure/environment", "1");
+  kxhost::Configure(saved);
+  // No such parameter on this machine's kernel: nothing is made for it.
+  EXPECT_FALSE(written);
+  EXPECT_FALSE(kxtest::Exists("/proc/sys/korvex"));
+}
+
+}  // namespace
