@@ -1,0 +1,67 @@
+// Audit journals for the journal benchmark and the journal tests.
+//
+// A journal is an SQLite database with the table `logs` as the agent's audit
+// service writes it (kJournalSchema). `date_time` holds the event time in
+// whole seconds since the Unix epoch (UTC), so that time bounds compare
+// without quoting; `object_name` is framed as "\"" + path + "\";" (one
+// leading, two trailing characters), which readers cut off.
+//
+// All functions throw std::runtime_error with SQLite's message on failure.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kxbench {
+
+// The journal's table and its time index.
+extern const char* const kJournalSchema;
+
+// One journal row; nullopt columns are stored as NULL.
+struct JournalRow {
+  int event_id = 1050;
+  std::optional<std::string> date_time;  // stored as written (text or number)
+  std::optional<std::string> app;
+  std::optional<std::string> object_name;  // stored as given (no framing)
+  std::optional<std::string> username;
+  std::optional<std::string> groupname;
+  int success = 0;
+};
+
+// "\"" + path + "\";"
+std::string FrameObjectName(const std::string& path);
+
+// Creates a journal at `path` (replacing any file there) holding `rows`.
+// A date_time that parses whole as an integer is stored as an integer, any
+// other text as text.
+void WriteJournal(const std::string& path, const std::vector<JournalRow>& rows);
+
+// The shape of a generated journal.
+struct JournalShape {
+  std::size_t rows = 100000;
+  std::uint64_t seed = 20261121;
+  int users = 300;
+  int groups = 60;
+  int programs = 3000;
+  int libraries = 5000;
+  int files = 8000;
+  std::int64_t first_time = 1793491200;  // 2026-11-01 00:00:00 UTC
+  std::int64_t span_seconds = 30 * 24 * 3600;
+  int denied_per_mille = 100;  // share of denied events (success = 0)
+};
+
+// Creates a journal at `path` (replacing any file there) with `shape.rows`
+// rows of execution-control events 1050 to 1055 in time order: program
+// starts (1050, the object is the program), library loads (1051 to 1053) and
+// file opens (1054, 1055), by a few hundred users in a few dozen groups;
+// programs, libraries and files are drawn with a skew towards common ones.
+// Deterministic for a given shape. Memory does not grow with the row count.
+void GenerateJournal(const std::string& path, const JournalShape& shape);
+
+// The first and one past the last date_time a generated journal can hold.
+std::int64_t FirstTime(const JournalShape& shape);
+std::int64_t EndTime(const JournalShape& shape);
+
+}  // namespace kxbench
