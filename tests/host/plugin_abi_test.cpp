@@ -1,0 +1,91 @@
+// The built plug-in exports its entry points under their C++ names, and
+// nothing else but the network settings store.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/plugin_api.h"
+
+namespace {
+
+const std::vector<const char*>& EntryPoints() {
+  static const std::vector<const char*> names = {
+      plugin_symbols::kInit,         plugin_symbols::kExit,
+      plugin_symbols::kInfo,         plugin_symbols::kState,
+      plugin_symbols::kExec,         plugin_symbols::kPolicies,
+      plugin_symbols::kSetPolicies,  plugin_symbols::kImportPolicies,
+  };
+  return names;
+}
+
+TEST(PluginAbi, EveryEntryPointIsFoundByItsMangledName) {
+  void* library = dlopen(KX_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  for (const char* name : EntryPoints()) {
+    EXPECT_NE(dlsym(library, name), nullptr) << name;
+  }
+  // The plain C names are not there: the types are part of the contract.
+  EXPECT_EQ(dlsym(library, "plugin_init"), nullptr);
+  dlclose(library);
+}
+
+TEST(PluginAbi, MangledNamesMatchTheDeclarations) {
+  // The symbol names the host looks up are the compiler's names of the
+  // declared functions.
+  Dl_info info;
+  void* library = dlopen(KX_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  void* init = dlsym(library, plugin_symbols::kInit);
+  ASSERT_NE(init, nullptr);
+  ASSERT_NE(dladdr(init, &info), 0);
+  EXPECT_STREQ(info.dli_sname, "_Z11plugin_initv");
+  dlclose(library);
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::set<std::string> ExportedSymbols(const std::string& library) {
+  std::set<std::string> symbols;
+  FILE* pipe = popen(("nm -D --defined-only '" + library + "'").c_str(), "r");
+  if (pipe == nullptr) return symbols;
+  char line[4096];
+  while (std::fgets(line, sizeof line, pipe) != nullptr) {
+    std::string text(line);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+      text.pop_back();
+    }
+    const auto space = text.rfind(' ');
+    if (space != std::string::npos) symbols.insert(text.substr(space + 1));
+  }
+  pclose(pipe);
+  return symbols;
+}
+
+TEST(PluginAbi, NothingElseOfOursIsExported) {
+  const std::set<std::string> exported = ExportedSymbols(KX_PLUGIN_PATH);
+  ASSERT_FALSE(exported.empty()) << "nm gave nothing for " << KX_PLUGIN_PATH;
+  std::set<std::string> allowed(EntryPoints().begin(), EntryPoints().end());
+  for (const char* variable :
+       {"g_serverUrl", "g_serverSid", "g_clientSid", "g_domainGUID",
+        "g_receiveTimeout", "g_transmissionBlockSize", "g_saveLogCopy",
+        "g_takeLogExceed"}) {
+    allowed.insert(variable);
+  }
+  for (const auto& symbol : exported) {
+    const bool network_store = StartsWith(symbol, "_ZN13NetworkConfig") ||
+                               StartsWith(symbol, "_ZNK13NetworkConfig");
+    EXPECT_TRUE(allowed.count(symbol) == 1 || network_store)
+        << "unexpected export " << symbol;
+  }
+  for (const char* name : EntryPoints()) {
+    EXPECT_EQ(exported.count(name), 1u) << name;
+  }
+}
+
+}  // namespace
