@@ -29,8 +29,9 @@ TEST_F(ConfirmationCommandsTest, StatusDescribesEachKnownState) {
       {0, "AEC hard mode is awaiting confirmation after reboot"},
       {1, "AEC hard mode is awaiting confirmation"},
       {2, "AEC hard mode is confirmed"},
-      {3, "AEC hard mode was not confirmed. You need to re-enable and confirm "
-          "it"},
+      {3,
+       "AEC hard mode was not confirmed. You need to re-enable and confirm "
+       "it"},
   };
   for (const auto& [state, description] : expected) {
     SCOPED_TRACE(state);
@@ -100,7 +101,8 @@ TEST_F(ConfirmationCommandsTest, ConfirmRefusedAnswersResultZeroOnly) {
 }
 
 TEST_F(ConfirmationCommandsTest, BothCommandsAreReachableThroughTheTable) {
-  for (const std::string command : {"confirm_hard_mode", "status_confirmation"}) {
+  for (const std::string command :
+       {"confirm_hard_mode", "status_confirmation"}) {
     SCOPED_TRACE(command);
     kxhost::ClearEvents();
     auto request = MakeRequest("<request command=\"" + command + "\"/>");

@@ -185,10 +185,9 @@ TEST_F(LogModeSetterTest, StartsWithAnEmptyMaskAndWritesItAsDecimal) {
 }
 
 TEST_F(LogModeSetterTest, DefaultsGive15AndOpeningFilesMakesIt31) {
-  for (auto type : {AecLogModeSetter::kLogPermExec,
-                    AecLogModeSetter::kLogDenyExec,
-                    AecLogModeSetter::kLogPermOpenLib,
-                    AecLogModeSetter::kLogDenyOpenLib}) {
+  for (auto type :
+       {AecLogModeSetter::kLogPermExec, AecLogModeSetter::kLogDenyExec,
+        AecLogModeSetter::kLogPermOpenLib, AecLogModeSetter::kLogDenyOpenLib}) {
     setter_.SetLogMode(type, 1);
   }
   ASSERT_TRUE(setter_.Apply());

@@ -74,8 +74,7 @@ TEST_F(LogPolicyTest, EachPolicyDescribesItselfFromItsRow) {
 
 TEST_F(LogPolicyTest, ApplyingSetsOnlyItsOwnBitAndWritesTheWholeMask) {
   AecLogPolicy deny_exec(manager_, aec::kAecLogTypes[1], setter_, getter_);
-  AecLogPolicy perm_openfile(manager_, aec::kAecLogTypes[4], setter_,
-                             getter_);
+  AecLogPolicy perm_openfile(manager_, aec::kAecLogTypes[4], setter_, getter_);
   deny_exec.ApplyKernelValue(1);
   EXPECT_EQ(ReadParameter(kVerboseFile), "2");
   perm_openfile.ApplyKernelValue(1);
@@ -105,8 +104,8 @@ TEST_F(LogPolicyTest, DefaultsGiveMask15AndOpeningFilesOnGives31) {
         << row.name;
   }
 
-  ASSERT_TRUE(
-      manager_.SetValueToPolicy<std::string>("log_perm_openfile", "local", "1"));
+  ASSERT_TRUE(manager_.SetValueToPolicy<std::string>("log_perm_openfile",
+                                                     "local", "1"));
   manager_.ApplyPolicies();
   EXPECT_EQ(ReadParameter(kVerboseFile), "31");
 }

@@ -77,12 +77,10 @@ class HardModeEndToEndTest : public kxtest::SandboxTest {
   }
 
   std::size_t NewEventsOfKind(const std::string& kind) const {
-    return static_cast<std::size_t>(
-        std::count_if(new_events_.begin(), new_events_.end(),
-                      [&](const std::string& line) {
-                        return line.compare(0, kind.size() + 1,
-                                            kind + "\t") == 0;
-                      }));
+    return static_cast<std::size_t>(std::count_if(
+        new_events_.begin(), new_events_.end(), [&](const std::string& line) {
+          return line.compare(0, kind.size() + 1, kind + "\t") == 0;
+        }));
   }
 
   static std::vector<std::vector<std::string>> RestartCalls() {
@@ -104,9 +102,9 @@ void ExpectInOrder(const std::string& text,
   std::size_t from = 0;
   for (const auto& needle : needles) {
     const std::size_t at = text.find(needle, from);
-    ASSERT_NE(at, std::string::npos) << "missing or out of order: " << needle
-                                     << "\nin:\n"
-                                     << text;
+    ASSERT_NE(at, std::string::npos)
+        << "missing or out of order: " << needle << "\nin:\n"
+        << text;
     from = at + needle.size();
   }
 }
@@ -169,8 +167,8 @@ TEST_F(HardModeEndToEndTest, ConfirmedHardModeSurvivesTheReboot) {
 }
 
 TEST_F(HardModeEndToEndTest, NeverConfirmedHardModeFallsBackToSoftMode) {
-  auto run = Start(
-      {"set-policies", PoliciesFile({{"state", "1"}, {"mode", "1"}})});
+  auto run =
+      Start({"set-policies", PoliciesFile({{"state", "1"}, {"mode", "1"}})});
   ASSERT_EQ(run.exit_code, 0) << run.err;
   ASSERT_EQ(ReadParameter(kEnvironmentFile), "3");
 
@@ -205,8 +203,8 @@ TEST_F(HardModeEndToEndTest, FailingRestartBlocksStationAndStillWrites) {
   failing.exit_code = 6;
   kxtest::InstallFakeTool("kxaecctl", failing);
 
-  const auto run = Start(
-      {"set-policies", PoliciesFile({{"state", "1"}, {"mode", "1"}})});
+  const auto run =
+      Start({"set-policies", PoliciesFile({{"state", "1"}, {"mode", "1"}})});
   ASSERT_EQ(run.exit_code, 0) << run.err;
 
   EXPECT_TRUE(NewEvent("block_station\tFailed to apply AEC rules\t1"));

@@ -25,8 +25,7 @@ inline const std::string kVerboseFile =
     SysctlPath("korvex/secure/secenv_verbose");
 inline const std::string kWarningFile =
     "/opt/korvex/var/tmp/pam_messages/aec_confirm_warning";
-inline const std::string kLockFile =
-    "/opt/korvex/var/tmp/rm/aec_confirm_lock";
+inline const std::string kLockFile = "/opt/korvex/var/tmp/rm/aec_confirm_lock";
 inline const std::string kStateFile = "/opt/korvex/var/aec_confirm";
 
 // The kernel parameter's text, or "<unwritten>" when it was never written.

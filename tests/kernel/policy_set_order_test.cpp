@@ -20,7 +20,8 @@ class PolicySetKernelTest : public kxtest::SandboxTest {
 TEST_F(PolicySetKernelTest, StateModeAndTheSixAuditPoliciesComeFirstInOrder) {
   AecPluginPolicy policies;
   std::vector<std::string> names;
-  for (const auto& policy : policies.Policies()) names.push_back(policy->Name());
+  for (const auto& policy : policies.Policies())
+    names.push_back(policy->Name());
   ASSERT_GE(names.size(), 8u);
   names.resize(8);
   EXPECT_EQ(names, (std::vector<std::string>{
