@@ -29,6 +29,7 @@ std::int32_t g_busy = 0;
 const std::map<std::string, CommandHandler> g_commands = {
     {"reset_policies", aec::ResetPolicies},
     {"reset_policy", aec::ResetPolicies},
+    {"get", aec::HandleGet},
     {"add", aec::HandleAdd},
     {"edit", aec::HandleEdit},
     {"remove", aec::HandleRemove},

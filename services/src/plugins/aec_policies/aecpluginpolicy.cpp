@@ -54,5 +54,3 @@ bool AecPluginPolicy::FilterParams(std::string& group, std::string& name,
   group = Group();
   return true;
 }
-
-void InitStorage() {}
