@@ -325,4 +325,35 @@ TEST_F(Kxhost, SettingStoresABoundValue) {
   EXPECT_EQ(SettingValues("KXPort"), std::vector<std::string>{"636"});
 }
 
+// The sources that GetPoliciesXml reports for log_perm_exec, in order.
+std::vector<std::string> LogPermExecSources(const std::string& out) {
+  const std::string key = "name=\"log_perm_exec\" type=\"enum\" source=\"";
+  std::vector<std::string> sources;
+  for (auto at = out.find(key); at != std::string::npos;
+       at = out.find(key, at + 1)) {
+    const auto start = at + key.size();
+    sources.push_back(out.substr(start, out.find('"', start) - start));
+  }
+  return sources;
+}
+
+TEST_F(Kxhost, ResetWithoutSourceResetsEveryPolicyWithSourceOnlyThatSource) {
+  const std::string policies = WriteInput(
+      "dorvi.xml",
+      "<policies><policy group=\"aec\" name=\"log_perm_exec\" "
+      "source=\"dorvi\"><type>0</type></policy></policies>");
+  const std::string other_source = WriteInput(
+      "yunko.xml",
+      "<request command=\"reset_policies\"><source>yunko</source></request>");
+  const std::string no_source =
+      WriteInput("all.xml", "<request command=\"reset_policy\"/>");
+  const auto r = Run({"set-policies", policies, "exec", other_source,
+                      "policies", "exec", no_source, "policies"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  // GetParam("source") null: ResetSource for all; "yunko": only yunko's.
+  EXPECT_EQ(LogPermExecSources(r.out),
+            (std::vector<std::string>{"dorvi", "local"}))
+      << r.out;
+}
+
 }  // namespace
