@@ -96,10 +96,12 @@ std::string UriHost(const std::string& server) {
     if (!(std::isxdigit(u) || c == ':' || c == '.')) ipv6 = false;
   }
   if (plain) return server;
-  if (ipv6 && server.find(':') != std::string::npos) return "[" + server + "]";
+  // An IPv6 address has at least two colons; "name:port" is refused.
+  const auto colons = std::count(server.begin(), server.end(), ':');
+  if (ipv6 && colons >= 2) return "[" + server + "]";
   if (server.size() > 2 && server.front() == '[' && server.back() == ']') {
     const std::string inner = server.substr(1, server.size() - 2);
-    bool ok = inner.find(':') != std::string::npos;
+    bool ok = std::count(inner.begin(), inner.end(), ':') >= 2;
     for (char c : inner) {
       if (!(std::isxdigit(static_cast<unsigned char>(c)) || c == ':' ||
             c == '.')) {
@@ -292,21 +294,21 @@ std::string KXLdap::Lookup(const std::string& sid, bool group) {
   char* attributes[] = {account, object_class, nullptr};
   timeval timeout{kOperationTimeoutSeconds, 0};
   LDAPMessage* raw_result = nullptr;
-  const int rc = ldap_search_ext_s(Handle(ld_), base_.c_str(),
-                                   LDAP_SCOPE_SUBTREE, filter.c_str(),
-                                   attributes, 0, nullptr, nullptr, &timeout,
-                                   0, &raw_result);
+  const int rc = ldap_search_ext_s(
+      Handle(ld_), base_.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(),
+      attributes, 0, nullptr, nullptr, &timeout, 0, &raw_result);
   Message result(raw_result);
   if (rc != LDAP_SUCCESS && rc != LDAP_SIZELIMIT_EXCEEDED) {
-    throw std::runtime_error("search for " + sid + " in the directory failed: " +
-                             ldap_err2string(rc));
+    throw std::runtime_error(
+        "search for " + sid +
+        " in the directory failed: " + ldap_err2string(rc));
   }
   for (LDAPMessage* entry = ldap_first_entry(Handle(ld_), result.get());
        entry != nullptr; entry = ldap_next_entry(Handle(ld_), entry)) {
     const std::vector<std::string> classes =
         AttributeValues(Handle(ld_), entry, object_class);
-    const bool wanted =
-        group ? HoldsAny(classes, kGroupClasses) : HoldsAny(classes, kUserClasses);
+    const bool wanted = group ? HoldsAny(classes, kGroupClasses)
+                              : HoldsAny(classes, kUserClasses);
     if (!wanted) continue;
     const std::vector<std::string> names =
         AttributeValues(Handle(ld_), entry, account);
@@ -324,9 +326,8 @@ std::string KXLdap::SidToBinary(const std::string& sid) {
   std::string::size_type start = 2;
   while (true) {
     const std::string::size_type dash = sid.find('-', start);
-    parts.push_back(sid.substr(start, dash == std::string::npos
-                                          ? std::string::npos
-                                          : dash - start));
+    parts.push_back(sid.substr(
+        start, dash == std::string::npos ? std::string::npos : dash - start));
     if (dash == std::string::npos) break;
     start = dash + 1;
   }

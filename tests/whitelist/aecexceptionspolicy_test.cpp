@@ -103,7 +103,8 @@ TEST_F(AecExceptionsPolicyTest, TheSourceIsTheHostsRecordAsItStands) {
   EXPECT_EQ("", AecExceptionsPolicy(manager_).Source());
 }
 
-TEST_F(AecExceptionsPolicyTest, ImportingDuplicatesStoresThemSortedAndWritesInOrder) {
+TEST_F(AecExceptionsPolicyTest,
+       ImportingDuplicatesStoresThemSortedAndWritesInOrder) {
   AecExceptionsPolicy policy(manager_);
   policy.SetValue(List({"/b", "/a", "/a"}));
   EXPECT_EQ((Paths{"/a", "/b"}), policy.Exceptions());
@@ -124,7 +125,8 @@ TEST_F(AecExceptionsPolicyTest, ImportingDuplicatesStoresThemSortedAndWritesInOr
   EXPECT_EQ((Calls{kReloadArgs}), kxtest::FakeToolCalls("kxaecctl"));
 }
 
-TEST_F(AecExceptionsPolicyTest, ImportingTheSamePathsInAnotherOrderLeavesTheFlagDown) {
+TEST_F(AecExceptionsPolicyTest,
+       ImportingTheSamePathsInAnotherOrderLeavesTheFlagDown) {
   kxtest::WriteFile(kPath, "{\"resource_list\": [\"/a\", \"/b\"]}");
   AecExceptionsPolicy policy(manager_);
   policy.SetValue(List({"/b", "/a", "/b"}));
@@ -133,7 +135,8 @@ TEST_F(AecExceptionsPolicyTest, ImportingTheSamePathsInAnotherOrderLeavesTheFlag
   EXPECT_TRUE(policy.IsChanged());
 }
 
-TEST_F(AecExceptionsPolicyTest, AnEmptyImportWritesTheEmptyStringAndReadsBackEmpty) {
+TEST_F(AecExceptionsPolicyTest,
+       AnEmptyImportWritesTheEmptyStringAndReadsBackEmpty) {
   kxtest::WriteFile(kPath, "{\"resource_list\": [\"/a\"]}");
   AecExceptionsPolicy policy(manager_);
   policy.SetValue(boost::property_tree::ptree());
@@ -160,18 +163,21 @@ TEST_F(AecExceptionsPolicyTest, ApplyRecordsTheSourceEvenWhenLocal) {
   EXPECT_EQ("local", wltest::StoredExceptionSource());
 }
 
-TEST_F(AecExceptionsPolicyTest, AToolThatCannotStartFailsApplyAfterWritingFileAndSource) {
+TEST_F(AecExceptionsPolicyTest,
+       AToolThatCannotStartFailsApplyAfterWritingFileAndSource) {
   ASSERT_EQ(0, std::remove("/opt/korvex/bin/kxaecctl"));
   AecExceptionsPolicy policy(manager_);
   policy.SetSource("dorvi");
   policy.SetValue(List({"/a"}));
   EXPECT_FALSE(policy.Apply());
   EXPECT_TRUE(policy.IsChanged());
-  EXPECT_EQ((Paths{"/a"}), AecExceptionsPolicy::Get(Json(kxtest::ReadFile(kPath))));
+  EXPECT_EQ((Paths{"/a"}),
+            AecExceptionsPolicy::Get(Json(kxtest::ReadFile(kPath))));
   EXPECT_EQ("dorvi", wltest::StoredExceptionSource());
 }
 
-TEST_F(AecExceptionsPolicyTest, AnUnwritableFileRaisesWriteErrorAndTouchesNoSource) {
+TEST_F(AecExceptionsPolicyTest,
+       AnUnwritableFileRaisesWriteErrorAndTouchesNoSource) {
   kxtest::WriteFile(kPath, "{\"resource_list\": [\"/old\"]}");
   AecExceptionsPolicy policy(manager_);
   policy.SetSource("dorvi");
@@ -209,7 +215,8 @@ TEST_F(AecExceptionsPolicyTest, ResetSourceUnderLocalTouchesNothing) {
   EXPECT_TRUE(kxtest::FakeToolCalls("kxaide").empty());
 }
 
-TEST_F(AecExceptionsPolicyTest, ResetSourceUnderDorviRewritesTheRecordsButKeepsDorvi) {
+TEST_F(AecExceptionsPolicyTest,
+       ResetSourceUnderDorviRewritesTheRecordsButKeepsDorvi) {
   AecExceptionsPolicy policy(manager_);
   policy.SetSource("dorvi");
   policy.ResetSource();
@@ -219,7 +226,8 @@ TEST_F(AecExceptionsPolicyTest, ResetSourceUnderDorviRewritesTheRecordsButKeepsD
   EXPECT_TRUE(kxtest::Exists("/opt/korvex/etc/aec/crc-rule.db"));
 }
 
-TEST_F(AecExceptionsPolicyTest, ResetSourceByNameOfTheCurrentSourceRecordsLocal) {
+TEST_F(AecExceptionsPolicyTest,
+       ResetSourceByNameOfTheCurrentSourceRecordsLocal) {
   StoreExceptionSource("dorvi");
   AecExceptionsPolicy policy(manager_);
   policy.SetSource("dorvi");

@@ -87,7 +87,8 @@ TEST_F(AECWhiteListTest, WritesBothListsPrettyPrintedInListOrder) {
       "}\n",
       kxtest::ReadFile(kPath));
   const UsersAndGroups back = AECWhiteList::Get();
-  EXPECT_EQ((std::vector<std::string>{"bob", "alice", "corp\\bob"}), back.users);
+  EXPECT_EQ((std::vector<std::string>{"bob", "alice", "corp\\bob"}),
+            back.users);
   EXPECT_EQ(std::vector<std::string>{"wheel"}, back.groups);
 }
 
@@ -116,8 +117,8 @@ TEST_F(AECWhiteListTest, AnObjectInPlaceOfAnArrayYieldsItsMemberValues) {
 }
 
 TEST_F(AECWhiteListTest, OtherKeysAreLostOnTheNextWrite) {
-  kxtest::WriteFile(kPath,
-                    "{\"user_list\": [], \"group_list\": [], \"extra\": \"x\"}");
+  kxtest::WriteFile(
+      kPath, "{\"user_list\": [], \"group_list\": [], \"extra\": \"x\"}");
   AECWhiteList("local").Apply(AECWhiteList::Get());
   EXPECT_EQ(std::string::npos, kxtest::ReadFile(kPath).find("extra"));
 }
@@ -156,7 +157,8 @@ TEST_F(AECWhiteListTest, CurrentSourceIsLocalWhileControlIsOff) {
   EXPECT_EQ("local", AECWhiteList::CurrentSource());
 }
 
-TEST_F(AECWhiteListTest, DisableWithoutCentralControlSavesNothingAndKeepsChecksum) {
+TEST_F(AECWhiteListTest,
+       DisableWithoutCentralControlSavesNothingAndKeepsChecksum) {
   ASSERT_FALSE(kxtest::Exists(AecPolicySources::ConfigPath()));
   AECWhiteList::DisableCC();
   EXPECT_FALSE(kxtest::Exists(AecPolicySources::ConfigPath()));
@@ -171,7 +173,8 @@ TEST_F(AECWhiteListTest, DisableWithoutCentralControlSavesNothingAndKeepsChecksu
   EXPECT_TRUE(kxtest::FakeToolCalls("kxaide").empty());
 }
 
-TEST_F(AECWhiteListTest, DisableUnderDorviClearsTheSourceAndRecomputesTheChecksum) {
+TEST_F(AECWhiteListTest,
+       DisableUnderDorviClearsTheSourceAndRecomputesTheChecksum) {
   StoreWhitelistSource("dorvi");
   AECWhiteList::DisableCC();
   EXPECT_FALSE(AECWhiteList::IsEnableCC());

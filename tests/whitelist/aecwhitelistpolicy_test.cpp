@@ -68,8 +68,8 @@ class AecWhitelistPolicyServerTest : public AecWhitelistPolicyTest {
 };
 
 TEST_F(AecWhitelistPolicyTest, StartsFromTheFileUnderTheCurrentSource) {
-  kxtest::WriteFile(kPath,
-                    "{\"user_list\": [\"alice\"], \"group_list\": [\"wheel\"]}");
+  kxtest::WriteFile(
+      kPath, "{\"user_list\": [\"alice\"], \"group_list\": [\"wheel\"]}");
   AecWhitelistPolicy policy(manager_);
   EXPECT_EQ("whitelist", policy.Name());
   EXPECT_EQ("string", policy.Type());
@@ -94,13 +94,14 @@ TEST_F(AecWhitelistPolicyTest, AMissingWhitelistFileFailsConstruction) {
   }
 }
 
-TEST_F(AecWhitelistPolicyTest, TheImportFormTakesUsersAndGroupsAndSkipsOtherTypes) {
+TEST_F(AecWhitelistPolicyTest,
+       TheImportFormTakesUsersAndGroupsAndSkipsOtherTypes) {
   AecWhitelistPolicy policy(manager_);
-  policy.SetValue(Json(
-      "[{\"name\": \"alice\", \"type\": \"user\"},"
-      " {\"name\": \"pc1\", \"type\": \"computer\"},"
-      " {\"name\": \"wheel\", \"type\": \"group\"},"
-      " {\"name\": \"bob\", \"type\": \"user\"}]"));
+  policy.SetValue(
+      Json("[{\"name\": \"alice\", \"type\": \"user\"},"
+           " {\"name\": \"pc1\", \"type\": \"computer\"},"
+           " {\"name\": \"wheel\", \"type\": \"group\"},"
+           " {\"name\": \"bob\", \"type\": \"user\"}]"));
   EXPECT_EQ((Names{"alice", "bob"}), policy.Pending().users);
   EXPECT_EQ(Names{"wheel"}, policy.Pending().groups);
   EXPECT_TRUE(policy.IsChanged());
@@ -127,7 +128,8 @@ TEST_F(AecWhitelistPolicyTest, TheSameSetInAnotherOrderChangesNothing) {
   EXPECT_EQ((Names{"a", "b"}), policy.Pending().users);
 }
 
-TEST_F(AecWhitelistPolicyTest, ApplyUnderDorviWritesTheFileTurnsControlOnAndReloads) {
+TEST_F(AecWhitelistPolicyTest,
+       ApplyUnderDorviWritesTheFileTurnsControlOnAndReloads) {
   AecWhitelistPolicy policy(manager_);
   policy.SetSource("dorvi");
   policy.SetValue(Json("[{\"name\": \"alice\", \"type\": \"user\"}]"));
@@ -141,7 +143,8 @@ TEST_F(AecWhitelistPolicyTest, ApplyUnderDorviWritesTheFileTurnsControlOnAndRelo
   EXPECT_EQ((Calls{{"reload", "-w"}}), kxtest::FakeToolCalls("kxaecctl"));
 }
 
-TEST_F(AecWhitelistPolicyTest, AnUnwritableFileIsLoggedAsNotAppliedAndKeepsTheFlag) {
+TEST_F(AecWhitelistPolicyTest,
+       AnUnwritableFileIsLoggedAsNotAppliedAndKeepsTheFlag) {
   AecWhitelistPolicy policy(manager_);
   policy.SetSource("dorvi");
   policy.SetValue(Json("[{\"name\": \"alice\", \"type\": \"user\"}]"));
@@ -155,9 +158,9 @@ TEST_F(AecWhitelistPolicyTest, AnUnwritableFileIsLoggedAsNotAppliedAndKeepsTheFl
   EXPECT_EQ(Names{"alice"}, policy.Pending().users);
   EXPECT_EQ(before, kxtest::ReadFile(kPath));
   EXPECT_FALSE(AECWhiteList::IsEnableCC());
-  EXPECT_TRUE(log_.Contains(
-      "[536870915] aec:AEC whitelist is not applied: "
-      "/opt/korvex/etc/aec/white-list.config: write error"));
+  EXPECT_TRUE(
+      log_.Contains("[536870915] aec:AEC whitelist is not applied: "
+                    "/opt/korvex/etc/aec/white-list.config: write error"));
 }
 
 TEST_F(AecWhitelistPolicyTest, SetSourceRaisesTheFlagOnlyForAnotherSource) {
@@ -179,14 +182,16 @@ TEST_F(AecWhitelistPolicyTest, ResetSourceTurnsCentralControlOff) {
   EXPECT_EQ((Calls{kAideArgs}), kxtest::FakeToolCalls("kxaide"));
 }
 
-TEST_F(AecWhitelistPolicyTest, ResetSourceWithoutCentralControlRecomputesNothing) {
+TEST_F(AecWhitelistPolicyTest,
+       ResetSourceWithoutCentralControlRecomputesNothing) {
   AecWhitelistPolicy policy(manager_);
   policy.ResetSource();
   EXPECT_TRUE(kxtest::FakeToolCalls("kxaide").empty());
   EXPECT_FALSE(kxtest::Exists(AecPolicySources::ConfigPath()));
 }
 
-TEST_F(AecWhitelistPolicyTest, ResetByTheNameOfAnotherSourceLeavesControlAlone) {
+TEST_F(AecWhitelistPolicyTest,
+       ResetByTheNameOfAnotherSourceLeavesControlAlone) {
   StoreWhitelistSource("dorvi");
   AecWhitelistPolicy policy(manager_);
   policy.ResetSourceByName("yunko");
@@ -196,7 +201,8 @@ TEST_F(AecWhitelistPolicyTest, ResetByTheNameOfAnotherSourceLeavesControlAlone) 
   EXPECT_TRUE(kxtest::FakeToolCalls("kxaide").empty());
 }
 
-TEST_F(AecWhitelistPolicyTest, ResetByTheNameOfTheCurrentSourceTurnsControlOff) {
+TEST_F(AecWhitelistPolicyTest,
+       ResetByTheNameOfTheCurrentSourceTurnsControlOff) {
   StoreWhitelistSource("dorvi");
   AecWhitelistPolicy policy(manager_);
   policy.ResetSourceByName("dorvi");
@@ -217,7 +223,8 @@ TEST_F(AecWhitelistPolicyTest, AnUnreachableDirectoryIsLoggedAndTheValueKept) {
   EXPECT_TRUE(log_.Contains("cannot be reached"));
 }
 
-TEST_F(AecWhitelistPolicyServerTest, TwoStarredSidsGiveOneUserAndOneGroupAndPlainNamesAreIgnored) {
+TEST_F(AecWhitelistPolicyServerTest,
+       TwoStarredSidsGiveOneUserAndOneGroupAndPlainNamesAreIgnored) {
   AecWhitelistPolicy policy(manager_);
   policy.SetValue("root," + Star(wltest::kAliceSid) + "," +
                   Star(wltest::kDevsSid));
@@ -226,7 +233,8 @@ TEST_F(AecWhitelistPolicyServerTest, TwoStarredSidsGiveOneUserAndOneGroupAndPlai
   EXPECT_TRUE(policy.IsChanged());
 }
 
-TEST_F(AecWhitelistPolicyServerTest, TheLastEntryWithoutATrailingCommaIsTakenWhole) {
+TEST_F(AecWhitelistPolicyServerTest,
+       TheLastEntryWithoutATrailingCommaIsTakenWhole) {
   AecWhitelistPolicy policy(manager_);
   // Cut short, the last SID would end in "100" and name nobody.
   const UsersAndGroups parsed = policy.ParseFromServer(
@@ -235,7 +243,8 @@ TEST_F(AecWhitelistPolicyServerTest, TheLastEntryWithoutATrailingCommaIsTakenWho
   EXPECT_EQ(Names{"devs@corp"}, parsed.groups);
 }
 
-TEST_F(AecWhitelistPolicyServerTest, AnAccountKnownOnlyAsDomainBackslashNameIsFoundSecond) {
+TEST_F(AecWhitelistPolicyServerTest,
+       AnAccountKnownOnlyAsDomainBackslashNameIsFoundSecond) {
   AecWhitelistPolicy policy(manager_);
   const UsersAndGroups parsed = policy.ParseFromServer(
       Star(wltest::kBobSid) + "," + Star(wltest::kOpsSid) + ",");
@@ -262,7 +271,8 @@ TEST_F(AecWhitelistPolicyServerTest, UnresolvableSidsAreDropped) {
   EXPECT_TRUE(parsed.groups.empty());
 }
 
-TEST_F(AecWhitelistPolicyServerTest, TheSameSidsInAnotherOrderLeaveTheFlagDown) {
+TEST_F(AecWhitelistPolicyServerTest,
+       TheSameSidsInAnotherOrderLeaveTheFlagDown) {
   AecWhitelistPolicy policy(manager_);
   policy.SetValue(Star(wltest::kAliceSid) + "," + Star(wltest::kBobSid) + "," +
                   Star(wltest::kDevsSid));

@@ -48,8 +48,9 @@ TEST(KXLdapSidTest, AMalformedSidIsRejected) {
 }
 
 TEST(KXLdapSidTest, EveryByteIsEscapedForAFilter) {
-  EXPECT_EQ("\\01\\05\\00\\ff\\2a\\28\\29\\5c",
-            KXLdap::EscapeFilterBytes(Bytes({1, 5, 0, 0xff, '*', '(', ')', '\\'})));
+  EXPECT_EQ(
+      "\\01\\05\\00\\ff\\2a\\28\\29\\5c",
+      KXLdap::EscapeFilterBytes(Bytes({1, 5, 0, 0xff, '*', '(', ')', '\\'})));
   EXPECT_EQ("", KXLdap::EscapeFilterBytes(""));
 }
 
@@ -61,9 +62,11 @@ TEST(KXLdapTest, LookupsBeforeConnectRaise) {
 }
 
 TEST(KXLdapTest, AServerNameThatWouldChangeTheAddressIsRejected) {
-  for (const char* server : {"", "dc1/x", "a b", "dc1:389", "user@dc1", "dc?1"}) {
+  for (const char* server :
+       {"", "dc1/x", "a b", "dc1:389", "user@dc1", "dc?1"}) {
     KXLdap directory(wltest::kBindDn, wltest::kBindPassword, 1, kPort);
-    EXPECT_THROW(directory.Connect(server, false), std::runtime_error) << server;
+    EXPECT_THROW(directory.Connect(server, false), std::runtime_error)
+        << server;
   }
   KXLdap bad_port(wltest::kBindDn, wltest::kBindPassword, 1, "3268x");
   EXPECT_THROW(bad_port.Connect("127.0.0.1", false), std::runtime_error);
@@ -122,7 +125,8 @@ TEST_F(KXLdapDirectoryTest, AWrongPasswordFailsTheBind) {
     directory.Connect(wltest::kDirectoryServer, false);
     FAIL() << "no exception";
   } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string::npos, std::string(e.what()).find("Invalid credentials"))
+    EXPECT_NE(std::string::npos,
+              std::string(e.what()).find("Invalid credentials"))
         << e.what();
   }
 }
@@ -133,7 +137,8 @@ TEST_F(KXLdapDirectoryTest, ANameWithoutPasswordIsNeverBoundAnonymously) {
     directory.Connect(wltest::kDirectoryServer, false);
     FAIL() << "no exception";
   } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string::npos, std::string(e.what()).find("without a password"))
+    EXPECT_NE(std::string::npos,
+              std::string(e.what()).find("without a password"))
         << e.what();
   }
 }
@@ -156,7 +161,8 @@ TEST_F(KXLdapNetworkTest, AClosedPortIsReportedAsUnreachable) {
     directory.Connect("127.0.0.2", false);
     FAIL() << "no exception";
   } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string::npos, std::string(e.what()).find("cannot be reached"))
+    EXPECT_NE(std::string::npos,
+              std::string(e.what()).find("cannot be reached"))
         << e.what();
   }
 }
@@ -169,8 +175,8 @@ TEST_F(KXLdapNetworkTest, AMuteServerCostsSecondsNotAHang) {
   address.sin_family = AF_INET;
   address.sin_port = htons(3268);
   address.sin_addr.s_addr = inet_addr("127.0.0.3");
-  ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address),
-                    sizeof address));
+  ASSERT_EQ(
+      0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
   ASSERT_EQ(0, listen(listener, 4));
   const auto start = std::chrono::steady_clock::now();
   KXLdap directory(wltest::kBindDn, wltest::kBindPassword, 1, kPort);

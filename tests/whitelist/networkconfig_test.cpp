@@ -39,7 +39,8 @@ Rows Query(const std::string& sql) {
 }
 
 Rows StoredRows() {
-  return Query("SELECT name, value FROM conf.network_plugin_config ORDER BY rowid");
+  return Query(
+      "SELECT name, value FROM conf.network_plugin_config ORDER BY rowid");
 }
 
 class NetworkConfigTest : public kxtest::SandboxTest {};
@@ -60,8 +61,9 @@ TEST_F(NetworkConfigTest, AFreshTableHoldsExactlyTheFiveDefaults) {
 }
 
 TEST_F(NetworkConfigTest, AnExistingTableIsLeftAsItIs) {
-  Query("CREATE TABLE conf.network_plugin_config (name TEXT, value TEXT);"
-        "INSERT INTO conf.network_plugin_config VALUES ('KXEnableNetwork', '1')");
+  Query(
+      "CREATE TABLE conf.network_plugin_config (name TEXT, value TEXT);"
+      "INSERT INTO conf.network_plugin_config VALUES ('KXEnableNetwork', '1')");
   EXPECT_TRUE(NetworkConfig::Initialize());
   EXPECT_EQ((Rows{{"KXEnableNetwork", "1"}}), StoredRows());
   EXPECT_FALSE(log_.Contains("does not exist"));
@@ -94,8 +96,9 @@ TEST_F(NetworkConfigTest, WritingANameTheFirstTimeInsertsItAndAgainUpdatesIt) {
 
 TEST_F(NetworkConfigTest, TwoRowsOfOneNameFailEveryReadWhileWritesUpdateBoth) {
   ASSERT_TRUE(NetworkConfig::Initialize());
-  Query("INSERT INTO conf.network_plugin_config VALUES ('KXActiveLDS', 'a');"
-        "INSERT INTO conf.network_plugin_config VALUES ('KXActiveLDS', 'b')");
+  Query(
+      "INSERT INTO conf.network_plugin_config VALUES ('KXActiveLDS', 'a');"
+      "INSERT INTO conf.network_plugin_config VALUES ('KXActiveLDS', 'b')");
   EXPECT_EQ("", NetworkConfig::GetActiveLDS());
   EXPECT_TRUE(log_.Contains(
       "[1191182343] network: cannot load setting KXActiveLDS from DB"));
@@ -116,9 +119,9 @@ TEST_F(NetworkConfigTest, EnabledOnlyForExactlyOneOrTrue) {
   ASSERT_TRUE(NetworkConfig::Initialize());
   EXPECT_FALSE(NetworkConfig::IsEnable());  // the default "0"
   const std::vector<std::pair<std::string, bool>> cases = {
-      {"1", true},     {"true", true},   {"TRUE", false}, {"True", false},
-      {"", false},     {"yes", false},   {"0", false},    {" 1", false},
-      {"false", false}};
+      {"1", true},     {"true", true}, {"TRUE", false},
+      {"True", false}, {"", false},    {"yes", false},
+      {"0", false},    {" 1", false},  {"false", false}};
   for (const auto& c : cases) {
     ASSERT_TRUE(NetworkConfig::settings("KXEnableNetwork", c.first));
     EXPECT_EQ(c.second, NetworkConfig::IsEnable()) << "'" << c.first << "'";
@@ -185,8 +188,8 @@ TEST_F(NetworkConfigTest, ThePasswordIsStoredEncipheredAndDecipheredOnRead) {
 
 TEST_F(NetworkConfigTest, ADamagedStoredPasswordRaises) {
   ASSERT_TRUE(NetworkConfig::Initialize());
-  ASSERT_TRUE(NetworkConfig::settings("KXDomainPassword",
-                                      std::string("kx1:AAAAAAAAAAAAAAAAAAAAAAAA")));
+  ASSERT_TRUE(NetworkConfig::settings(
+      "KXDomainPassword", std::string("kx1:AAAAAAAAAAAAAAAAAAAAAAAA")));
   EXPECT_THROW(NetworkConfig::GetDomainPassword(), std::runtime_error);
 }
 

@@ -56,7 +56,8 @@ std::vector<std::string> OwnArguments() {
 void Append(const char* name, const std::string& value, char separator) {
   const char* old = std::getenv(name);
   std::string text = value;
-  if (old != nullptr && *old != '\0') text = std::string(old) + separator + value;
+  if (old != nullptr && *old != '\0')
+    text = std::string(old) + separator + value;
   setenv(name, text.c_str(), 1);
 }
 

@@ -3,8 +3,8 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
-#include <sched.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -75,19 +75,31 @@ std::string Base64(const std::string& bytes) {
 }
 
 std::string Person(const std::string& name, const char* sid) {
-  return "dn: uid=" + name + ",ou=people,dc=corp,dc=example\n"
+  return "dn: uid=" + name +
+         ",ou=people,dc=corp,dc=example\n"
          "objectClass: inetOrgPerson\nobjectClass: testAdUser\n"
-         "uid: " + name + "\ncn: " + name + "\nsn: " + name + "\n"
-         "sAMAccountName: " + name + "\n"
-         "objectSid:: " + Base64(KXLdap::SidToBinary(sid)) + "\n\n";
+         "uid: " +
+         name + "\ncn: " + name + "\nsn: " + name +
+         "\n"
+         "sAMAccountName: " +
+         name +
+         "\n"
+         "objectSid:: " +
+         Base64(KXLdap::SidToBinary(sid)) + "\n\n";
 }
 
 std::string Group(const std::string& name, const char* sid) {
-  return "dn: cn=" + name + ",ou=groups,dc=corp,dc=example\n"
+  return "dn: cn=" + name +
+         ",ou=groups,dc=corp,dc=example\n"
          "objectClass: groupOfNames\nobjectClass: testAdUser\n"
-         "cn: " + name + "\nmember: uid=alice,ou=people,dc=corp,dc=example\n"
-         "sAMAccountName: " + name + "\n"
-         "objectSid:: " + Base64(KXLdap::SidToBinary(sid)) + "\n\n";
+         "cn: " +
+         name +
+         "\nmember: uid=alice,ou=people,dc=corp,dc=example\n"
+         "sAMAccountName: " +
+         name +
+         "\n"
+         "objectSid:: " +
+         Base64(KXLdap::SidToBinary(sid)) + "\n\n";
 }
 
 std::string Entries() {
@@ -109,9 +121,11 @@ std::string Entries() {
   ldif += Group("ops", kOpsSid);
   ldif += Group("qa", kQaSid);
   // An entry with a SID that is neither a user nor a group.
-  ldif += "dn: cn=printer,dc=corp,dc=example\nobjectClass: device\n"
-          "objectClass: testAdUser\ncn: printer\nsAMAccountName: printer\n"
-          "objectSid:: " + Base64(KXLdap::SidToBinary(kPrinterSid)) + "\n\n";
+  ldif +=
+      "dn: cn=printer,dc=corp,dc=example\nobjectClass: device\n"
+      "objectClass: testAdUser\ncn: printer\nsAMAccountName: printer\n"
+      "objectSid:: " +
+      Base64(KXLdap::SidToBinary(kPrinterSid)) + "\n\n";
   return ldif;
 }
 
@@ -129,8 +143,8 @@ bool PortOpen() {
   address.sin_family = AF_INET;
   address.sin_port = htons(kPort);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool open = connect(fd, reinterpret_cast<sockaddr*>(&address),
-                            sizeof address) == 0;
+  const bool open =
+      connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   close(fd);
   return open;
 }
@@ -214,21 +228,28 @@ class Directory {
               "include /etc/ldap/schema/core.schema\n"
               "include /etc/ldap/schema/cosine.schema\n"
               "include /etc/ldap/schema/inetorgperson.schema\n"
-              "include " + dir_ + "/testad.schema\n"
-              "pidfile " + dir_ + "/slapd.pid\n"
-              "argsfile " + dir_ + "/slapd.args\n"
-              "modulepath /usr/lib/ldap\n"
-              "moduleload back_mdb\n"
-              "access to dn.base=\"\" by * read\n"
-              "access to dn.base=\"cn=Subschema\" by * read\n"
-              "access to attrs=userPassword by anonymous auth by * none\n"
-              "access to * by users read by * none\n"
-              "database mdb\n"
-              "maxsize 16777216\n"
-              "suffix \"dc=corp,dc=example\"\n"
-              "rootdn \"cn=admin,dc=corp,dc=example\"\n"
-              "rootpw admin-secret\n"
-              "directory " + dir_ + "/data\n");
+              "include " +
+                  dir_ +
+                  "/testad.schema\n"
+                  "pidfile " +
+                  dir_ +
+                  "/slapd.pid\n"
+                  "argsfile " +
+                  dir_ +
+                  "/slapd.args\n"
+                  "modulepath /usr/lib/ldap\n"
+                  "moduleload back_mdb\n"
+                  "access to dn.base=\"\" by * read\n"
+                  "access to dn.base=\"cn=Subschema\" by * read\n"
+                  "access to attrs=userPassword by anonymous auth by * none\n"
+                  "access to * by users read by * none\n"
+                  "database mdb\n"
+                  "maxsize 16777216\n"
+                  "suffix \"dc=corp,dc=example\"\n"
+                  "rootdn \"cn=admin,dc=corp,dc=example\"\n"
+                  "rootpw admin-secret\n"
+                  "directory " +
+                  dir_ + "/data\n");
     WriteText(dir_ + "/entries.ldif", Entries());
 
     const std::string log = dir_ + "/slapd.log";
@@ -257,11 +278,10 @@ class Directory {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     if (!PortOpen()) return "slapd did not start listening";
-    const int rc =
-        Run({KX_LDAPADD_PATH, "-x", "-H", "ldap://127.0.0.1:3268", "-D",
-             "cn=admin,dc=corp,dc=example", "-w", "admin-secret", "-f",
-             dir_ + "/entries.ldif"},
-            dir_ + "/ldapadd.log");
+    const int rc = Run({KX_LDAPADD_PATH, "-x", "-H", "ldap://127.0.0.1:3268",
+                        "-D", "cn=admin,dc=corp,dc=example", "-w",
+                        "admin-secret", "-f", dir_ + "/entries.ldif"},
+                       dir_ + "/ldapadd.log");
     if (rc != 0) {
       return "ldapadd failed (" + std::to_string(rc) +
              "): " + Slurp(dir_ + "/ldapadd.log");

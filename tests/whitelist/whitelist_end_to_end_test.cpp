@@ -28,7 +28,8 @@ const std::vector<std::string> kAideArgs = {
 
 std::string PoliciesDocument(const std::string& whitelist) {
   return "<policies><policy group=\"aec\" name=\"whitelist\" source=\"dorvi\">"
-         "<value>" + whitelist + "</value></policy></policies>";
+         "<value>" +
+         whitelist + "</value></policy></policies>";
 }
 
 std::string DorviWhitelist() {
@@ -36,7 +37,8 @@ std::string DorviWhitelist() {
          ",*" + wltest::kDevsSid + ",*" + wltest::kCarolSid;
 }
 
-size_t CountCalls(const std::string& tool, const std::vector<std::string>& args) {
+size_t CountCalls(const std::string& tool,
+                  const std::vector<std::string>& args) {
   size_t count = 0;
   for (const auto& call : kxtest::FakeToolCalls(tool)) count += call == args;
   return count;
@@ -62,15 +64,17 @@ class WhitelistEndToEndTest : public kxtest::SandboxTest {
 
   static void ResetPoliciesOf(const std::string& source) {
     parsed_xml_data_t request;
-    request.xml = kxhost::ParseXml("<request command=\"reset_policies\"><source>" +
-                                   source + "</source></request>");
+    request.xml =
+        kxhost::ParseXml("<request command=\"reset_policies\"><source>" +
+                         source + "</source></request>");
     request.reply = XMLParserBoost::CreateEmptyXML();
     plugin_exec(&request);
     EXPECT_EQ(1, request.outcome);  // answered, not released
   }
 };
 
-TEST_F(WhitelistEndToEndTest, DorviSidsBecomeLocalNamesUnderCentralControlUntilReset) {
+TEST_F(WhitelistEndToEndTest,
+       DorviSidsBecomeLocalNamesUnderCentralControlUntilReset) {
   ASSERT_EQ(0, plugin_init());
   ASSERT_TRUE(SetPolicies(PoliciesDocument(DorviWhitelist())));
 
@@ -99,7 +103,8 @@ TEST_F(WhitelistEndToEndTest, DorviSidsBecomeLocalNamesUnderCentralControlUntilR
   EXPECT_EQ(0, plugin_exit());
 }
 
-TEST_F(WhitelistEndToEndTest, AnUnreachableDirectoryLeavesTheWhitelistUnchanged) {
+TEST_F(WhitelistEndToEndTest,
+       AnUnreachableDirectoryLeavesTheWhitelistUnchanged) {
   kxtest::WriteFile(kPath, "{\"user_list\": [\"keep\"], \"group_list\": \"\"}");
   AecPolicySources::Get()->SetWhitelistSource("dorvi");
   ASSERT_TRUE(AecPolicySources::Get()->WriteConfig());
@@ -114,7 +119,8 @@ TEST_F(WhitelistEndToEndTest, AnUnreachableDirectoryLeavesTheWhitelistUnchanged)
   EXPECT_EQ(0, plugin_exit());
 }
 
-TEST_F(WhitelistEndToEndTest, AnUnreachableDirectoryUnderANewSourceKeepsTheNamesButTakesTheSource) {
+TEST_F(WhitelistEndToEndTest,
+       AnUnreachableDirectoryUnderANewSourceKeepsTheNamesButTakesTheSource) {
   // The value is refused, but the document's source is still set, and a new
   // source rewrites the old names under its own name.
   kxtest::WriteFile(kPath, "{\"user_list\": [\"keep\"], \"group_list\": \"\"}");
@@ -129,7 +135,8 @@ TEST_F(WhitelistEndToEndTest, AnUnreachableDirectoryUnderANewSourceKeepsTheNames
   EXPECT_EQ(0, plugin_exit());
 }
 
-TEST_F(WhitelistEndToEndTest, TheKxhostProgramAppliesADorviWhitelistThroughTheLibrary) {
+TEST_F(WhitelistEndToEndTest,
+       TheKxhostProgramAppliesADorviWhitelistThroughTheLibrary) {
   const std::string document = root_.dir() + "/policies.xml";
   kxtest::WriteFile("/opt/korvex/policies.xml",
                     PoliciesDocument(DorviWhitelist()));

@@ -30,7 +30,8 @@ void AppendList(boost::property_tree::ptree& tree, const std::string& key,
   tree.add_child(key, list);
 }
 
-std::vector<std::string> ElementValues(const boost::property_tree::ptree& node) {
+std::vector<std::string> ElementValues(
+    const boost::property_tree::ptree& node) {
   std::vector<std::string> values;
   for (const auto& element : node) values.push_back(element.second.data());
   return values;
@@ -48,8 +49,8 @@ UsersAndGroups AECWhiteList::Get() {
     boost::property_tree::read_json(kWhiteListPath, tree);
     return Get(tree);
   } catch (const std::exception& e) {
-    BOOST_LOG_TRIVIAL(error) << "failed to parse AEC whitelist config: "
-                             << e.what();
+    BOOST_LOG_TRIVIAL(error)
+        << "failed to parse AEC whitelist config: " << e.what();
     throw PluginException(error::kInvalidConfig);
   }
 }

@@ -14,7 +14,8 @@ namespace aec {
 // boost::property_tree::json_parser_error with the message "write error" and
 // `path`, as the writer itself reports an unwritable file; the underlying
 // reason goes to the Boost.Log trivial logger at severity error.
-void WriteJsonConfig(const std::string& path, const boost::property_tree::ptree& tree,
+void WriteJsonConfig(const std::string& path,
+                     const boost::property_tree::ptree& tree,
                      const std::string& temp_dir);
 
 }  // namespace aec

@@ -60,9 +60,9 @@ const std::string kMaxRowInJournal = "MaxRowInJournalDBs";
 db_response_t g_readResponse;
 db_response_t g_writeResponse;
 
-#define NETWORK_LOG(priority, code_priority, format, ...)                     \
-  log_message(kLogFile, __LINE__, priority, ::aec::kLogFacility,             \
-              ::aec::kLogIdent, format,                                      \
+#define NETWORK_LOG(priority, code_priority, format, ...)        \
+  log_message(kLogFile, __LINE__, priority, ::aec::kLogFacility, \
+              ::aec::kLogIdent, format,                          \
               ::aec::LogCode(kNetworkLogId, code_priority), ##__VA_ARGS__)
 
 void FreeTable(db_response_t& response) {
@@ -131,11 +131,11 @@ bool NetworkConfig::settings(const std::string& name,
   }
   const bool exists = g_writeResponse.rows != 0;
   FreeTable(g_writeResponse);
-  const std::string sql =
-      exists ? "UPDATE " + kTable + " SET value='" + value + "' WHERE name='" +
-                   name + "'"
-             : "INSERT INTO " + kTable + " (name, value) VALUES ('" + name +
-                   "', '" + value + "')";
+  const std::string sql = exists ? "UPDATE " + kTable + " SET value='" + value +
+                                       "' WHERE name='" + name + "'"
+                                 : "INSERT INTO " + kTable +
+                                       " (name, value) VALUES ('" + name +
+                                       "', '" + value + "')";
   db_execute(sql.c_str(), &g_writeResponse);
   if (g_writeResponse.table == nullptr) {
     NETWORK_LOG(3, 3, "[%d] network: Error save config");

@@ -18,9 +18,9 @@ constexpr const char* kLogFile = "aecwhitelistpolicy";
 const std::string kGlobalCataloguePort = "3268";
 constexpr int kGlobalCatalogueStorage = 1;
 
-#define WHITELIST_LOG(format, ...)                                        \
+#define WHITELIST_LOG(format, ...)                                          \
   log_message(kLogFile, __LINE__, 3, ::aec::kLogFacility, ::aec::kLogIdent, \
-              format, ::aec::LogCode(::aec::kPolicyLogId, 3),              \
+              format, ::aec::LogCode(::aec::kPolicyLogId, 3),               \
               log_tag_.c_str(), ##__VA_ARGS__)
 
 // Local accounts of directory members are known either as "name@DOMAIN" or
@@ -72,8 +72,9 @@ UsersAndGroups AecWhitelistPolicy::ParseFromServer(const std::string& text) {
     const std::string::size_type star = text.find("*S-", position);
     if (star == std::string::npos) break;
     const std::string::size_type end = text.find(',', star);
-    const std::string sid = text.substr(
-        star + 1, end == std::string::npos ? std::string::npos : end - star - 1);
+    const std::string sid =
+        text.substr(star + 1, end == std::string::npos ? std::string::npos
+                                                       : end - star - 1);
 
     const std::string account = directory.GetSAMAccountNameBySid(sid);
     if (!account.empty()) {
