@@ -261,19 +261,19 @@ void KXLdap::Connect(const std::string& server, bool use_tls) {
 
 std::string KXLdap::GetDomainNameStr() {
   if (ld_ == nullptr) throw std::runtime_error("directory not connected");
-  LDAPDN dn = nullptr;
-  if (ldap_str2dn(base_.c_str(), &dn, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS) {
+  LDAPDN raw = nullptr;
+  if (ldap_str2dn(base_.c_str(), &raw, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS) {
     throw std::runtime_error("malformed naming context '" + base_ + "'");
   }
+  std::unique_ptr<LDAPRDN, void (*)(LDAPDN)> dn(raw, ldap_dnfree);
   std::string domain;
-  for (LDAPRDN* rdn = dn; rdn != nullptr && *rdn != nullptr; ++rdn) {
+  for (LDAPRDN* rdn = dn.get(); rdn != nullptr && *rdn != nullptr; ++rdn) {
     for (LDAPAVA** ava = *rdn; *ava != nullptr; ++ava) {
       if (strcasecmp(Text(&(*ava)->la_attr).c_str(), "dc") != 0) continue;
       if (!domain.empty()) domain += '.';
       domain += Text(&(*ava)->la_value);
     }
   }
-  ldap_dnfree(dn);
   return domain;
 }
 
