@@ -89,7 +89,17 @@ bool AecRule::operator!=(const AecRule& other) const {
 bool AecRule::Save() const {
   const std::string path = GetPath(name_);
   if (!IsValidName(name_)) throw pt::json_parser_error("write error", path, 0);
+  try {
+    // The temporary lives in the configuration directory, outside the rules
+    // directory, so a directory walk never reads a half-written rule.
+    kxfs::ReplaceFile(path, ToJson(), aec::kConfigDir);
+  } catch (const std::system_error&) {
+    throw pt::json_parser_error("write error", path, 0);
+  }
+  return true;
+}
 
+std::string AecRule::ToJson() const {
   pt::ptree tree;
   tree.put("name", name_);
   tree.put("all_allowed", FlagText(all_allowed_));
@@ -99,17 +109,9 @@ bool AecRule::Save() const {
   tree.add_child("user_list", ListNode(users_));
   tree.add_child("group_list", ListNode(groups_));
   tree.add_child("resource_list", ListNode(resources_));
-
   std::ostringstream text;
   pt::write_json(text, tree, true);
-  try {
-    // The temporary lives in the configuration directory, outside the rules
-    // directory, so a directory walk never reads a half-written rule.
-    kxfs::ReplaceFile(path, text.str(), aec::kConfigDir);
-  } catch (const std::system_error&) {
-    throw pt::json_parser_error("write error", path, 0);
-  }
-  return true;
+  return text.str();
 }
 
 boost::shared_ptr<IXml> AecRule::GetXml(bool withResources) {

@@ -51,6 +51,8 @@ class AecRule {
 
   // Replaces GetPath(Name()) whole with the rule's JSON. Returns true.
   bool Save() const;
+  // The rule file's content, as Save writes it.
+  std::string ToJson() const;
 
   // The rule as a reply document: "name", "all", "enable", "extended",
   // "system" ("1"/"0"), then repeated "u", "g", and with `withResources`
