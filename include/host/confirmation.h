@@ -7,7 +7,7 @@
 //   3 not confirmed: refused until the feature is switched on anew
 // and, beside the state, whether confirmation is required at all.
 //
-// Transitions (docs/hard-mode.md draws them):
+// Transitions (docs/confirmation.md draws them):
 //   RequiereConfirmation()   required := true; the state is not changed.
 //   NotRequiereConfirmation() required := false; 0 or 1 become 2.
 //   Confirm()                0/1 -> 2 (true); 2 stays (true); 3 stays (false).
@@ -16,9 +16,12 @@
 //     otherwise:             2 true; 3 false;
 //                            1 on a fresh boot -> 0, true; 1 otherwise true;
 //                            0 on a fresh boot -> 3, false; 0 otherwise true.
+// A state outside 0-3 (a damaged or foreign record) is kept and reported,
+// and treated like 3.
 // A fresh boot is a Check that finds no lock file (LockFileConfirmation);
 // every Check and every write leaves the lock file in place.
-// Handlers are called on entering a state: 0 HandlerInit then
+// Handlers are called on entering a state, after it was written: 0
+// HandlerInit then
 // HandlerWaitForConfirmation, 1 HandlerWaitForConfirmation, 2
 // HandlerConfirmed, 3 HandlerNotConfirmed. Their results are logged, not
 // acted upon.

@@ -3,27 +3,34 @@
 //
 // Documents (docs/policies.md has complete examples):
 //  - XML: <policies><policy group="G" name="N" source="S">…</policy>…
-//    The value is the text of the child element named by the policy's
-//    ValueNodeName() ("type" for kernel policies, "value" otherwise); a value
-//    element with child elements is handed over as a tree (SetValue(tree)),
-//    otherwise as text (SetValue(string)). Absent source: "local".
+//    The value is the child element named by the policy's ValueNodeName()
+//    ("type" for kernel policies, "value" otherwise); as FilterParams sees
+//    the value before the entry is matched to a policy, <value> is taken
+//    when present, else <type>. A value element with child elements, or
+//    without any content, is handed over as a tree (SetValue(tree));
+//    otherwise its trimmed text (SetValue(string)).
 //  - JSON (import): {"policies": [{"group": G, "name": N, "source": S,
-//    "value": V}, …]}; V a string is handed over as text, an array or object
-//    as a tree.
-// Policies of another group than the manager's are ignored.
+//    "value": V}, …]}; V a non-empty string (or number) is handed over as
+//    text; an array, an object or an empty value as a tree ([] and "" cannot
+//    be told apart once parsed; both mean the empty list).
+// Absent group: the manager's; absent or empty source: "local". Policies of
+// another group than the manager's (after FilterParams) are ignored.
 //
 // Set*: every incoming (group, name, source, value) first goes through
-// FilterParams, which may rewrite it (or return false to drop it). A document
-// that cannot be read, or an entry without a name, makes the call return
-// false before any policy is touched. A policy that rejects its value (an
-// exception from SetValue) or an unknown policy name is logged and makes the
-// call return false; the other entries are still set. The result document
-// receives one <policy name="…" result="1|0"/> per entry.
+// FilterParams, which may rewrite it (or return false to drop it); for a
+// tree value it sees the tree's own text, and a rewritten text is set
+// instead of the tree. A document that cannot be read, or an entry without a
+// name or a value, makes the call return false before any policy is touched.
+// A policy that rejects its value (an exception from SetValue) or an
+// unknown policy name is logged and makes the call return false; the other
+// entries are still set. The JSON result document receives one
+// <policy name="…" result="1|0"/> per entry of the manager's group (the
+// name as sent); the XML call has no result document.
 //
 // ApplyPolicies applies, in AddPolicy order, every policy whose IsChanged()
 // is true, then stores the kernel policies' values and all sources
-// (SavePolicies). A policy's Apply that throws is logged; the others still
-// run.
+// (SavePolicies, one transaction per policy, values bound, never spliced
+// into SQL). A policy's Apply that throws is logged; the others still run.
 //
 // Not thread-safe: the host calls a manager from one thread at a time.
 // The order of the virtual operations is part of the binary contract.

@@ -19,7 +19,8 @@ class KX_HOST_API PolicyDbRequestGetter {
   virtual std::string GetRequestReadData(const std::string& policy) const = 0;
   // The table (with its "conf." prefix where it lives in the settings
   // database), the key column and the value column; the framework binds the
-  // values itself when it stores a policy.
+  // values itself when it stores a policy, and creates the table as
+  // (key TEXT, value INTEGER) when it is missing.
   virtual std::string Table() const = 0;
   virtual std::string KeyColumn() const = 0;
   virtual std::string ValueColumn() const = 0;
@@ -40,8 +41,8 @@ class KX_HOST_API ControlPolicyDbRequestGetter : public PolicyDbRequestGetter {
 };
 
 // Rows of conf.aec_log_conf (fsEvent, fiValue). A missing row reads as the
-// audit event's installation default (docs/host.md says why the host knows
-// them).
+// audit event's installation default (docs/policies.md says why the host
+// knows them).
 class KX_HOST_API AecLogPolicyDbRequestGetter : public PolicyDbRequestGetter {
  public:
   AecLogPolicyDbRequestGetter();
