@@ -105,11 +105,17 @@ void BM_PlainWriteAndSync(benchmark::State& state) {
 }
 
 BENCHMARK(BM_RulesPolicySetValueApply)
-    ->Arg(100)->Arg(1000)->Arg(10000)
-    ->Unit(benchmark::kMillisecond)->UseRealTime();
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_PlainWriteAndSync)
-    ->Arg(100)->Arg(1000)->Arg(10000)
-    ->Unit(benchmark::kMillisecond)->UseRealTime();
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // Keeps the real time per iteration of every run for the summary.
 class CollectingReporter : public benchmark::ConsoleReporter {
@@ -128,7 +134,8 @@ class CollectingReporter : public benchmark::ConsoleReporter {
     const auto policy = times_.find("BM_RulesPolicySetValueApply");
     const auto plain = times_.find("BM_PlainWriteAndSync");
     if (policy == times_.end() || plain == times_.end()) return;
-    std::printf("\nrules  policy(ms)  plain(ms)  ratio  policy growth  plain growth\n");
+    std::printf(
+        "\nrules  policy(ms)  plain(ms)  ratio  policy growth  plain growth\n");
     double previous_policy = 0, previous_plain = 0;
     for (const auto& entry : policy->second) {
       const auto other = plain->second.find(entry.first);

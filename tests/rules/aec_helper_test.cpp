@@ -66,9 +66,9 @@ TEST_F(AecHelperTest, RecalcRunsTheIntegrityToolAndMovesTheNewDatabaseIn) {
   kxtest::WriteFile(kCrcDb, "old");
   FakeIntegrityTool(0, true);
   EXPECT_TRUE(aec::recalc_common_crc());
-  EXPECT_EQ(kxtest::FakeToolCalls("kxaide"),
-            (std::vector<Args>{
-                {"-i", "-c", "/opt/korvex/etc/aec/crc-rule.conf"}}));
+  EXPECT_EQ(
+      kxtest::FakeToolCalls("kxaide"),
+      (std::vector<Args>{{"-i", "-c", "/opt/korvex/etc/aec/crc-rule.conf"}}));
   EXPECT_EQ(kxtest::ReadFile(kCrcDb), "");  // the fake writes it empty
   EXPECT_FALSE(kxtest::Exists(kCrcOutDb));
 }
@@ -82,7 +82,8 @@ TEST_F(AecHelperTest, RecalcFailingToolLeavesTheDatabaseAndLogs) {
       "[268435463] aec: failed to recalculate checksum of the rules"));
 }
 
-TEST_F(AecHelperTest, RecalcWithoutAnOutputDatabaseFailsToRenameAndKeepsTheOld) {
+TEST_F(AecHelperTest,
+       RecalcWithoutAnOutputDatabaseFailsToRenameAndKeepsTheOld) {
   kxtest::WriteFile(kCrcDb, "old");
   FakeIntegrityTool(0, false);
   EXPECT_FALSE(aec::recalc_common_crc());

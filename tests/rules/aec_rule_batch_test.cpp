@@ -34,7 +34,8 @@ class AecRuleBatchTest : public kxtest::SandboxTest {
   // Entries of the configuration directory that are hidden temporaries.
   static Files Temporaries() {
     Files names;
-    for (const auto& entry : boost::filesystem::directory_iterator(kConfigDir)) {
+    for (const auto& entry :
+         boost::filesystem::directory_iterator(kConfigDir)) {
       const std::string name = entry.path().filename().string();
       if (name[0] == '.') names.insert(name);
     }
@@ -78,7 +79,8 @@ TEST_F(AecRuleBatchTest, AFullDiskChangesNoRuleFileAndLeavesNoTemporary) {
   std::vector<AecRule> rules;
   for (const std::string name : {"a", "b", "c"}) {
     RuleSpec spec{name};
-    for (int i = 0; i < 200; ++i) spec.users.push_back("user" + std::to_string(i));
+    for (int i = 0; i < 200; ++i)
+      spec.users.push_back("user" + std::to_string(i));
     rules.emplace_back(RuleTree(spec));
   }
   try {
@@ -107,7 +109,8 @@ TEST_F(AecRuleBatchTest, AFailedRenameKeepsEarlierFilesNewAndLaterOnesOld) {
   aec::SaveRuleFiles({&old_a, &old_c});
   // A non-empty directory where b's file would go cannot be renamed over.
   boost::filesystem::create_directories(AecRule::GetPath("b") + "/inside");
-  const AecRule a = Rule("a", "new"), b = Rule("b", "new"), c = Rule("c", "new");
+  const AecRule a = Rule("a", "new"), b = Rule("b", "new"),
+                c = Rule("c", "new");
   try {
     aec::SaveRuleFiles({&a, &b, &c});
     FAIL() << "renamed over a directory";

@@ -65,7 +65,8 @@ TEST_F(RuleCommandsTest, BuildToolArgsTreatsEveryTextButOneAsUnset) {
             (Args{"-u", "alice"}));
 }
 
-TEST_F(RuleCommandsTest, BuildToolArgsWithAllUsersAllowedReplacesUsersAndGroups) {
+TEST_F(RuleCommandsTest,
+       BuildToolArgsWithAllUsersAllowedReplacesUsersAndGroups) {
   EXPECT_EQ(BuiltArgs("<rule all-users=\"1\" extended=\"1\"><u>alice</u>"
                       "<g>staff</g><r>/a</r></rule>",
                       true),
@@ -76,16 +77,17 @@ TEST_F(RuleCommandsTest, AddRunsTheToolWithTheRuleAndRepliesSuccess) {
   const pt::ptree reply = Exec(
       "<request command=\"add\"><rule name=\"r1\" recursive=\"1\">"
       "<u>alice</u><r>/usr/bin/make</r></rule></request>");
-  EXPECT_EQ(Calls(), (std::vector<Args>{{"add", "-C", "-v", "-n", "r1", "-u",
-                                         "alice", "-r", "/usr/bin/make",
-                                         "-R"}}));
+  EXPECT_EQ(Calls(),
+            (std::vector<Args>{{"add", "-C", "-v", "-n", "r1", "-u", "alice",
+                                "-r", "/usr/bin/make", "-R"}}));
   EXPECT_EQ(reply.get<std::string>("add.rule.result"), "1");
   EXPECT_EQ(reply.get_child("add.rule").size(), 1u);
 }
 
 TEST_F(RuleCommandsTest, AddWithAllUsersIgnoresItAndPassesUsersAndGroups) {
-  Exec("<request command=\"add\"><rule name=\"r1\" all-users=\"1\">"
-       "<u>alice</u><g>staff</g></rule></request>");
+  Exec(
+      "<request command=\"add\"><rule name=\"r1\" all-users=\"1\">"
+      "<u>alice</u><g>staff</g></rule></request>");
   EXPECT_EQ(Calls(), (std::vector<Args>{{"add", "-C", "-v", "-n", "r1", "-u",
                                          "alice", "-g", "staff"}}));
 }
@@ -128,8 +130,8 @@ TEST_F(RuleCommandsTest, AddWithOnlyAnEmptyWhitelistYieldsAnEmptyAddNode) {
 }
 
 TEST_F(RuleCommandsTest, AddWithAnEmptyResourceExceptionListDoesNothing) {
-  const pt::ptree reply = Exec(
-      "<request command=\"add\"><resource-exception/></request>");
+  const pt::ptree reply =
+      Exec("<request command=\"add\"><resource-exception/></request>");
   EXPECT_TRUE(reply.get_child("add").empty());
   EXPECT_TRUE(Calls().empty());
 }
@@ -154,17 +156,18 @@ TEST_F(RuleCommandsTest, AddWithAMissingToolReportsTheUnknownError) {
             error::kUnknown);
 }
 
-TEST_F(RuleCommandsTest, AddPassesHostileValuesAsSingleArgumentsAndRunsNothing) {
+TEST_F(RuleCommandsTest,
+       AddPassesHostileValuesAsSingleArgumentsAndRunsNothing) {
   const pt::ptree reply = Exec(
       "<request command=\"add\"><rule name=\"$(touch /opt/korvex/pwned)\" "
       "resource-file=\"`touch /opt/korvex/pwned2`\">"
       "<u>x\"; touch /opt/korvex/pwned3; \"</u><g>a;b</g></rule></request>");
   EXPECT_EQ(reply.get<std::string>("add.rule.result"), "1");
-  EXPECT_EQ(Calls(),
-            (std::vector<Args>{{"add", "-C", "-v", "-n",
-                                "$(touch /opt/korvex/pwned)", "-u",
-                                "x\"; touch /opt/korvex/pwned3; \"", "-g",
-                                "a;b", "-f", "`touch /opt/korvex/pwned2`"}}));
+  EXPECT_EQ(
+      Calls(),
+      (std::vector<Args>{{"add", "-C", "-v", "-n", "$(touch /opt/korvex/pwned)",
+                          "-u", "x\"; touch /opt/korvex/pwned3; \"", "-g",
+                          "a;b", "-f", "`touch /opt/korvex/pwned2`"}}));
   EXPECT_FALSE(kxtest::Exists("/opt/korvex/pwned"));
   EXPECT_FALSE(kxtest::Exists("/opt/korvex/pwned2"));
   EXPECT_FALSE(kxtest::Exists("/opt/korvex/pwned3"));
@@ -181,7 +184,8 @@ TEST_F(RuleCommandsTest, EditOfAMissingRuleRunsNoSubOperation) {
   EXPECT_TRUE(Calls().empty());
 }
 
-TEST_F(RuleCommandsTest, EditWithoutARuleNameOrRuleNodeReportsTheMissingArgument) {
+TEST_F(RuleCommandsTest,
+       EditWithoutARuleNameOrRuleNodeReportsTheMissingArgument) {
   for (const char* body : {"<rule state=\"1\"/>", ""}) {
     const pt::ptree reply =
         Exec(std::string("<request command=\"edit\">") + body + "</request>");
@@ -226,10 +230,9 @@ TEST_F(RuleCommandsTest, EditAddsUnderTheOldNameBeforeItRenames) {
       "<add extended=\"1\" all-users=\"1\"><u>alice</u></add></rule>"
       "</request>");
   EXPECT_EQ(ChildNames(reply.get_child("edit")), (Args{"add", "rename"}));
-  EXPECT_EQ(Calls(),
-            (std::vector<Args>{
-                {"add", "-C", "-v", "-n", "old", "-u", "alice", "-X"},
-                {"rename", "-C", "-v", "-n", "old", "-N", "new"}}));
+  EXPECT_EQ(Calls(), (std::vector<Args>{
+                         {"add", "-C", "-v", "-n", "old", "-u", "alice", "-X"},
+                         {"rename", "-C", "-v", "-n", "old", "-N", "new"}}));
 }
 
 TEST_F(RuleCommandsTest, EditRunsEverySubOperationInItsFixedOrder) {
@@ -242,22 +245,23 @@ TEST_F(RuleCommandsTest, EditRunsEverySubOperationInItsFixedOrder) {
       "<add><g>wheel</g></add></rule></request>");
   EXPECT_EQ(ChildNames(reply.get_child("edit")),
             (Args{"add", "remove", "update", "state", "rename"}));
-  EXPECT_EQ(Calls(),
-            (std::vector<Args>{
-                {"add", "-C", "-v", "-n", "r", "-g", "wheel"},
-                {"rm", "-C", "-v", "-n", "r", "-r", "/bin/ls", "-u", "bob", "-g",
-                 "staff"},
-                {"update", "-C", "-v", "-n", "r", "-a", "-r", "/z"},
-                {"disable", "-C", "-v", "-n", "r"},
-                {"rename", "-C", "-v", "-n", "r", "-N", "s"}}));
+  EXPECT_EQ(Calls(), (std::vector<Args>{
+                         {"add", "-C", "-v", "-n", "r", "-g", "wheel"},
+                         {"rm", "-C", "-v", "-n", "r", "-r", "/bin/ls", "-u",
+                          "bob", "-g", "staff"},
+                         {"update", "-C", "-v", "-n", "r", "-a", "-r", "/z"},
+                         {"disable", "-C", "-v", "-n", "r"},
+                         {"rename", "-C", "-v", "-n", "r", "-N", "s"}}));
 }
 
-TEST_F(RuleCommandsTest, EditUpdateWithoutAllUsersPassesUsersAndIgnoresExtended) {
+TEST_F(RuleCommandsTest,
+       EditUpdateWithoutAllUsersPassesUsersAndIgnoresExtended) {
   WriteRuleFile(RuleSpec{"r"});
-  Exec("<request command=\"edit\"><rule name=\"r\"><update extended=\"1\">"
-       "<u>x</u></update></rule></request>");
-  EXPECT_EQ(Calls(), (std::vector<Args>{
-                         {"update", "-C", "-v", "-n", "r", "-u", "x"}}));
+  Exec(
+      "<request command=\"edit\"><rule name=\"r\"><update extended=\"1\">"
+      "<u>x</u></update></rule></request>");
+  EXPECT_EQ(Calls(),
+            (std::vector<Args>{{"update", "-C", "-v", "-n", "r", "-u", "x"}}));
 }
 
 TEST_F(RuleCommandsTest, AFailingSubOperationDoesNotStopTheLaterOnes) {

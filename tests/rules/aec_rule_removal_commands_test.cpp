@@ -56,7 +56,8 @@ TEST_F(RuleRemovalCommandsTest, RemoveAllRulesFailingStillDropsTheNames) {
   EXPECT_EQ(Calls().size(), 1u);
 }
 
-TEST_F(RuleRemovalCommandsTest, RemoveWithAllRulesTrueRemovesOnlyTheNamedRules) {
+TEST_F(RuleRemovalCommandsTest,
+       RemoveWithAllRulesTrueRemovesOnlyTheNamedRules) {
   const pt::ptree reply = Exec(
       "<request command=\"remove\" all_rules=\"true\"><rule><name>a</name>"
       "<name>b</name></rule></request>");
@@ -79,7 +80,8 @@ TEST_F(RuleRemovalCommandsTest, RemoveGoesOnAfterAFailingName) {
   EXPECT_EQ(Calls().size(), 2u);
   const auto& first = reply.get_child("remove").front().second;
   EXPECT_EQ(first.get<std::string>("result"), "0");
-  EXPECT_EQ(first.get<std::string>("error_desc"), "Rule does not exists: ghost");
+  EXPECT_EQ(first.get<std::string>("error_desc"),
+            "Rule does not exists: ghost");
   EXPECT_EQ(first.get<std::string>("name"), "ghost");
 }
 
@@ -90,7 +92,8 @@ TEST_F(RuleRemovalCommandsTest, RemoveWithAnEmptyWhitelistAddsNoWhitelistNode) {
   EXPECT_TRUE(Calls().empty());
 }
 
-TEST_F(RuleRemovalCommandsTest, RemoveWithAnEmptyRequestYieldsAnEmptyRemoveNode) {
+TEST_F(RuleRemovalCommandsTest,
+       RemoveWithAnEmptyRequestYieldsAnEmptyRemoveNode) {
   int outcome = 0;
   const pt::ptree reply = Exec("<request command=\"remove\"/>", &outcome);
   EXPECT_EQ(outcome, 1);
@@ -115,11 +118,12 @@ TEST_F(RuleRemovalCommandsTest, ExportRunsTheToolWithTheRuleAndFile) {
   const pt::ptree reply = Exec(
       "<request command=\"export\" name=\"r1\" file=\"/tmp/r1 copy.json\"/>");
   EXPECT_EQ(reply.get<std::string>("export.result"), "1");
-  EXPECT_EQ(Calls(), (std::vector<Args>{{"export", "-C", "-v", "-n", "r1",
-                                         "-f", "/tmp/r1 copy.json"}}));
+  EXPECT_EQ(Calls(), (std::vector<Args>{{"export", "-C", "-v", "-n", "r1", "-f",
+                                         "/tmp/r1 copy.json"}}));
 }
 
-TEST_F(RuleRemovalCommandsTest, ExportWithAnEmptyFileReportsTheMissingFilePath) {
+TEST_F(RuleRemovalCommandsTest,
+       ExportWithAnEmptyFileReportsTheMissingFilePath) {
   const pt::ptree reply =
       Exec("<request command=\"export\" name=\"r1\" file=\"\"/>");
   EXPECT_EQ(reply.get<std::string>("export.result"), "0");
@@ -163,7 +167,8 @@ TEST_F(RuleRemovalCommandsTest, ReloadReportsIntegrityViolations) {
             "in config files: /opt/korvex/etc/aec/white-list.config");
 }
 
-TEST_F(RuleRemovalCommandsTest, AnUnterminatedToolLineReleasesTheRequestUnanswered) {
+TEST_F(RuleRemovalCommandsTest,
+       AnUnterminatedToolLineReleasesTheRequestUnanswered) {
   Fake(0, {"partial"}, true);
   int outcome = 0;
   const pt::ptree reply = Exec("<request command=\"reload\"/>", &outcome);

@@ -88,7 +88,8 @@ TEST_F(AecRuleTest, AllAllowedOneReadsAsTrueAndIsSavedAsTrue) {
   tree.put("enable", "0");
   AecRule rule(tree);
   EXPECT_EQ(kxhost::TreeOf(*rule.GetXml(false)).get<std::string>("all"), "1");
-  EXPECT_EQ(kxhost::TreeOf(*rule.GetXml(false)).get<std::string>("enable"), "0");
+  EXPECT_EQ(kxhost::TreeOf(*rule.GetXml(false)).get<std::string>("enable"),
+            "0");
   rule.Save();
   EXPECT_EQ(ReadJson(Path("r.conf")).get<std::string>("all_allowed"), "true");
   EXPECT_EQ(ReadJson(Path("r.conf")).get<std::string>("enable"), "false");
@@ -133,8 +134,8 @@ TEST_F(AecRuleTest, RecordsDifferingInAnyFieldCompareUnequal) {
 }
 
 TEST_F(AecRuleTest, GetXmlWithoutResourcesHasNoResourceValues) {
-  RuleSpec spec{"r", true, true, true, false, {"bob", "alice"}, {"staff"},
-                {"/b", "/a"}};
+  RuleSpec spec{"r",       true,        true, true, false, {"bob", "alice"},
+                {"staff"}, {"/b", "/a"}};
   AecRule rule(RuleTree(spec));
   const pt::ptree xml = kxhost::TreeOf(*rule.GetXml(false));
   EXPECT_EQ(xml.count("r"), 0u);
@@ -184,7 +185,8 @@ TEST_F(AecRuleTest, MalformedOrUnreadableFilesThrowInvalidConfig) {
             std::string(error::kInvalidConfig));
   EXPECT_EQ(ThrownMessage([&] { AecRule rule(Path("absent.conf")); }),
             std::string(error::kInvalidConfig));
-  EXPECT_TRUE(log_.Contains("failed to parse AEC config " + Path("absent.conf")));
+  EXPECT_TRUE(
+      log_.Contains("failed to parse AEC config " + Path("absent.conf")));
 }
 
 TEST_F(AecRuleTest, ListsAreReadFromObjectsAsFromArraysAndDuplicatesCollapse) {
@@ -214,8 +216,8 @@ TEST_F(AecRuleTest, InitAddsToTheListsAlreadyHeld) {
 }
 
 TEST_F(AecRuleTest, SavedFilesReadBackEqual) {
-  RuleSpec spec{"round", true, true, false, false, {"a", "b"}, {"g1", "g2"},
-                {"/x/y", "/z \"quoted\""}};
+  RuleSpec spec{"round", true,       true,         false,
+                false,   {"a", "b"}, {"g1", "g2"}, {"/x/y", "/z \"quoted\""}};
   const AecRule original(RuleTree(spec));
   original.Save();
   EXPECT_TRUE(AecRule(AecRule::GetPath("round")) == original);
@@ -242,8 +244,7 @@ TEST_F(AecRuleTest, DeleteRemovesTheFileAndIgnoresAMissingOne) {
 TEST_F(AecRuleTest, RuleNamesThatCannotBeFileNamesAreInvalidRules) {
   for (const std::string& name :
        {std::string(), std::string("."), std::string(".."),
-        std::string("../escape"), std::string("a/b"),
-        std::string("a\0b", 3)}) {
+        std::string("../escape"), std::string("a/b"), std::string("a\0b", 3)}) {
     log_.Clear();
     EXPECT_EQ(ThrownMessage([&] { AecRule rule(RuleTree(RuleSpec{name})); }),
               std::string(error::kInvalidConfig))
@@ -273,7 +274,8 @@ TEST_F(AecRuleTest, IsExistIsFalseForNamesThatCannotBeFileNames) {
 }
 
 TEST_F(AecRuleTest, DeleteLeavesFilesThatAnInvalidNameWouldReach) {
-  const std::string outside = std::string(rulestest::kConfigDir) + "outside.conf";
+  const std::string outside =
+      std::string(rulestest::kConfigDir) + "outside.conf";
   kxtest::WriteFile(outside, "{}");
   EXPECT_TRUE(AecRule::Delete("../outside"));
   EXPECT_TRUE(kxtest::Exists(outside));

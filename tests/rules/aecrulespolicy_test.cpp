@@ -78,7 +78,8 @@ TEST_F(AecRulesPolicyTest, SetValueWithAStringThrowsLogicError) {
   }
 }
 
-TEST_F(AecRulesPolicyTest, AnEmptyValueAgainstTwoRulesOnDiskDeletesBothAndReloads) {
+TEST_F(AecRulesPolicyTest,
+       AnEmptyValueAgainstTwoRulesOnDiskDeletesBothAndReloads) {
   WriteRuleFile(Rule("a"));
   WriteRuleFile(Rule("b"));
   AecRulesPolicy policy;
@@ -104,7 +105,8 @@ TEST_F(AecRulesPolicyTest, OfTwoChildrenWithTheSameNameTheLaterWins) {
   ASSERT_TRUE(policy.IsChanged());
   policy.Apply();
   EXPECT_EQ(RuleFiles(), Files{"a.conf"});
-  EXPECT_EQ(AecRule(AecRule::GetPath("a")), AecRule(RuleTree(Rule("a", {"second"}))));
+  EXPECT_EQ(AecRule(AecRule::GetPath("a")),
+            AecRule(RuleTree(Rule("a", {"second"}))));
 }
 
 TEST_F(AecRulesPolicyTest, ASystemRuleOnDiskIsNeitherComparedNorDeleted) {
@@ -199,7 +201,8 @@ TEST_F(AecRulesPolicyTest, AFailedReloadReturnsFalseAndKeepsTheChangedFlag) {
   EXPECT_TRUE(log_.Contains("failed to reload AEC rules: "));
 }
 
-TEST_F(AecRulesPolicyTest, ASecondApplyWithoutNewValueRemovesTheRulesJustWritten) {
+TEST_F(AecRulesPolicyTest,
+       ASecondApplyWithoutNewValueRemovesTheRulesJustWritten) {
   AecRulesPolicy policy;
   policy.SetValue(Value({Rule("a"), Rule("b")}));
   policy.Apply();

@@ -62,13 +62,20 @@ TEST_F(KxAecCtlTest, EveryBuilderAppendsItsOptionAndQuotedValues) {
     Args args;
   };
   const std::vector<Case> cases = {
-      {[](KxAecCtl& t) { t.AddRules({"r1", "r2"}); }, " -n \"r1\" \"r2\"",
+      {[](KxAecCtl& t) {
+         t.AddRules({"r1", "r2"});
+       },
+       " -n \"r1\" \"r2\"",
        {"-n", "r1", "r2"}},
       {[](KxAecCtl& t) { t.AddUsers({"u1"}); }, " -u \"u1\"", {"-u", "u1"}},
-      {[](KxAecCtl& t) { t.AddGroups({"g1", "g2"}); }, " -g \"g1\" \"g2\"",
+      {[](KxAecCtl& t) {
+         t.AddGroups({"g1", "g2"});
+       },
+       " -g \"g1\" \"g2\"",
        {"-g", "g1", "g2"}},
       {[](KxAecCtl& t) { t.AddResources({"/p"}); }, " -r \"/p\"", {"-r", "/p"}},
-      {[](KxAecCtl& t) { t.AddResourceFile("/list"); }, " -f \"/list\"",
+      {[](KxAecCtl& t) { t.AddResourceFile("/list"); },
+       " -f \"/list\"",
        {"-f", "/list"}},
       {[](KxAecCtl& t) { t.AddNewName("new"); }, " -N \"new\"", {"-N", "new"}},
       {[](KxAecCtl& t) { t.SetAllRules(); }, " -A", {"-A"}},
@@ -78,7 +85,8 @@ TEST_F(KxAecCtlTest, EveryBuilderAppendsItsOptionAndQuotedValues) {
       {[](KxAecCtl& t) { t.SetNoDepend(); }, " -d", {"-d"}},
       {[](KxAecCtl& t) { t.SetRecursive(); }, " -R", {"-R"}},
       {[](KxAecCtl& t) { t.AddArg("--raw"); }, " --raw", {"--raw"}},
-      {[](KxAecCtl& t) { t.AddArg("-o", std::string("v")); }, " -o \"v\"",
+      {[](KxAecCtl& t) { t.AddArg("-o", std::string("v")); },
+       " -o \"v\"",
        {"-o", "v"}},
   };
   for (const auto& c : cases) {
@@ -98,9 +106,13 @@ TEST_F(KxAecCtlTest, AddNewNameWithAnEmptyNameLeavesTheCommandLineUnchanged) {
 }
 
 TEST_F(KxAecCtlTest, AddResourcesQuotesEachValueAfterOneBlank) {
-  EXPECT_EQ(Appended([](KxAecCtl& t) { t.AddResources({"/a b", "/c"}); }),
+  EXPECT_EQ(Appended([](KxAecCtl& t) {
+              t.AddResources({"/a b", "/c"});
+            }),
             " -r \"/a b\" \"/c\"");
-  EXPECT_EQ(AppendedArgs([](KxAecCtl& t) { t.AddResources({"/a b", "/c"}); }),
+  EXPECT_EQ(AppendedArgs([](KxAecCtl& t) {
+              t.AddResources({"/a b", "/c"});
+            }),
             (Args{"-r", "/a b", "/c"}));
 }
 
@@ -158,8 +170,9 @@ TEST_F(KxAecCtlTest, EveryKnownExitCodeHasItsDescription) {
       {20, "Integrity calculation error"},
       {21, "Violation of the integrity of the rules"},
       {23, "Error communicating with the service management"},
-      {24, "An update of AEC IC DB is required. Detected integrity violation "
-           "in config files: "},
+      {24,
+       "An update of AEC IC DB is required. Detected integrity violation "
+       "in config files: "},
       {25, "Resource does not exist: "},
   };
   for (const auto& entry : table) {
@@ -185,7 +198,8 @@ TEST_F(KxAecCtlTest, AnUnknownExitCodeGivesTheUnknownTextAndIsLogged) {
     EXPECT_FALSE(tool.Apply());
     EXPECT_EQ(tool.GetError(), code);
     EXPECT_EQ(tool.GetErrorDescription(), std::string(error::kUnknown));
-    EXPECT_TRUE(log_.Contains("unknown kxaecctl error " + std::to_string(code)));
+    EXPECT_TRUE(
+        log_.Contains("unknown kxaecctl error " + std::to_string(code)));
   }
 }
 
@@ -201,7 +215,8 @@ TEST_F(KxAecCtlTest, AFailingWaitGivesStatusMinusOne) {
   Fake(0);
   // With SIGCHLD ignored the kernel reaps the child itself and waiting
   // fails, as pclose then does.
-  struct sigaction ignore {}, previous{};
+  struct sigaction ignore {
+  }, previous{};
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGCHLD, &ignore, &previous);
   KxAecCtl tool("reload", true);

@@ -34,10 +34,10 @@ TEST_F(RulesEndToEndTest, AnAddRequestRunsTheToolAndRepliesSuccess) {
       "<request command=\"add\"><rule name=\"build-tools\" recursive=\"1\">"
       "<u>alice</u><g>dev ops</g><r>/usr/bin/make</r></rule></request>");
   ASSERT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(kxtest::FakeToolCalls("kxaecctl"),
-            (std::vector<Args>{{"add", "-C", "-v", "-n", "build-tools", "-u",
-                                "alice", "-g", "dev ops", "-r",
-                                "/usr/bin/make", "-R"}}));
+  EXPECT_EQ(
+      kxtest::FakeToolCalls("kxaecctl"),
+      (std::vector<Args>{{"add", "-C", "-v", "-n", "build-tools", "-u", "alice",
+                          "-g", "dev ops", "-r", "/usr/bin/make", "-R"}}));
   const auto reply = kxhost::ParseXml(run.out);
   EXPECT_EQ(kxhost::TreeOf(*reply).get<std::string>("add.rule.result"), "1")
       << run.out;
@@ -48,8 +48,7 @@ TEST_F(RulesEndToEndTest, ImportedRulesReplaceTheNonSystemRuleFiles) {
   system_rule.system = true;
   rulestest::WriteRuleFile(system_rule);
   rulestest::WriteRuleFile(RuleSpec{"local-only"});
-  const std::string system_before =
-      kxtest::ReadFile(AecRule::GetPath("sys"));
+  const std::string system_before = kxtest::ReadFile(AecRule::GetPath("sys"));
 
   RuleSpec first{"imported-a"};
   first.users = {"alice"};

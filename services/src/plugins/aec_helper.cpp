@@ -53,7 +53,8 @@ bool recalc_common_crc() {
   const std::vector<char*> argv = {&program[0], &index_option[0],
                                    &config_option[0], &config[0], nullptr};
   if (TtyHelpers(TtyHelpers::kDiscardOutput).ExecCommand(argv) != 0) {
-    AEC_LOG(kLogFile, 7, "[%d] %s: failed to recalculate checksum of the rules");
+    AEC_LOG(kLogFile, 7,
+            "[%d] %s: failed to recalculate checksum of the rules");
     return false;
   }
   // One rename: the database in force is either the old or the new one.

@@ -20,7 +20,8 @@ void ReadList(const pt::ptree& tree, const char* key,
   // Child keys are ignored on purpose, so an object of strings reads like an
   // array, and an empty string (how the writer puts an empty list) reads as
   // no items.
-  for (const auto& child : tree.get_child(key)) items.insert(child.second.data());
+  for (const auto& child : tree.get_child(key))
+    items.insert(child.second.data());
 }
 
 pt::ptree ListNode(const std::set<std::string>& items) {
@@ -49,8 +50,8 @@ AecRule::AecRule(const std::string& path) : path_(path) {
     pt::read_json(path, tree);
     Init(tree);
   } catch (const std::exception& e) {
-    BOOST_LOG_TRIVIAL(error) << "failed to parse AEC config " << path << ": "
-                             << e.what();
+    BOOST_LOG_TRIVIAL(error)
+        << "failed to parse AEC config " << path << ": " << e.what();
     throw PluginException(error::kInvalidConfig);
   }
 }

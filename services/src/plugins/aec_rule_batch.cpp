@@ -46,8 +46,8 @@ class Temporaries {
   // Writes `content` to a new temporary for `target`; false on failure.
   bool Write(const std::string& target, const std::string& content) {
     const auto slash = target.find_last_of('/');
-    std::string name = aec::kConfigDir + "." + target.substr(slash + 1) +
-                       ".XXXXXX";
+    std::string name =
+        aec::kConfigDir + "." + target.substr(slash + 1) + ".XXXXXX";
     const int fd = ::mkostemp(&name[0], O_CLOEXEC);
     if (fd < 0) return false;
     paths_.push_back(name);
@@ -96,7 +96,8 @@ void SaveRuleFiles(const std::vector<const AecRule*>& rules) {
 
   // One flush for every temporary of the batch, before any of them is
   // renamed into place.
-  const int dir = ::open(kConfigDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int dir =
+      ::open(kConfigDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const bool flushed = dir >= 0 && ::syncfs(dir) == 0;
   if (dir >= 0) ::close(dir);
   if (!flushed) WriteError(AecRule::GetPath(rules.front()->Name()));

@@ -83,8 +83,7 @@ const std::map<int, std::string>& DescriptionTable() {
       {KxAecCtl::kAllowedForAll, gettext("Rule is allowed for all users")},
       {KxAecCtl::kRuleExists, gettext("The rule is already exist: ")},
       {KxAecCtl::kInvalidDateTime, gettext("Invalid date/time")},
-      {KxAecCtl::kIntegrityCalculation,
-       gettext("Integrity calculation error")},
+      {KxAecCtl::kIntegrityCalculation, gettext("Integrity calculation error")},
       {KxAecCtl::kIntegrityViolation,
        gettext("Violation of the integrity of the rules")},
       {KxAecCtl::kServiceCommunication,
@@ -230,8 +229,8 @@ std::string KxAecCtl::GetErrorDescription() const {
   const auto& table = DescriptionTable();
   const auto found = table.find(error_);
   if (found == table.end()) {
-    BOOST_LOG_TRIVIAL(error) << "unknown kxaecctl error "
-                             << static_cast<int>(error_);
+    BOOST_LOG_TRIVIAL(error)
+        << "unknown kxaecctl error " << static_cast<int>(error_);
     return error::kUnknown;
   }
   std::string text = found->second;
@@ -242,6 +241,4 @@ std::string KxAecCtl::GetErrorDescription() const {
   return text;
 }
 
-std::vector<std::string> KxAecCtl::GetInvalidObjects() const {
-  return output_;
-}
+std::vector<std::string> KxAecCtl::GetInvalidObjects() const { return output_; }

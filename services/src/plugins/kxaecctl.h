@@ -68,7 +68,8 @@ class KxAecCtl {
   void AddArg(const std::string& arg);
   // Nothing when `values` is empty; otherwise " " + option, then for each
   // value " \"value\"". Each value is one argument.
-  void AddArg(const std::string& option, const std::vector<std::string>& values);
+  void AddArg(const std::string& option,
+              const std::vector<std::string>& values);
   // Nothing when `value` is empty; otherwise " " + option + " \"value\"".
   void AddArg(const std::string& option, const std::string& value);
 
@@ -78,6 +79,7 @@ class KxAecCtl {
   void AddResources(const std::vector<std::string>& resources);  // -r
   void AddResourceFile(const std::string& path);                 // -f
   void AddNewName(const std::string& name);                      // -N
+
   void SetAllRules();   // -A
   void SetAllUseres();  // -a (the name is spelled so on purpose)
   void SetExtended();   // -X

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "aec_helper.h"
-#include "aec_rule_batch.h"
 #include "aec_paths.h"
+#include "aec_rule_batch.h"
 #include "host/errors.h"
 #include "host/policy_sources.h"
 
