@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "aec_policies/aecpluginpolicy.h"
 #include "aecwhitelist.h"
 #include "host/ixml.h"
 #include "host/plugin_api.h"
@@ -150,6 +151,20 @@ TEST_F(WhitelistEndToEndTest,
   EXPECT_EQ(Names{"devs@corp"}, written.groups);
   EXPECT_TRUE(AECWhiteList::IsEnableCC());
   EXPECT_EQ(1u, CountCalls("kxaecctl", {"reload", "-w"}));
+}
+
+TEST(PolicySetOrderTest,
+     WhitelistThenExceptionsComeAfterTheLogEventsAndBeforeRules) {
+  kxtest::ScratchRoot root;
+  AecPolicySources::Get()->ReadConfig();
+  AecPluginPolicy policies;
+  std::vector<std::string> names;
+  for (const auto& policy : policies.Policies())
+    names.push_back(policy->Name());
+  EXPECT_EQ((Names{"state", "mode", "log_perm_exec", "log_deny_exec",
+                   "log_perm_openlib", "log_deny_openlib", "log_perm_openfile",
+                   "log_deny_openfile", "whitelist", "exceptions", "rules"}),
+            names);
 }
 
 }  // namespace
