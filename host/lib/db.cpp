@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/log.h"
+#include "runtime.h"
 #include "settings_db.h"
 
 namespace {
@@ -13,6 +14,10 @@ constexpr const char* kLogFile = "db";
 }
 
 void db_execute(const char* sql, db_response_t* response) {
+  // Called outside any lock, so that an observer may itself use the host.
+  if (sql != nullptr) {
+    if (const auto observer = kxhost::CurrentStatementObserver()) observer(sql);
+  }
   if (response == nullptr) return;
   response->rows = 0;
   response->columns = 0;

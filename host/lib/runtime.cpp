@@ -82,6 +82,24 @@ void ClearEvents() {
   State().events.clear();
 }
 
+namespace {
+// Kept apart from RuntimeState; leaked for the same reason.
+StatementObserver& StatementObserverSlot() {
+  static auto* observer = new StatementObserver;
+  return *observer;
+}
+}  // namespace
+
+void SetStatementObserver(StatementObserver observer) {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  StatementObserverSlot() = std::move(observer);
+}
+
+StatementObserver CurrentStatementObserver() {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  return StatementObserverSlot();
+}
+
 // Declared in host_events.h.
 void RecordEvent(const std::string& kind, std::vector<std::string> args) {
   std::string events_file;

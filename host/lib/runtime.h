@@ -39,6 +39,14 @@ struct HostEvent {
 std::vector<HostEvent> Events();
 void ClearEvents();
 
+// Receives the text of every statement handed to db_execute, exactly as
+// given and before it runs, so that tests can compare what a plug-in sends
+// byte for byte. Null removes it.
+using StatementObserver = std::function<void(const std::string& sql)>;
+void SetStatementObserver(StatementObserver observer);
+// The observer set with SetStatementObserver (empty when none).
+StatementObserver CurrentStatementObserver();
+
 // Forgets every open handle and cached state that belongs to the current
 // /opt/korvex (the settings database connection, the policy sources), so
 // that the next use reads the root mounted now. For tests that mount a new
