@@ -100,6 +100,11 @@ struct Reexec {
     Append("LD_PRELOAD", KX_NSS_WRAPPER_LIB, ':');
     // Under AddressSanitizer the preloaded library comes before its runtime.
     Append("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
+#ifdef __SANITIZE_ADDRESS__
+    // The sanitizer runtime cannot serve a libc opened with RTLD_DEEPBIND,
+    // which nss_wrapper uses unless told not to.
+    setenv("NSS_WRAPPER_DISABLE_DEEPBIND", "1", 1);
+#endif
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(&arg[0]);
     argv.push_back(nullptr);
