@@ -454,6 +454,17 @@ TEST_F(LogTest, ReaderCutsValuesAtTheirFirstNulByte) {
   EXPECT_EQ(seen, "/bin");
 }
 
+TEST_F(LogTest, EmptyBlobObjectIsTheEmptyText) {
+  kxtest::WriteFile(kJournalPath, "");
+  PlainQuery(kJournalPath,
+             "CREATE TABLE logs (event_id INTEGER, date_time INTEGER, app "
+             "TEXT, object_name, username TEXT, groupname TEXT, success "
+             "INTEGER);"
+             "INSERT INTO logs VALUES (1051, 1, '/bin/a', x'', 'u', 'g', 0);");
+  EXPECT_EQ(Resources(RunCommand(aec::HandleLog, "log", {})),
+            (Set{"/bin/a", ""}));
+}
+
 TEST(UnframeObjectNameTest, CutsOneLeadingAndTwoTrailingCharacters) {
   EXPECT_EQ(aec::UnframeObjectName("\"/lib/a.so\";"), "/lib/a.so");
   EXPECT_EQ(aec::UnframeObjectName("abcd"), "b");
