@@ -25,8 +25,8 @@ constexpr const char* kLogFile = "confirmation";
 constexpr int kLogId = 0x01;
 constexpr const char* kLogName = "kxhost";
 
-#define KX_CONFIRMATION_LOG(priority, format, ...)                    \
-  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format,    \
+#define KX_CONFIRMATION_LOG(priority, format, ...)                 \
+  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format, \
               (kLogId << 24) | (priority), kLogName, ##__VA_ARGS__)
 
 constexpr int kAwaitingAfterReboot = 0;
@@ -180,7 +180,8 @@ void Confirmation::Enter(int state) {
   }
   for (int i = 0; i < count; ++i) {
     if (!(this->*steps[i].handler)()) {
-      KX_CONFIRMATION_LOG(4, "[%d] %s: confirmation handler %s failed (state %d)",
+      KX_CONFIRMATION_LOG(4,
+                          "[%d] %s: confirmation handler %s failed (state %d)",
                           steps[i].name, state);
     }
   }
@@ -282,8 +283,8 @@ void LockFileConfirmation::MarkBoot() {
     KX_CONFIRMATION_LOG(3, "[%d] %s: cannot make %s", dir.c_str());
     return;
   }
-  const int fd =
-      open(lock_file_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+  const int fd = open(lock_file_.c_str(),
+                      O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) {
     KX_CONFIRMATION_LOG(3, "[%d] %s: cannot create %s: %s", lock_file_.c_str(),
                         std::strerror(errno));

@@ -144,9 +144,8 @@ bool ReadPoliciesXml(const IXml& xml, const std::string& default_group,
     const pt::ptree* group = Child(*attributes, "group");
     entry.group = group != nullptr ? group->data() : default_group;
     const pt::ptree* source = Child(*attributes, "source");
-    entry.source = source != nullptr && !source->data().empty()
-                       ? source->data()
-                       : kSourceLocal;
+    entry.source = source != nullptr && !source->data().empty() ? source->data()
+                                                                : kSourceLocal;
     TakeValue(*value, Trimmed(value->data()), &entry);
     read.push_back(std::move(entry));
   }
@@ -191,9 +190,8 @@ bool ReadPoliciesJson(const pt::ptree& tree, const std::string& default_group,
     const pt::ptree* group = Child(object, "group");
     entry.group = group != nullptr ? group->data() : default_group;
     const pt::ptree* source = Child(object, "source");
-    entry.source = source != nullptr && !source->data().empty()
-                       ? source->data()
-                       : kSourceLocal;
+    entry.source = source != nullptr && !source->data().empty() ? source->data()
+                                                                : kSourceLocal;
     TakeValue(*value, value->data(), &entry);
     read.push_back(std::move(entry));
   }

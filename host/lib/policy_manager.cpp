@@ -24,8 +24,8 @@ constexpr const char* kLogFile = "policy_manager";
 constexpr const char* kSourceTable = "conf.kxhost_policy_source";
 
 // The plug-in's convention: "[%d] %s: " with the message code and the name.
-#define KX_MANAGER_LOG(priority, format, ...)                               \
-  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format,          \
+#define KX_MANAGER_LOG(priority, format, ...)                      \
+  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format, \
               (LogId() << 24) | (priority), Plugin().c_str(), ##__VA_ARGS__)
 
 // The integer a kernel policy hands to the kernel (KernelPolicy::Apply
@@ -262,8 +262,7 @@ void PolicyManager::ApplyPolicies() {
     const std::string name = policy->Name();
     try {
       if (!policy->Apply()) {
-        KX_MANAGER_LOG(4, "[%d] %s: policy '%s' was not applied",
-                       name.c_str());
+        KX_MANAGER_LOG(4, "[%d] %s: policy '%s' was not applied", name.c_str());
       }
     } catch (const std::exception& e) {
       KX_MANAGER_LOG(3, "[%d] %s: policy '%s' failed to apply: %s",

@@ -18,8 +18,8 @@ constexpr const char* kLogFile = "policy_sources";
 constexpr int kLogId = 0x01;
 constexpr const char* kLogName = "kxhost";
 
-#define KX_SOURCES_LOG(priority, format, ...)                         \
-  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format,    \
+#define KX_SOURCES_LOG(priority, format, ...)                      \
+  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format, \
               (kLogId << 24) | (priority), kLogName, ##__VA_ARGS__)
 
 // Plain literals: usable whenever Get() is first called, even from another
@@ -98,18 +98,15 @@ void AecPolicySources::SetWhitelistSource(const std::string& source) {
 
 std::string AecPolicySources::GetRulesSource() const { return rules_; }
 
-std::string AecPolicySources::GetExceptionSource() const {
-  return exceptions_;
-}
+std::string AecPolicySources::GetExceptionSource() const { return exceptions_; }
 
 std::string AecPolicySources::GetWhitelistSource() const { return whitelist_; }
 
 bool AecPolicySources::WriteConfig() const {
-  const std::string content = "{\n    \"rules\": " + JsonString(rules_) +
-                              ",\n    \"exceptions\": " +
-                              JsonString(exceptions_) +
-                              ",\n    \"whitelist\": " +
-                              JsonString(whitelist_) + "\n}\n";
+  const std::string content =
+      "{\n    \"rules\": " + JsonString(rules_) +
+      ",\n    \"exceptions\": " + JsonString(exceptions_) +
+      ",\n    \"whitelist\": " + JsonString(whitelist_) + "\n}\n";
   boost::system::error_code ec;
   boost::filesystem::create_directories(kConfigDir, ec);
   try {
@@ -117,8 +114,7 @@ bool AecPolicySources::WriteConfig() const {
     // rule-control tool reads every entry as a rule.
     kxfs::ReplaceFile(kConfigPath, content, kConfigDir, 0644);
   } catch (const std::system_error& e) {
-    KX_SOURCES_LOG(3, "[%d] %s: cannot write %s: %s", kConfigPath,
-                   e.what());
+    KX_SOURCES_LOG(3, "[%d] %s: cannot write %s: %s", kConfigPath, e.what());
     return false;
   }
   return true;
@@ -134,8 +130,7 @@ void AecPolicySources::ReadConfig() {
   try {
     boost::property_tree::read_json(in, tree);
   } catch (const boost::property_tree::json_parser_error& e) {
-    KX_SOURCES_LOG(3, "[%d] %s: cannot read %s: %s", kConfigPath,
-                   e.what());
+    KX_SOURCES_LOG(3, "[%d] %s: cannot read %s: %s", kConfigPath, e.what());
     return;
   }
   rules_ = StringOr(tree, "rules", kDefaultRules);

@@ -1,14 +1,14 @@
 // The confirmation state machine: every transition of its table, the state
 // file, fresh-boot detection and the handler calls.
-#include <gtest/gtest.h>
+#include "host/confirmation.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <string>
 #include <vector>
 
-#include "host/confirmation.h"
 #include "kxtest.h"
 
 namespace {
@@ -53,8 +53,7 @@ class ConfirmationTest : public kxtest::SandboxTest {
     }
   }
   std::string Record() {
-    return kxtest::Exists(kStateFile) ? kxtest::ReadFile(kStateFile)
-                                      : "<none>";
+    return kxtest::Exists(kStateFile) ? kxtest::ReadFile(kStateFile) : "<none>";
   }
 
   RecordingConfirmation confirmation_;
@@ -67,8 +66,8 @@ TEST_F(ConfirmationTest, FreshInstallationIsConfirmedAndRequired) {
 }
 
 TEST_F(ConfirmationTest, UnreadableRecordReadsAsConfirmedAndRequired) {
-  for (const char* text : {"garbage", "state=abc\nrequired=0\n",
-                           "state=1\n", "state=1\nrequired=2\n"}) {
+  for (const char* text : {"garbage", "state=abc\nrequired=0\n", "state=1\n",
+                           "state=1\nrequired=2\n"}) {
     kxtest::WriteFile(kStateFile, text);
     EXPECT_EQ(confirmation_.State(), 2) << text;
     EXPECT_TRUE(confirmation_.Required()) << text;
@@ -239,7 +238,7 @@ TEST_F(ConfirmationTest, CheckMarksTheBootAfterDeciding) {
 }
 
 TEST_F(ConfirmationTest, AWholeRoundAcrossTwoBootsWithoutConfirmation) {
-  EXPECT_TRUE(confirmation_.Check(true));  // switched on while running
+  EXPECT_TRUE(confirmation_.Check(true));   // switched on while running
   ::unlink(kLockFile.c_str());              // reboot
   EXPECT_TRUE(confirmation_.Check(false));  // kept, users alerted
   ::unlink(kLockFile.c_str());              // reboot again

@@ -1,11 +1,12 @@
 // Kernel setters: the changed flag, the mode-and-state encoding written to
 // the kernel parameter, and the base flag.
+#include "host/kernel_setters.h"
+
 #include <gtest/gtest.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <string>
 
-#include "host/kernel_setters.h"
 #include "kxtest.h"
 
 namespace {

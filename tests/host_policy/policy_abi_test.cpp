@@ -13,9 +13,9 @@
 
 namespace {
 
+using boost::property_tree::ptree;
 using hostpolicytest::Slot;
 using hostpolicytest::SlotValue;
-using boost::property_tree::ptree;
 
 TEST(PolicyAbi, IPolicyOperationsKeepTheirSlots) {
   EXPECT_EQ(SlotValue(&IPolicy::Source), Slot(3));

@@ -36,9 +36,9 @@ std::string Example(const std::string& id) {
   bool inside = false;
   while (std::getline(in, line)) {
     if (!inside) {
-      inside = line.compare(0, 3, "```") == 0 && line.size() >= marker.size() &&
-               line.compare(line.size() - marker.size(), marker.size(),
-                            marker) == 0;
+      inside =
+          line.compare(0, 3, "```") == 0 && line.size() >= marker.size() &&
+          line.compare(line.size() - marker.size(), marker.size(), marker) == 0;
       continue;
     }
     if (line.compare(0, 3, "```") == 0) return block;
@@ -74,8 +74,8 @@ class DocumentedExamplesTest : public kxtest::SandboxTest {
     manager_.AddPolicy(policy);
   }
   void AddLocal(const std::string& name, const std::string& description) {
-    auto policy = std::make_shared<RecordingLocalPolicy>(name, nullptr,
-                                                         description);
+    auto policy =
+        std::make_shared<RecordingLocalPolicy>(name, nullptr, description);
     local_[name] = policy;
     manager_.AddPolicy(policy);
   }
@@ -119,8 +119,8 @@ TEST_F(DocumentedExamplesTest, PoliciesDocumentIsWhatGetPoliciesXmlMakes) {
 
 TEST_F(DocumentedExamplesTest, SetPoliciesExampleSetsEveryAecPolicy) {
   AddFullSet();
-  ASSERT_TRUE(manager_.SetPoliciesXml(
-      kxhost::ParseXml(Example("set-policies"))));
+  ASSERT_TRUE(
+      manager_.SetPoliciesXml(kxhost::ParseXml(Example("set-policies"))));
   const std::map<std::string, std::string> expected = {
       {"state", "1"},
       {"mode", "0"},
@@ -144,9 +144,9 @@ TEST_F(DocumentedExamplesTest, SetPoliciesExampleSetsEveryAecPolicy) {
   // The exceptions as a tree of paths.
   auto exceptions = local_["exceptions"];
   ASSERT_EQ(exceptions->trees_.size(), 1u);
-  EXPECT_EQ(ChildValues(exceptions->trees_[0]),
-            (std::vector<std::string>{"/opt/app/bin/tool",
-                                      "/usr/lib/libextra.so"}));
+  EXPECT_EQ(
+      ChildValues(exceptions->trees_[0]),
+      (std::vector<std::string>{"/opt/app/bin/tool", "/usr/lib/libextra.so"}));
   // The rules as a tree of rule objects.
   auto rules = local_["rules"];
   ASSERT_EQ(rules->trees_.size(), 1u);
@@ -189,9 +189,9 @@ TEST_F(DocumentedExamplesTest, ImportExampleSetsEveryAecPolicy) {
   EXPECT_EQ(entries.rbegin()->second.get<std::string>("type"), "group");
   // The exceptions as an array of paths.
   ASSERT_EQ(local_["exceptions"]->trees_.size(), 1u);
-  EXPECT_EQ(ChildValues(local_["exceptions"]->trees_[0]),
-            (std::vector<std::string>{"/opt/app/bin/tool",
-                                      "/usr/lib/libextra.so"}));
+  EXPECT_EQ(
+      ChildValues(local_["exceptions"]->trees_[0]),
+      (std::vector<std::string>{"/opt/app/bin/tool", "/usr/lib/libextra.so"}));
   // The rules as rule objects with arrays.
   ASSERT_EQ(local_["rules"]->trees_.size(), 1u);
   const pt::ptree& rule = local_["rules"]->trees_[0].begin()->second;

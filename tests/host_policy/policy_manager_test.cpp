@@ -1,4 +1,6 @@
 // PolicyManager: setting from documents, filtering, applying, storing.
+#include "host/policy_manager.h"
+
 #include <gtest/gtest.h>
 
 #include <boost/property_tree/json_parser.hpp>
@@ -8,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "host/policy_manager.h"
 #include "host/request_getters.h"
 #include "kxtest.h"
 #include "lib/runtime.h"
@@ -91,12 +92,13 @@ TEST_F(PolicyManagerTest, ManagerKeepsItsConstructorArguments) {
 }
 
 TEST_F(PolicyManagerTest, FilterParamsIsConsultedForEveryXmlParameter) {
-  ASSERT_TRUE(SetXml(
-      "<policies>"
-      "<policy group=\"aec\" name=\"state\" source=\"dorvi\"><type>1</type></policy>"
-      "<policy group=\"other\" name=\"x\"><value>v</value></policy>"
-      "<policy name=\"exceptions\"><value><r>/a</r></value></policy>"
-      "</policies>"));
+  ASSERT_TRUE(
+      SetXml("<policies>"
+             "<policy group=\"aec\" name=\"state\" "
+             "source=\"dorvi\"><type>1</type></policy>"
+             "<policy group=\"other\" name=\"x\"><value>v</value></policy>"
+             "<policy name=\"exceptions\"><value><r>/a</r></value></policy>"
+             "</policies>"));
   ASSERT_EQ(manager_.filtered_.size(), 3u);
   EXPECT_EQ(manager_.filtered_[0].group, "aec");
   EXPECT_EQ(manager_.filtered_[0].name, "state");
@@ -110,11 +112,10 @@ TEST_F(PolicyManagerTest, FilterParamsIsConsultedForEveryXmlParameter) {
 }
 
 TEST_F(PolicyManagerTest, FilterParamsIsConsultedForEveryJsonParameter) {
-  ASSERT_TRUE(manager_.SetPoliciesJson(
-      Json(R"({"policies": [
+  ASSERT_TRUE(manager_.SetPoliciesJson(Json(R"({"policies": [
           {"group": "aec", "name": "mode", "source": "yunko", "value": "1"},
           {"group": "else", "name": "y", "value": "2"}]})"),
-      nullptr));
+                                       nullptr));
   ASSERT_EQ(manager_.filtered_.size(), 2u);
   EXPECT_EQ(manager_.filtered_[0].name, "mode");
   EXPECT_EQ(manager_.filtered_[0].source, "yunko");
@@ -142,9 +143,9 @@ TEST_F(PolicyManagerTest, FilterMayRenameAnOldGroupsParameter) {
 
 TEST_F(PolicyManagerTest, FilterReturningFalseDropsTheParameter) {
   manager_.drop_name_ = "state";
-  ASSERT_TRUE(SetXml(
-      "<policies><policy name=\"state\"><type>1</type></policy>"
-      "<policy name=\"mode\"><type>1</type></policy></policies>"));
+  ASSERT_TRUE(
+      SetXml("<policies><policy name=\"state\"><type>1</type></policy>"
+             "<policy name=\"mode\"><type>1</type></policy></policies>"));
   EXPECT_EQ(state_->Value(), "0");
   EXPECT_EQ(mode_->Value(), "1");
 }
@@ -159,9 +160,9 @@ TEST_F(PolicyManagerTest, FilterRewritingATreeValueSetsTheText) {
 }
 
 TEST_F(PolicyManagerTest, ValueIsSetBeforeTheSource) {
-  ASSERT_TRUE(SetXml(
-      "<policies><policy name=\"whitelist\" source=\"dorvi\">"
-      "<value>*S-1-5-21-1</value></policy></policies>"));
+  ASSERT_TRUE(
+      SetXml("<policies><policy name=\"whitelist\" source=\"dorvi\">"
+             "<value>*S-1-5-21-1</value></policy></policies>"));
   EXPECT_EQ(journal_, (Journal{"whitelist:SetValue(text) *S-1-5-21-1",
                                "whitelist:SetSource dorvi"}));
 }
@@ -190,13 +191,12 @@ TEST_F(PolicyManagerTest, AnEmptyValueElementIsAnEmptyTree) {
 }
 
 TEST_F(PolicyManagerTest, JsonArraysAndObjectsAreTreesStringsAreText) {
-  ASSERT_TRUE(manager_.SetPoliciesJson(
-      Json(R"({"policies": [
+  ASSERT_TRUE(manager_.SetPoliciesJson(Json(R"({"policies": [
           {"name": "exceptions", "value": ["/a", "/b"]},
           {"name": "whitelist", "value": {"k": "v"}},
           {"name": "state", "value": "1"},
           {"name": "mode", "value": 1}]})"),
-      nullptr));
+                                       nullptr));
   ASSERT_EQ(list_->trees_.size(), 1u);
   EXPECT_EQ(list_->trees_[0].size(), 2u);
   EXPECT_EQ(list_->trees_[0].begin()->first, "");
@@ -236,9 +236,9 @@ TEST_F(PolicyManagerTest, UnknownPolicyFailsTheCallButOthersAreSet) {
 }
 
 TEST_F(PolicyManagerTest, UnknownPolicyInXmlFailsTheCallButOthersAreSet) {
-  EXPECT_FALSE(SetXml(
-      "<policies><policy name=\"nope\"><value>1</value></policy>"
-      "<policy name=\"mode\"><type>1</type></policy></policies>"));
+  EXPECT_FALSE(
+      SetXml("<policies><policy name=\"nope\"><value>1</value></policy>"
+             "<policy name=\"mode\"><type>1</type></policy></policies>"));
   EXPECT_EQ(mode_->Value(), "1");
 }
 
@@ -365,12 +365,14 @@ TEST_F(PolicyManagerTest, ResetPolicySourceResetsTheOneNamedPolicy) {
 }
 
 TEST_F(PolicyManagerTest, SetValueToPolicySetsValueThenSource) {
-  EXPECT_TRUE(manager_.SetValueToPolicy<std::string>("whitelist", "dorvi", "x"));
-  EXPECT_EQ(journal_,
-            (Journal{"whitelist:SetValue(text) x", "whitelist:SetSource dorvi"}));
+  EXPECT_TRUE(
+      manager_.SetValueToPolicy<std::string>("whitelist", "dorvi", "x"));
+  EXPECT_EQ(journal_, (Journal{"whitelist:SetValue(text) x",
+                               "whitelist:SetSource dorvi"}));
   EXPECT_FALSE(manager_.SetValueToPolicy<std::string>("nope", "dorvi", "x"));
   text_->reject_ = true;
-  EXPECT_FALSE(manager_.SetValueToPolicy<std::string>("whitelist", "yunko", "y"));
+  EXPECT_FALSE(
+      manager_.SetValueToPolicy<std::string>("whitelist", "yunko", "y"));
   EXPECT_EQ(text_->Source(), "dorvi");
 }
 
@@ -427,8 +429,8 @@ TEST_F(PolicyManagerTest, ValuesAndSourcesSurviveARestart) {
       restarted, "state", "0", control_, &journal, "aec_state");
   auto mode = std::make_shared<RecordingKernelPolicy>(
       restarted, "mode", "0", control_, &journal, "aec_mode");
-  auto log = std::make_shared<RecordingKernelPolicy>(
-      restarted, "log_perm_exec", "", log_getter_, &journal);
+  auto log = std::make_shared<RecordingKernelPolicy>(restarted, "log_perm_exec",
+                                                     "", log_getter_, &journal);
   restarted.AddPolicy(state);
   restarted.AddPolicy(mode);
   restarted.AddPolicy(log);
@@ -438,9 +440,9 @@ TEST_F(PolicyManagerTest, ValuesAndSourcesSurviveARestart) {
   EXPECT_EQ(mode->Source(), "yunko");
   EXPECT_EQ(log->Value(), "0");
   EXPECT_EQ(log->Source(), "dorvi");
-  EXPECT_EQ(journal, (Journal{"state:ApplyKernelValue 1",
-                              "mode:ApplyKernelValue 1",
-                              "log_perm_exec:ApplyKernelValue 0"}));
+  EXPECT_EQ(journal,
+            (Journal{"state:ApplyKernelValue 1", "mode:ApplyKernelValue 1",
+                     "log_perm_exec:ApplyKernelValue 0"}));
   EXPECT_EQ(QueryOne("SELECT source FROM conf.kxhost_policy_source WHERE "
                      "plugin='aec' AND policy='whitelist'"),
             "dorvi");

@@ -1,5 +1,7 @@
 // LocalPolicy and KernelPolicy: values, sources, documents, and what a
 // kernel policy reads and applies at start.
+#include "host/policy.h"
+
 #include <gtest/gtest.h>
 
 #include <boost/property_tree/ptree.hpp>
@@ -8,7 +10,6 @@
 #include <string>
 
 #include "host/db.h"
-#include "host/policy.h"
 #include "host/policy_manager.h"
 #include "host/request_getters.h"
 #include "kxtest.h"
@@ -127,10 +128,9 @@ TEST(LocalPolicyTest, GetXmlCarriesAttributesValueDefaultAndDescriptions) {
 class KernelPolicyTest : public kxtest::SandboxTest {
  protected:
   std::shared_ptr<RecordingKernelPolicy> Make(const std::string& name,
-                                             const std::string& text) {
-    return std::make_shared<RecordingKernelPolicy>(manager_, name, text,
-                                                   control_, &journal_,
-                                                   "test_" + name);
+                                              const std::string& text) {
+    return std::make_shared<RecordingKernelPolicy>(
+        manager_, name, text, control_, &journal_, "test_" + name);
   }
   void StoreRow(const std::string& key, const std::string& value) {
     ASSERT_NE(QueryOne("INSERT INTO control_plugin_conf VALUES('" + key +
@@ -162,8 +162,8 @@ TEST_F(KernelPolicyTest, DefaultIsTheConstructorTextElseTheGettersMissingRow) {
   auto log_getter = std::make_shared<AecLogPolicyDbRequestGetter>();
   RecordingKernelPolicy exec(manager_, "log_perm_exec", "", log_getter,
                              nullptr);
-  RecordingKernelPolicy openfile(manager_, "log_perm_openfile", "",
-                                 log_getter, nullptr);
+  RecordingKernelPolicy openfile(manager_, "log_perm_openfile", "", log_getter,
+                                 nullptr);
   EXPECT_EQ(exec.DefaultValue(), "1");
   EXPECT_EQ(openfile.DefaultValue(), "0");
 }

@@ -1,16 +1,17 @@
 // Where kernel policies' values live and what a missing row reads as.
+#include "host/request_getters.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "host/request_getters.h"
 
 namespace {
 
 TEST(RequestGettersTest, ControlGetterReadsControlPluginConf) {
   ControlPolicyDbRequestGetter getter;
-  EXPECT_EQ(getter.GetRequestReadData("aec_state"),
-            "SELECT fiValue FROM control_plugin_conf WHERE fsPolicy='aec_state'");
+  EXPECT_EQ(
+      getter.GetRequestReadData("aec_state"),
+      "SELECT fiValue FROM control_plugin_conf WHERE fsPolicy='aec_state'");
   EXPECT_EQ(getter.Table(), "control_plugin_conf");
   EXPECT_EQ(getter.KeyColumn(), "fsPolicy");
   EXPECT_EQ(getter.ValueColumn(), "fiValue");
@@ -20,8 +21,9 @@ TEST(RequestGettersTest, ControlGetterReadsControlPluginConf) {
 
 TEST(RequestGettersTest, LogGetterReadsTheAttachedAuditTable) {
   AecLogPolicyDbRequestGetter getter;
-  EXPECT_EQ(getter.GetRequestReadData("log_deny_exec"),
-            "SELECT fiValue FROM conf.aec_log_conf WHERE fsEvent='log_deny_exec'");
+  EXPECT_EQ(
+      getter.GetRequestReadData("log_deny_exec"),
+      "SELECT fiValue FROM conf.aec_log_conf WHERE fsEvent='log_deny_exec'");
   EXPECT_EQ(getter.Table(), "conf.aec_log_conf");
   EXPECT_EQ(getter.KeyColumn(), "fsEvent");
   EXPECT_EQ(getter.ValueColumn(), "fiValue");

@@ -111,8 +111,7 @@ class RecordingKernelPolicy : public KernelPolicy {
   std::string DbPolicyName() const override { return db_name_; }
   void ApplyKernelValue(int value) override {
     if (journal_ != nullptr) {
-      journal_->push_back(name_ + ":ApplyKernelValue " +
-                          std::to_string(value));
+      journal_->push_back(name_ + ":ApplyKernelValue " + std::to_string(value));
     }
     applied_.push_back(value);
     if (throw_on_apply_) throw std::runtime_error("kernel refused the value");
