@@ -144,6 +144,21 @@ void MakeRootLayout(const std::string& dir) {
 
 void SeedFreshInstall(const std::string& dir) {
   MakeRootLayout(dir);
+  // The integrity tool's list of the configuration it keeps checksums of
+  // (the package installs it; docs/tools.md describes the format).
+  const std::string crc_list = dir + "/etc/aec/crc-rule.conf";
+  struct stat list_info;
+  if (lstat(crc_list.c_str(), &list_info) != 0) {
+    std::ofstream list(crc_list, std::ios::trunc);
+    list << "# Files whose SHA-256 kxaide keeps in crc-rule.db; a directory\n"
+            "# stands for every regular file in it.\n"
+            "/opt/korvex/etc/aec/rules/\n"
+            "/opt/korvex/etc/aec/white-list.config\n"
+            "/opt/korvex/etc/aec/resource-exception.conf\n"
+            "/opt/korvex/etc/aec/policy-sources.conf\n";
+    list.close();
+    if (!list) Fail("write " + crc_list);
+  }
   const std::string whitelist = dir + "/etc/aec/white-list.config";
   struct stat info;
   if (lstat(whitelist.c_str(), &info) == 0) return;

@@ -1,0 +1,345 @@
+#include "elf_dependencies.h"
+
+#include <elf.h>
+#include <fcntl.h>
+#include <glob.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <optional>
+#include <vector>
+
+namespace aectool {
+namespace {
+
+// Bounds that no real object comes near; a crafted file cannot make the
+// tool read or allocate more than this.
+constexpr std::size_t kMaxProgramHeaders = 4096;
+constexpr std::size_t kMaxTableBytes = 64u << 20;
+constexpr int kMaxIncludeDepth = 8;
+
+struct ElfInfo {
+  unsigned char elf_class = 0;
+  std::uint16_t machine = 0;
+  std::string interpreter;
+  std::vector<std::string> needed;
+  std::vector<std::string> rpath;
+  std::vector<std::string> runpath;
+};
+
+class File {
+ public:
+  explicit File(const std::string& path)
+      : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  ~File() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  bool IsRegular() const {
+    struct stat info;
+    return fd_ >= 0 && ::fstat(fd_, &info) == 0 && S_ISREG(info.st_mode);
+  }
+
+  // Exactly `size` bytes at `offset`, or false.
+  bool Read(std::uint64_t offset, std::size_t size, void* out) const {
+    if (size > kMaxTableBytes) return false;
+    auto* bytes = static_cast<char*>(out);
+    std::size_t done = 0;
+    while (done < size) {
+      const ssize_t got = ::pread(fd_, bytes + done, size - done,
+                                  static_cast<off_t>(offset + done));
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) return false;
+      done += static_cast<std::size_t>(got);
+    }
+    return true;
+  }
+
+ private:
+  int fd_;
+};
+
+std::vector<std::string> SplitPath(const std::string& text) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  for (;;) {
+    const std::size_t colon = text.find(':', start);
+    const std::string part = text.substr(start, colon - start);
+    if (!part.empty()) parts.push_back(part);
+    if (colon == std::string::npos) return parts;
+    start = colon + 1;
+  }
+}
+
+std::string StringAt(const std::vector<char>& table, std::uint64_t offset) {
+  if (offset >= table.size()) return "";
+  const char* begin = table.data() + offset;
+  const void* end = std::memchr(begin, '\0', table.size() - offset);
+  if (end == nullptr) return "";
+  return std::string(begin, static_cast<const char*>(end));
+}
+
+template <typename Ehdr, typename Phdr, typename Dyn>
+bool ParseElf(const File& file, ElfInfo* info) {
+  Ehdr header;
+  if (!file.Read(0, sizeof header, &header)) return false;
+  if (header.e_phentsize != sizeof(Phdr) || header.e_phnum == 0 ||
+      header.e_phnum > kMaxProgramHeaders) {
+    return false;
+  }
+  info->machine = header.e_machine;
+  std::vector<Phdr> segments(header.e_phnum);
+  if (!file.Read(header.e_phoff, segments.size() * sizeof(Phdr),
+                 segments.data())) {
+    return false;
+  }
+  std::vector<Dyn> dynamic;
+  for (const Phdr& segment : segments) {
+    if (segment.p_type == PT_INTERP && segment.p_filesz > 1) {
+      std::vector<char> text(segment.p_filesz);
+      if (file.Read(segment.p_offset, text.size(), text.data())) {
+        text.push_back('\0');
+        info->interpreter = text.data();
+      }
+    } else if (segment.p_type == PT_DYNAMIC && segment.p_filesz >= sizeof(Dyn)) {
+      dynamic.resize(segment.p_filesz / sizeof(Dyn));
+      if (!file.Read(segment.p_offset, dynamic.size() * sizeof(Dyn),
+                     dynamic.data())) {
+        dynamic.clear();
+      }
+    }
+  }
+  std::uint64_t strtab = 0;
+  std::uint64_t strsz = 0;
+  std::vector<std::uint64_t> needed, rpath, runpath;
+  for (const Dyn& entry : dynamic) {
+    if (entry.d_tag == DT_NULL) break;
+    switch (entry.d_tag) {
+      case DT_NEEDED:
+        needed.push_back(entry.d_un.d_val);
+        break;
+      case DT_RPATH:
+        rpath.push_back(entry.d_un.d_val);
+        break;
+      case DT_RUNPATH:
+        runpath.push_back(entry.d_un.d_val);
+        break;
+      case DT_STRTAB:
+        strtab = entry.d_un.d_ptr;
+        break;
+      case DT_STRSZ:
+        strsz = entry.d_un.d_val;
+        break;
+      default:
+        break;
+    }
+  }
+  if (needed.empty() && rpath.empty() && runpath.empty()) return true;
+  // DT_STRTAB is an address; the loadable segment holding it gives the
+  // file offset.
+  std::optional<std::uint64_t> offset;
+  for (const Phdr& segment : segments) {
+    if (segment.p_type == PT_LOAD && strtab >= segment.p_vaddr &&
+        strtab - segment.p_vaddr < segment.p_filesz) {
+      offset = segment.p_offset + (strtab - segment.p_vaddr);
+      break;
+    }
+  }
+  if (!offset || strsz == 0 || strsz > kMaxTableBytes) return true;
+  std::vector<char> table(strsz);
+  if (!file.Read(*offset, table.size(), table.data())) return true;
+  for (auto at : needed) {
+    const std::string name = StringAt(table, at);
+    if (!name.empty()) info->needed.push_back(name);
+  }
+  for (auto at : rpath) {
+    for (auto& dir : SplitPath(StringAt(table, at))) info->rpath.push_back(dir);
+  }
+  for (auto at : runpath) {
+    for (auto& dir : SplitPath(StringAt(table, at))) {
+      info->runpath.push_back(dir);
+    }
+  }
+  return true;
+}
+
+// False for anything that is not an ELF object of this machine's byte
+// order.
+bool ReadElf(const std::string& path, ElfInfo* info) {
+  File file(path);
+  if (!file.IsRegular()) return false;
+  unsigned char ident[EI_NIDENT];
+  if (!file.Read(0, sizeof ident, ident) ||
+      std::memcmp(ident, ELFMAG, SELFMAG) != 0) {
+    return false;
+  }
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  constexpr unsigned char kNativeData = ELFDATA2LSB;
+#else
+  constexpr unsigned char kNativeData = ELFDATA2MSB;
+#endif
+  if (ident[EI_DATA] != kNativeData) return false;
+  info->elf_class = ident[EI_CLASS];
+  if (ident[EI_CLASS] == ELFCLASS64) {
+    return ParseElf<Elf64_Ehdr, Elf64_Phdr, Elf64_Dyn>(file, info);
+  }
+  if (ident[EI_CLASS] == ELFCLASS32) {
+    return ParseElf<Elf32_Ehdr, Elf32_Phdr, Elf32_Dyn>(file, info);
+  }
+  return false;
+}
+
+std::optional<std::string> Canonical(const std::string& path) {
+  char resolved[PATH_MAX];
+  if (::realpath(path.c_str(), resolved) == nullptr) return std::nullopt;
+  return std::string(resolved);
+}
+
+std::string DirName(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+std::string ExpandOrigin(std::string dir, const std::string& origin) {
+  for (const char* token : {"${ORIGIN}", "$ORIGIN"}) {
+    const std::size_t length = std::strlen(token);
+    for (std::size_t at = dir.find(token); at != std::string::npos;
+         at = dir.find(token, at + origin.size())) {
+      dir.replace(at, length, origin);
+    }
+  }
+  return dir;
+}
+
+void ReadLdSoConf(const std::string& path, int depth,
+                  std::vector<std::string>* dirs) {
+  if (depth > kMaxIncludeDepth) return;
+  std::ifstream in(path);
+  std::string line;
+  while (std::getline(in, line)) {
+    line = line.substr(0, line.find('#'));
+    const auto first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos) continue;
+    line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
+    if (line.compare(0, 8, "include ") == 0 ||
+        line.compare(0, 8, "include\t") == 0) {
+      std::string pattern = line.substr(8);
+      pattern = pattern.substr(pattern.find_first_not_of(" \t"));
+      if (pattern[0] != '/') pattern = DirName(path) + "/" + pattern;
+      glob_t matches;
+      if (::glob(pattern.c_str(), 0, nullptr, &matches) == 0) {
+        for (std::size_t i = 0; i < matches.gl_pathc; ++i) {
+          ReadLdSoConf(matches.gl_pathv[i], depth + 1, dirs);
+        }
+      }
+      ::globfree(&matches);
+    } else if (line[0] == '/') {
+      dirs->push_back(line);
+    }
+  }
+}
+
+const std::vector<std::string>& SystemDirs() {
+  static const std::vector<std::string> dirs = [] {
+    std::vector<std::string> found;
+    ReadLdSoConf("/etc/ld.so.conf", 0, &found);
+    for (const char* dir :
+         {"/lib/x86_64-linux-gnu", "/usr/lib/x86_64-linux-gnu",
+          "/lib/aarch64-linux-gnu", "/usr/lib/aarch64-linux-gnu",
+          "/lib/i386-linux-gnu", "/usr/lib/i386-linux-gnu", "/lib64",
+          "/usr/lib64", "/lib32", "/usr/lib32", "/lib", "/usr/lib"}) {
+      found.push_back(dir);
+    }
+    return found;
+  }();
+  return dirs;
+}
+
+std::optional<std::string> Resolve(const std::string& name,
+                                   const std::string& object,
+                                   const ElfInfo& info) {
+  std::vector<std::string> search;
+  const std::string origin = DirName(object);
+  // The loader ignores DT_RPATH when DT_RUNPATH is present.
+  for (const auto& dir : info.runpath.empty() ? info.rpath : info.runpath) {
+    search.push_back(ExpandOrigin(dir, origin));
+  }
+  for (const auto& dir : SystemDirs()) search.push_back(dir);
+  if (name.find('/') != std::string::npos) search.assign(1, "");
+  for (const auto& dir : search) {
+    const std::string candidate = dir.empty() ? name : dir + "/" + name;
+    ElfInfo other;
+    if (ReadElf(candidate, &other) && other.elf_class == info.elf_class &&
+        other.machine == info.machine) {
+      return Canonical(candidate);
+    }
+  }
+  return std::nullopt;
+}
+
+// The interpreter named on a script's "#!" line, if any.
+std::optional<std::string> ScriptInterpreter(const std::string& path) {
+  File file(path);
+  if (!file.IsRegular()) return std::nullopt;
+  char head[256] = {};
+  std::size_t got = 0;
+  while (got < sizeof head - 1 && file.Read(got, 1, head + got)) {
+    if (head[got] == '\n') break;
+    ++got;
+  }
+  const std::string line(head, got);
+  if (line.compare(0, 2, "#!") != 0) return std::nullopt;
+  const auto start = line.find_first_not_of(" \t", 2);
+  if (start == std::string::npos || line[start] != '/') return std::nullopt;
+  const auto end = line.find_first_of(" \t\r", start);
+  return line.substr(start, end - start);
+}
+
+}  // namespace
+
+Dependencies FindDependencies(const std::string& path) {
+  Dependencies result;
+  std::set<std::string> visited;
+  std::deque<std::string> queue;
+  auto add = [&](const std::string& dependency) {
+    const auto canonical = Canonical(dependency);
+    if (!canonical) return;
+    if (visited.insert(*canonical).second) {
+      result.found.insert(*canonical);
+      queue.push_back(*canonical);
+    }
+  };
+  if (const auto self = Canonical(path)) visited.insert(*self);
+  queue.push_back(path);
+  while (!queue.empty()) {
+    const std::string object = queue.front();
+    queue.pop_front();
+    ElfInfo info;
+    if (!ReadElf(object, &info)) {
+      if (const auto interpreter = ScriptInterpreter(object)) add(*interpreter);
+      continue;
+    }
+    if (!info.interpreter.empty()) add(info.interpreter);
+    for (const auto& name : info.needed) {
+      if (const auto found = Resolve(name, object, info)) {
+        add(*found);
+      } else {
+        result.unresolved.insert(object + ": " + name);
+      }
+    }
+  }
+  result.found.erase(Canonical(path).value_or(path));
+  return result;
+}
+
+}  // namespace aectool

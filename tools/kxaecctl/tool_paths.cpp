@@ -1,0 +1,52 @@
+#include "tool_paths.h"
+
+#include "aec_paths.h"
+#include "aec_policies/aecexceptionspolicy.h"
+#include "aecwhitelist.h"
+
+namespace aectool {
+
+const std::string& RulesDir() { return aec::kRulesDir; }
+
+const std::string& ConfigDir() { return aec::kConfigDir; }
+
+const std::string& WhitelistPath() { return AECWhiteList::FilePath(); }
+
+const std::string& ExceptionsPath() { return AecExceptionsPolicy::FilePath(); }
+
+const std::string& IntegrityToolPath() {
+  static const std::string path = aec::kInstallRoot + "/bin/kxaide";
+  return path;
+}
+
+const std::string& IntegrityListPath() {
+  static const std::string path = aec::kConfigDir + "crc-rule.conf";
+  return path;
+}
+
+const std::string& IntegrityDbPath() {
+  static const std::string path = aec::kConfigDir + "crc-rule.db";
+  return path;
+}
+
+const std::string& IntegrityOutputPath() {
+  static const std::string path = aec::kConfigDir + "crc-rule-out.db";
+  return path;
+}
+
+const std::string& LoadedSetDir() {
+  static const std::string path = aec::kInstallRoot + "/var/lib/aec/";
+  return path;
+}
+
+const std::string& LoadedSetPath() {
+  static const std::string path = LoadedSetDir() + "loaded-rules";
+  return path;
+}
+
+const std::string& LockPath() {
+  static const std::string path = LoadedSetDir() + "kxaecctl.lock";
+  return path;
+}
+
+}  // namespace aectool
