@@ -11,6 +11,8 @@
 
 namespace {
 
+// Setting up storage is a step of the core's start (plugin_init); its line
+// carries the core's file name like the core's other start-up lines.
 constexpr const char* kLogFile = "aec_plugin";
 
 // Runs one read statement; the table, if any, is released here and only the
