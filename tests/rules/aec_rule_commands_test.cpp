@@ -10,8 +10,8 @@
 #include "host/errors.h"
 #include "kxaecctl.h"
 #include "kxtest.h"
+#include "lib/xml_document.h"
 #include "rules_test_util.h"
-#include "xml_document.h"
 
 namespace pt = boost::property_tree;
 using Args = std::vector<std::string>;

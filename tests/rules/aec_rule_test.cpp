@@ -7,8 +7,8 @@
 
 #include "host/errors.h"
 #include "kxtest.h"
+#include "lib/xml_document.h"
 #include "rules_test_util.h"
-#include "xml_document.h"
 
 namespace pt = boost::property_tree;
 using rulestest::kRulesDir;

@@ -7,8 +7,8 @@
 
 #include "aec_rule.h"
 #include "kxtest.h"
+#include "lib/xml_document.h"
 #include "rules_test_util.h"
-#include "xml_document.h"
 
 namespace pt = boost::property_tree;
 using Args = std::vector<std::string>;

@@ -15,7 +15,7 @@
 
 #include "host/plugin_api.h"
 #include "kxtest.h"
-#include "xml_document.h"
+#include "lib/xml_document.h"
 
 namespace pt = boost::property_tree;
 
