@@ -10,6 +10,16 @@ function(kx_compile_options target)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined
                                              -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+      # clang links its sanitizer runtime statically into executables only,
+      # which leaves shared libraries built with --no-undefined unlinkable.
+      # The shared runtime (what gcc uses by default) serves every binary.
+      execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
+                      OUTPUT_VARIABLE kx_sanitizer_runtime_dir
+                      OUTPUT_STRIP_TRAILING_WHITESPACE)
+      target_link_options(${target} PRIVATE -shared-libsan
+                          -Wl,-rpath,${kx_sanitizer_runtime_dir})
+    endif()
   endif()
 endfunction()
 

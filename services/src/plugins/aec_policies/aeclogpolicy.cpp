@@ -7,7 +7,6 @@ AecLogPolicy::AecLogPolicy(
     : KernelPolicy(manager, ""),
       name_(type.name),
       description_(type.description),
-      default_value_(type.default_value),
       type_(type.type),
       setter_(setter),
       getter_(getter) {}

@@ -33,7 +33,6 @@ class AecLogPolicy : public KernelPolicy {
  private:
   std::string name_;
   std::string description_;
-  std::int32_t default_value_;
   AecLogModeSetter::LogType type_;
   std::shared_ptr<AecLogModeSetter> setter_;
   std::shared_ptr<AecLogPolicyDbRequestGetter> getter_;
