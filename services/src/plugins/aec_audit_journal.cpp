@@ -142,6 +142,26 @@ void CollectRow(const AuditRow& row, bool with_object, DistinctTexts& texts) {
   if (auto object = row.Text(1)) texts.Add(UnframeObjectName(*object));
 }
 
+// Runs both queries of "log" and returns the "resources" document: every
+// distinct program and object, in the set's own order. The set is gone by
+// the time the caller builds the reply.
+boost::shared_ptr<IXml> CollectResources(const std::string& conditions,
+                                         bool openfiles) {
+  DistinctTexts resources;
+  QueryAuditDb(LogObjectsQuery(conditions), [&resources](const AuditRow& row) {
+    CollectRow(row, true, resources);
+  });
+  QueryAuditDb(LogFilesQuery(conditions, openfiles),
+               [&resources, openfiles](const AuditRow& row) {
+                 CollectRow(row, openfiles, resources);
+               });
+  auto list = XMLParserBoost::CreateEmptyXML();
+  resources.ForEach([&list](std::string_view text) {
+    list->AddValue("r", std::string(text), true);
+  });
+  return list;
+}
+
 }  // namespace
 
 AuditRow::AuditRow(sqlite3_stmt* statement)
@@ -316,22 +336,13 @@ void HandleLog(parsed_xml_data_t* request) {
     filter.operationresult = operationresult.get();
     const std::string conditions = LogConditions(filter);
 
-    DistinctTexts resources;
-    QueryAuditDb(LogObjectsQuery(conditions), [&resources](const AuditRow& row) {
-      CollectRow(row, true, resources);
-    });
-    QueryAuditDb(LogFilesQuery(conditions, openfiles),
-                 [&resources, openfiles](const AuditRow& row) {
-                   CollectRow(row, openfiles, resources);
-                 });
-
+    boost::shared_ptr<IXml> list = CollectResources(conditions, openfiles);
     auto result = XMLParserBoost::CreateEmptyXML();
     result->AddValue("result", kResultOk, false);
-    auto list = XMLParserBoost::CreateEmptyXML();
-    resources.ForEach([&list](std::string_view text) {
-      list->AddValue("r", std::string(text), true);
-    });
     result->AddNode("resources", list, true);
+    // The host copies a document it attaches; with thousands of values the
+    // copies add up, so each goes as soon as it has been copied.
+    list.reset();
     request->reply->AddNode("log", result, false);
   } catch (const PluginException& e) {
     request->reply->AddNode("log", MakeErrorReply(e.what()), true);
