@@ -38,8 +38,9 @@ TEST_F(ReplaceFile, ReplacesContentAndSetsTheMode) {
   // No temporary file is left, neither in the target's nor the temporary
   // directory.
   EXPECT_EQ(EntriesIn("/opt/korvex/etc/aec/rules"), 1);
-  // etc/aec holds what the fresh root had: rules/ and the whitelist.
-  EXPECT_EQ(EntriesIn("/opt/korvex/etc/aec"), 2);
+  // etc/aec holds what the fresh root had: rules/, the whitelist and the
+  // integrity tool's list crc-rule.conf.
+  EXPECT_EQ(EntriesIn("/opt/korvex/etc/aec"), 3);
 }
 
 TEST_F(ReplaceFile, CreatesAMissingFileWithTheDefaultMode) {
