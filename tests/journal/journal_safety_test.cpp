@@ -5,7 +5,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <sqlite3.h>
+
 #include <boost/filesystem.hpp>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -214,6 +217,38 @@ TEST_F(JournalSafetyTest, SchemaTableIsNotReadable) {
       aec::HandleLog, "log",
       {{"execfile", "x' UNION SELECT sql, name FROM sqlite_master --"}});
   EXPECT_EQ(reply.Result("log").get<std::string>("error_desc", ""), kReadError);
+}
+
+// A WAL journal whose last writer left without a checkpoint: the reader is
+// then the last connection, and closing it must not fold the log into the
+// journal file.
+TEST_F(JournalTest, ReadingAWalJournalNeverCheckpointsIt) {
+  kxbench::WriteJournal(kJournalPath,
+                        {Row(1050, "/bin/old", FrameObjectName("/bin/old"))});
+  {
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(kJournalPath, &raw), SQLITE_OK);
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> writer(raw, sqlite3_close);
+    ASSERT_EQ(sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1,
+                                nullptr),
+              SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw,
+                           "PRAGMA journal_mode=WAL; PRAGMA "
+                           "wal_autocheckpoint=0; INSERT INTO logs (event_id, "
+                           "app, success) VALUES (1050, '/bin/new', 0);",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+  }
+  const std::string wal = std::string(kJournalPath) + "-wal";
+  ASSERT_TRUE(kxtest::Exists(wal));
+  const FileState journal_before = StateOf(kJournalPath);
+  const FileState wal_before = StateOf(wal);
+
+  const Reply reply = RunCommand(aec::HandleLog, "log", {});
+  EXPECT_EQ(ValueSet(reply.Result("log").get_child("resources"), "r"),
+            (std::multiset<std::string>{"/bin/old", "/bin/new"}));
+  EXPECT_TRUE(StateOf(kJournalPath) == journal_before);
+  EXPECT_TRUE(StateOf(wal) == wal_before);
 }
 
 // Proof that the hostile texts are real attacks: the very SQL the handler

@@ -33,7 +33,7 @@ class AuditRow {
   int Columns() const { return columns_; }
   // The text of column `index` up to its first NUL byte (the journal's values
   // are C strings to every reader); nullopt for SQL NULL or a column the row
-  // does not have.
+  // does not have. Throws std::bad_alloc when SQLite cannot make the text.
   std::optional<std::string_view> Text(int index) const;
 
  private:
@@ -50,8 +50,8 @@ using AuditRowHandler = std::function<void(const AuditRow&)>;
 // table.) Like that reader, statements whose rows have a different number of
 // columns than the first rows seen make the query fail.
 //
-// Opens its own connection with sqlite3_open (which creates a missing journal
-// file, empty) and closes it before returning, also on failure.
+// Opens its own connection with sqlite3_open's flags (so a missing journal
+// file is created, empty) and closes it before returning, also on failure.
 // Throws PluginException with gettext("failed to open audit database") when
 // the database cannot be opened, and with gettext("failed to read audit
 // database") when any statement cannot be prepared, is refused by the
