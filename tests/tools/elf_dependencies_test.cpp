@@ -1,10 +1,11 @@
 // What a program loads, found as the dynamic loader finds it.
+#include "kxaecctl/elf_dependencies.h"
+
 #include <limits.h>
 #include <stdlib.h>
 
 #include <string>
 
-#include "kxaecctl/elf_dependencies.h"
 #include "tools_test_util.h"
 
 namespace {
@@ -64,7 +65,9 @@ TEST_F(ElfDependenciesTest, PlainAndMalformedFilesHaveNone) {
   EXPECT_TRUE(aectool::FindDependencies(text).found.empty());
   // An ELF header that promises more than the file holds.
   const std::string truncated = toolstest::kResourceDir + "truncated";
-  kxtest::WriteFile(truncated, std::string("\x7f" "ELF\x02\x01\x01", 7) +
+  kxtest::WriteFile(truncated, std::string("\x7f"
+                                           "ELF\x02\x01\x01",
+                                           7) +
                                    std::string(40, '\xff'));
   EXPECT_TRUE(aectool::FindDependencies(truncated).found.empty());
   EXPECT_TRUE(aectool::FindDependencies("/kx/none").found.empty());

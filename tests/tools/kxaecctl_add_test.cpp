@@ -46,12 +46,12 @@ TEST_F(KxaecctlAddTest, AddWithAllUsersExtendedAndDisabledSetsTheFlags) {
 
 TEST_F(KxaecctlAddTest, AddToAnExistingRuleAddsItsMembers) {
   ASSERT_EQ(Ctl({"add", "-n", "r1", "-u", "root", "-r", a_}).exit_code, 0);
-  const auto run = Ctl({"add", "-C", "-v", "-n", "r1", "-u", "bin", "-g",
-                        "adm", "-r", b_, "-D"});
+  const auto run = Ctl({"add", "-C", "-v", "-n", "r1", "-u", "bin", "-g", "adm",
+                        "-r", b_, "-D"});
   ASSERT_EQ(run.exit_code, 0) << run.err;
   EXPECT_EQ(kxtest::ReadFile(RulePath("r1")),
-            RuleJson("r1", false, false, false, false, {"bin", "root"},
-                     {"adm"}, {a_, b_}));
+            RuleJson("r1", false, false, false, false, {"bin", "root"}, {"adm"},
+                     {a_, b_}));
 }
 
 TEST_F(KxaecctlAddTest, ANewRuleWithoutResourcesIsFifteen) {
@@ -129,8 +129,9 @@ TEST_F(KxaecctlAddTest, ADirectoryStandsForItsFilesAndRecursivelyWithR) {
   kxtest::WriteFile(dir + "/sub/deep", "d");
   ASSERT_EQ(Ctl({"add", "-n", "flat", "-r", dir}).exit_code, 0);
   ASSERT_EQ(Ctl({"add", "-n", "deep", "-R", "-r", dir}).exit_code, 0);
-  EXPECT_EQ(kxtest::ReadFile(RulePath("flat")),
-            RuleJson("flat", false, false, false, true, {}, {}, {dir + "/top"}));
+  EXPECT_EQ(
+      kxtest::ReadFile(RulePath("flat")),
+      RuleJson("flat", false, false, false, true, {}, {}, {dir + "/top"}));
   EXPECT_EQ(kxtest::ReadFile(RulePath("deep")),
             RuleJson("deep", false, false, false, true, {}, {},
                      {dir + "/sub/deep", dir + "/top"}));
@@ -158,9 +159,9 @@ TEST_F(KxaecctlAddTest, WithoutMinusDWhatAProgramLoadsIsAddedToo) {
   const std::string with = kxtest::ReadFile(RulePath("with"));
   EXPECT_NE(with.find("libc.so.6"), std::string::npos) << with;
   EXPECT_NE(with.find("ld-linux"), std::string::npos) << with;
-  EXPECT_EQ(kxtest::ReadFile(RulePath("without")),
-            RuleJson("without", false, false, false, true, {}, {},
-                     {"/bin/true"}));
+  EXPECT_EQ(
+      kxtest::ReadFile(RulePath("without")),
+      RuleJson("without", false, false, false, true, {}, {}, {"/bin/true"}));
 }
 
 TEST_F(KxaecctlAddTest, AddWithoutANameAddsWhitelistMembers) {

@@ -40,7 +40,8 @@ TEST(KxaecctlCommandLineTest, AValueOptionTakesTheArgumentsUpToTheNextOption) {
   EXPECT_FALSE(line.all_users || line.all_rules || line.whitelist);
 }
 
-TEST(KxaecctlCommandLineTest, ValuesArriveExactlyAsGivenQuotesAndDollarsIncluded) {
+TEST(KxaecctlCommandLineTest,
+     ValuesArriveExactlyAsGivenQuotesAndDollarsIncluded) {
   const Invocation line = ParseCommandLine(
       {"add", "-n", "a\"b", "-r", "/x/$(touch y)", "/z;w", "-u", "--v"});
   EXPECT_EQ(line.names, (Args{"a\"b"}));
@@ -49,8 +50,7 @@ TEST(KxaecctlCommandLineTest, ValuesArriveExactlyAsGivenQuotesAndDollarsIncluded
 }
 
 TEST(KxaecctlCommandLineTest, RepeatedValueOptionsAccumulate) {
-  const Invocation line =
-      ParseCommandLine({"rm", "-n", "a", "-n", "b", "c"});
+  const Invocation line = ParseCommandLine({"rm", "-n", "a", "-n", "b", "c"});
   EXPECT_EQ(line.names, (Args{"a", "b", "c"}));
 }
 
@@ -105,9 +105,9 @@ TEST_F(KxaecctlHelpTest, TheToolAndEveryCommandWordAnswerHelp) {
   const auto tool = Ctl({"--help"});
   EXPECT_EQ(tool.exit_code, 0);
   EXPECT_EQ(tool.out.rfind("Usage: kxaecctl COMMAND", 0), 0u) << tool.out;
-  for (const std::string word : {"add", "rm", "update", "enable", "disable",
-                                 "rename", "export", "reload", "restart",
-                                 "confirm"}) {
+  for (const std::string word :
+       {"add", "rm", "update", "enable", "disable", "rename", "export",
+        "reload", "restart", "confirm"}) {
     const auto run = Ctl({word, "--help"});
     EXPECT_EQ(run.exit_code, 0) << word;
     EXPECT_EQ(run.out.rfind("Usage: kxaecctl " + word, 0), 0u) << run.out;

@@ -15,9 +15,7 @@ class KxaecctlConfirmTest : public toolstest::ToolsTest {
  protected:
   // The confirmation as the service keeps it (the plug-in's object, in this
   // process), driven into a round of its own.
-  AecHardModeConfirmation& Service() {
-    return *AecHardModeConfirmation::Get();
-  }
+  AecHardModeConfirmation& Service() { return *AecHardModeConfirmation::Get(); }
 };
 
 }  // namespace

@@ -21,8 +21,8 @@ class KxaecctlEditTest : public toolstest::ToolsTest {
     b_ = toolstest::Resource("b");
     kxtest::WriteFile(RulePath("r1"), RuleJson("r1", false, false, false, true,
                                                {"bin", "root"}, {"adm"}, {a_}));
-    kxtest::WriteFile(RulePath("sys"), RuleJson("sys", false, false, true,
-                                                true, {}, {}, {a_}));
+    kxtest::WriteFile(RulePath("sys"),
+                      RuleJson("sys", false, false, true, true, {}, {}, {a_}));
     Seal();
   }
   std::string a_, b_;
@@ -80,8 +80,8 @@ TEST_F(KxaecctlEditTest, UpdateWithUnknownUsersIsFour) {
 TEST_F(KxaecctlEditTest, DisableAndEnableSwitchTheRule) {
   ASSERT_EQ(Ctl({"disable", "-C", "-v", "-n", "r1"}).exit_code, 0);
   EXPECT_EQ(kxtest::ReadFile(RulePath("r1")),
-            RuleJson("r1", false, false, false, false, {"bin", "root"},
-                     {"adm"}, {a_}));
+            RuleJson("r1", false, false, false, false, {"bin", "root"}, {"adm"},
+                     {a_}));
   ASSERT_EQ(Ctl({"enable", "-C", "-v", "-n", "r1"}).exit_code, 0);
   EXPECT_EQ(kxtest::ReadFile(RulePath("r1")),
             RuleJson("r1", false, false, false, true, {"bin", "root"}, {"adm"},

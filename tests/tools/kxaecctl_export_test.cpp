@@ -35,7 +35,8 @@ class KxaecctlExportTest : public toolstest::ToolsTest {
 }  // namespace
 
 TEST_F(KxaecctlExportTest, ExportWritesTheRuleFilesContentToTheFile) {
-  const auto run = Ctl({"export", "-C", "-v", "-n", "r1", "-f", kOut + "r1.json"});
+  const auto run =
+      Ctl({"export", "-C", "-v", "-n", "r1", "-f", kOut + "r1.json"});
   ASSERT_EQ(run.exit_code, 0) << run.err;
   EXPECT_EQ(kxtest::ReadFile(kOut + "r1.json"), content_);
   struct stat info;
@@ -66,13 +67,14 @@ TEST_F(KxaecctlExportTest, ExportIntoAMissingDirectoryIsTwelve) {
 }
 
 TEST_F(KxaecctlExportTest, ExportIntoTheConfigurationIsRefused) {
-  EXPECT_EQ(Ctl({"export", "-n", "r1", "-f", toolstest::kRulesDir + "copy.conf"})
-                .exit_code,
-            KxAecCtl::kInvalidArgument);
-  EXPECT_EQ(Ctl({"export", "-n", "r1", "-f",
-                 "/opt/korvex/var/../etc/aec/copy.conf"})
-                .exit_code,
-            KxAecCtl::kInvalidArgument);
+  EXPECT_EQ(
+      Ctl({"export", "-n", "r1", "-f", toolstest::kRulesDir + "copy.conf"})
+          .exit_code,
+      KxAecCtl::kInvalidArgument);
+  EXPECT_EQ(
+      Ctl({"export", "-n", "r1", "-f", "/opt/korvex/var/../etc/aec/copy.conf"})
+          .exit_code,
+      KxAecCtl::kInvalidArgument);
   EXPECT_EQ(toolstest::RuleFiles(), std::set<std::string>{"r1.conf"});
 }
 

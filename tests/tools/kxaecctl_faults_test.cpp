@@ -25,8 +25,8 @@ class ReadOnly {
     if (mount(dir_.c_str(), dir_.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
         mount(nullptr, dir_.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY,
               nullptr) != 0) {
-      ADD_FAILURE() << "cannot make " << dir_ << " read-only: "
-                    << std::strerror(errno);
+      ADD_FAILURE() << "cannot make " << dir_
+                    << " read-only: " << std::strerror(errno);
     }
   }
   ~ReadOnly() { umount2(dir_.c_str(), MNT_DETACH); }

@@ -40,9 +40,9 @@ TEST_F(KxaecctlIntegrityTest, AHandEditedRuleFileIsTwentyFourWithTheFile) {
 }
 
 TEST_F(KxaecctlIntegrityTest, EveryChangedFileIsOnItsOwnLine) {
-  kxtest::WriteFile(RulePath("dropped-in"),
-                    RuleJson("dropped-in", true, false, false, true, {}, {},
-                             {a_}));
+  kxtest::WriteFile(
+      RulePath("dropped-in"),
+      RuleJson("dropped-in", true, false, false, true, {}, {}, {a_}));
   kxtest::WriteFile(toolstest::kWhitelist,
                     toolstest::WhitelistJson({"root"}, {}));
   const auto run = Ctl({"enable", "-C", "-v", "-n", "r1"});

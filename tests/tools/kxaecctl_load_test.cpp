@@ -23,13 +23,13 @@ class KxaecctlLoadTest : public toolstest::ToolsTest {
     b_ = toolstest::Resource("b");
     kxtest::WriteFile(RulePath("r1"), RuleJson("r1", false, true, false, true,
                                                {"root"}, {"adm"}, {b_, a_}));
-    kxtest::WriteFile(RulePath("r0"), RuleJson("r0", true, false, true, false,
-                                               {}, {}, {a_}));
+    kxtest::WriteFile(RulePath("r0"),
+                      RuleJson("r0", true, false, true, false, {}, {}, {a_}));
     kxtest::WriteFile(toolstest::kWhitelist,
                       toolstest::WhitelistJson({"daemon", "bin"}, {"root"}));
-    kxtest::WriteFile(toolstest::kExceptions,
-                      "{\"resource_list\": [\"/kx/not/here\", \"" + a_ +
-                          "\"]}\n");
+    kxtest::WriteFile(
+        toolstest::kExceptions,
+        "{\"resource_list\": [\"/kx/not/here\", \"" + a_ + "\"]}\n");
   }
   std::string Expected() const {
     return kHeader + "rule\tr0\t0\t1\t0\t1\n" + "rule-resource\tr0\t" + a_ +
@@ -142,8 +142,9 @@ TEST_F(KxaecctlLoadTest, ReloadWLoadsTheWhitelistAndKeepsTheLoadedRules) {
 TEST_F(KxaecctlLoadTest, ReloadWWithoutAPreviousSetLoadsTheWhitelistAlone) {
   ASSERT_EQ(Ctl({"reload", "-w"}).exit_code, 0);
   EXPECT_EQ(kxtest::ReadFile(toolstest::kLoadedSet),
-            kHeader + "whitelist-user\t1\tdaemon\nwhitelist-user\t2\tbin\n"
-                      "whitelist-group\t0\troot\n");
+            kHeader +
+                "whitelist-user\t1\tdaemon\nwhitelist-user\t2\tbin\n"
+                "whitelist-group\t0\troot\n");
 }
 
 TEST_F(KxaecctlLoadTest, ReloadWWithUnknownMembersKeepsThePreviousSet) {
@@ -174,8 +175,9 @@ TEST_F(KxaecctlLoadTest, AFreshInstallationLoadsAnEmptySet) {
   ASSERT_EQ(unlink(RulePath("r0").c_str()), 0);
   ASSERT_EQ(unlink(RulePath("r1").c_str()), 0);
   ASSERT_EQ(unlink(toolstest::kExceptions.c_str()), 0);
-  kxtest::WriteFile(toolstest::kWhitelist, "{\n    \"user_list\": \"\",\n"
-                                           "    \"group_list\": \"\"\n}\n");
+  kxtest::WriteFile(toolstest::kWhitelist,
+                    "{\n    \"user_list\": \"\",\n"
+                    "    \"group_list\": \"\"\n}\n");
   ASSERT_EQ(Ctl({"restart"}).exit_code, 0);
   EXPECT_EQ(kxtest::ReadFile(toolstest::kLoadedSet), kHeader);
 }

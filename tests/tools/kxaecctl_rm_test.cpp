@@ -18,13 +18,13 @@ class KxaecctlRmTest : public toolstest::ToolsTest {
     ToolsTest::SetUp();
     a_ = toolstest::Resource("a");
     b_ = toolstest::Resource("b");
-    kxtest::WriteFile(RulePath("r1"), RuleJson("r1", false, false, false, true,
-                                               {"bin", "root"}, {"adm"},
-                                               {a_, b_}));
-    kxtest::WriteFile(RulePath("r2"), RuleJson("r2", true, false, false, true,
-                                               {}, {}, {a_}));
-    kxtest::WriteFile(RulePath("sys"), RuleJson("sys", false, false, true,
-                                                true, {}, {}, {a_}));
+    kxtest::WriteFile(RulePath("r1"),
+                      RuleJson("r1", false, false, false, true, {"bin", "root"},
+                               {"adm"}, {a_, b_}));
+    kxtest::WriteFile(RulePath("r2"),
+                      RuleJson("r2", true, false, false, true, {}, {}, {a_}));
+    kxtest::WriteFile(RulePath("sys"),
+                      RuleJson("sys", false, false, true, true, {}, {}, {a_}));
     kxtest::WriteFile(toolstest::kWhitelist,
                       toolstest::WhitelistJson({"root", "daemon"}, {"adm"}));
     Seal();
@@ -111,8 +111,7 @@ TEST_F(KxaecctlRmTest, WhitelistMembersNotInTheWhitelistAreSevenAndEight) {
 TEST_F(KxaecctlRmTest, TheWhitelistUnderCentralizedControlIsThirteen) {
   toolstest::SetWhitelistSource("yunko");
   Seal();
-  EXPECT_EQ(Ctl({"rm", "-u", "root"}).exit_code,
-            KxAecCtl::kCentralizedControl);
+  EXPECT_EQ(Ctl({"rm", "-u", "root"}).exit_code, KxAecCtl::kCentralizedControl);
 }
 
 TEST_F(KxaecctlRmTest, RmWithoutANameTakesResourceExceptionsOff) {

@@ -76,9 +76,9 @@ TEST_F(KxaideTest, CheckModeListsChangedAppearedAndVanishedFilesOnePerLine) {
   ASSERT_EQ(unlink((kData + "dir/a").c_str()), 0);
   const ToolRun run = Aide({"-k", "-c", kList, "-d", kDb});
   EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.OutLines(), (std::vector<std::string>{
-                                kData + "absent", kData + "dir/a",
-                                kData + "dir/b"}));
+  EXPECT_EQ(run.OutLines(),
+            (std::vector<std::string>{kData + "absent", kData + "dir/a",
+                                      kData + "dir/b"}));
   EXPECT_NE(run.err.find("appeared: " + kData + "absent"), std::string::npos);
   EXPECT_NE(run.err.find("vanished: " + kData + "dir/a"), std::string::npos);
   EXPECT_NE(run.err.find("changed: " + kData + "dir/b"), std::string::npos);
@@ -119,7 +119,8 @@ TEST_F(KxaideTest, HelpDescribesBothModes) {
 }
 
 TEST(ChecksumDbTest, APathWithALineBreakOrBackslashRoundTripsEscaped) {
-  kxaide::ChecksumDb db = {{"/a\nb", kEmpty}, {"/c\\d", kAbcLine}, {"/e", kEmpty}};
+  kxaide::ChecksumDb db = {
+      {"/a\nb", kEmpty}, {"/c\\d", kAbcLine}, {"/e", kEmpty}};
   const std::string text = kxaide::FormatDb(db);
   EXPECT_EQ(text, "\\" + kEmpty + "  /a\\nb\n\\" + kAbcLine + "  /c\\\\d\n" +
                       kEmpty + "  /e\n");
@@ -132,8 +133,8 @@ TEST(ChecksumDbTest, APathWithALineBreakOrBackslashRoundTripsEscaped) {
 TEST(ChecksumDbTest, APathListedTwiceIsDamage) {
   kxaide::ChecksumDb db;
   std::string why;
-  EXPECT_FALSE(kxaide::ParseDb(kEmpty + "  /a\n" + kAbcLine + "  /a\n", &db,
-                               &why));
+  EXPECT_FALSE(
+      kxaide::ParseDb(kEmpty + "  /a\n" + kAbcLine + "  /a\n", &db, &why));
   EXPECT_NE(why.find("listed twice"), std::string::npos);
 }
 

@@ -56,9 +56,9 @@ class ToolsEndToEndTest : public toolstest::ToolsTest {
   }
 
   static bool Sealed() {
-    return toolstest::RunTool(toolstest::kKxaide,
-                              {"-k", "-c", toolstest::kCrcList, "-d",
-                               toolstest::kCrcDb})
+    return toolstest::RunTool(
+               toolstest::kKxaide,
+               {"-k", "-c", toolstest::kCrcList, "-d", toolstest::kCrcDb})
                .exit_code == 0;
   }
 
@@ -76,13 +76,15 @@ std::vector<std::string> Values(const pt::ptree& node, const std::string& key) {
 }  // namespace
 
 TEST_F(ToolsEndToEndTest, AnAddedRuleIsShownByGet) {
-  auto reply = Exec("<request command=\"add\"><rule name=\"build\" "
-                    "no-depend=\"1\"><u>root</u><g>adm</g><r>" +
-                    a_ + "</r></rule></request>");
+  auto reply = Exec(
+      "<request command=\"add\"><rule name=\"build\" "
+      "no-depend=\"1\"><u>root</u><g>adm</g><r>" +
+      a_ + "</r></rule></request>");
   EXPECT_EQ(reply.get<std::string>("add.rule.result", ""), "1");
 
-  reply = Exec("<request command=\"get\" rule_resource=\"1\"><rule>build</rule>"
-               "</request>");
+  reply = Exec(
+      "<request command=\"get\" rule_resource=\"1\"><rule>build</rule>"
+      "</request>");
   const pt::ptree& rule = reply.get_child("get.rules.rule");
   EXPECT_EQ(reply.get<std::string>("get.rules.result", ""), "1");
   EXPECT_EQ(rule.get<std::string>("name", ""), "build");
@@ -96,50 +98,60 @@ TEST_F(ToolsEndToEndTest, AnAddedRuleIsShownByGet) {
 }
 
 TEST_F(ToolsEndToEndTest, TheToolsRefusalsReachTheReplyWithTheirObjects) {
-  auto reply = Exec("<request command=\"add\"><rule name=\"r1\"><u>kx-nobody"
-                    "</u><u>kx-nobody-2</u><r>" + a_ + "</r></rule></request>");
+  auto reply = Exec(
+      "<request command=\"add\"><rule name=\"r1\"><u>kx-nobody"
+      "</u><u>kx-nobody-2</u><r>" +
+      a_ + "</r></rule></request>");
   EXPECT_EQ(reply.get<std::string>("add.rule.result", ""), "0");
   EXPECT_EQ(reply.get<std::string>("add.rule.error_desc", ""),
             "Users not found: kx-nobody, kx-nobody-2");
-  reply = Exec("<request command=\"add\"><rule name=\"r1\"><r>/kx/absent</r>"
-               "</rule></request>");
+  reply = Exec(
+      "<request command=\"add\"><rule name=\"r1\"><r>/kx/absent</r>"
+      "</rule></request>");
   EXPECT_EQ(reply.get<std::string>("add.rule.error_desc", ""),
             "Resource does not exist: /kx/absent");
-  reply = Exec("<request command=\"remove\"><rule><name>nope</name></rule>"
-               "</request>");
+  reply = Exec(
+      "<request command=\"remove\"><rule><name>nope</name></rule>"
+      "</request>");
   EXPECT_EQ(reply.get<std::string>("remove.rule.error_desc", ""),
             "Rule does not exists: nope");
 }
 
 TEST_F(ToolsEndToEndTest, EditChangesTheRuleFileAsAsked) {
   ASSERT_EQ(Exec("<request command=\"add\"><rule name=\"r1\" no-depend=\"1\">"
-                 "<u>root</u><r>" + a_ + "</r></rule></request>")
+                 "<u>root</u><r>" +
+                 a_ + "</r></rule></request>")
                 .get<std::string>("add.rule.result", ""),
             "1");
 
-  auto reply = Exec("<request command=\"edit\"><rule name=\"r1\"><add "
-                    "no-depend=\"1\"><u>bin</u><g>adm</g><r>" +
-                    b_ + "</r></add></rule></request>");
+  auto reply = Exec(
+      "<request command=\"edit\"><rule name=\"r1\"><add "
+      "no-depend=\"1\"><u>bin</u><g>adm</g><r>" +
+      b_ + "</r></add></rule></request>");
   EXPECT_EQ(reply.get<std::string>("edit.add.result", ""), "1");
   EXPECT_EQ(kxtest::ReadFile(RulePath("r1")),
             RuleJson("r1", false, false, false, true, {"bin", "root"}, {"adm"},
                      {a_, b_}));
 
-  reply = Exec("<request command=\"edit\"><rule name=\"r1\"><remove><u>root</u>"
-               "<r>" + a_ + "</r></remove></rule></request>");
+  reply = Exec(
+      "<request command=\"edit\"><rule name=\"r1\"><remove><u>root</u>"
+      "<r>" +
+      a_ + "</r></remove></rule></request>");
   EXPECT_EQ(reply.get<std::string>("edit.remove.result", ""), "1");
   EXPECT_EQ(kxtest::ReadFile(RulePath("r1")),
             RuleJson("r1", false, false, false, true, {"bin"}, {"adm"}, {b_}));
 
-  reply = Exec("<request command=\"edit\"><rule name=\"r1\"><update "
-               "all-users=\"1\" no-depend=\"1\"><r>" +
-               a_ + "</r></update></rule></request>");
+  reply = Exec(
+      "<request command=\"edit\"><rule name=\"r1\"><update "
+      "all-users=\"1\" no-depend=\"1\"><r>" +
+      a_ + "</r></update></rule></request>");
   EXPECT_EQ(reply.get<std::string>("edit.update.result", ""), "1");
   EXPECT_EQ(kxtest::ReadFile(RulePath("r1")),
             RuleJson("r1", true, false, false, true, {}, {}, {a_}));
 
-  reply = Exec("<request command=\"edit\"><rule name=\"r1\" state=\"0\" "
-               "rename=\"r2\"/></request>");
+  reply = Exec(
+      "<request command=\"edit\"><rule name=\"r1\" state=\"0\" "
+      "rename=\"r2\"/></request>");
   EXPECT_EQ(reply.get<std::string>("edit.state.result", ""), "1");
   EXPECT_EQ(reply.get<std::string>("edit.rename.result", ""), "1");
   EXPECT_EQ(toolstest::RuleFiles(), std::set<std::string>{"r2.conf"});
@@ -170,8 +182,8 @@ TEST_F(ToolsEndToEndTest, ExportWritesTheRuleToTheClientsFile) {
   Exec("<request command=\"add\"><rule name=\"r1\"><r>" + a_ +
        "</r></rule></request>");
   const std::string target = "/opt/korvex/var/tmp/r1-export.json";
-  const auto reply = Exec("<request command=\"export\" name=\"r1\" file=\"" +
-                          target + "\"/>");
+  const auto reply =
+      Exec("<request command=\"export\" name=\"r1\" file=\"" + target + "\"/>");
   EXPECT_EQ(reply.get<std::string>("export.result", ""), "1");
   EXPECT_EQ(kxtest::ReadFile(target), kxtest::ReadFile(RulePath("r1")));
 }
@@ -195,8 +207,9 @@ TEST_F(ToolsEndToEndTest, AHandEditedRuleFileIsAnIntegrityViolation) {
   kxtest::WriteFile(RulePath("r1"),
                     edited.substr(0, edited.find("\"root\"")) + "\"bin\"" +
                         edited.substr(edited.find("\"root\"") + 6));
-  const auto reply = Exec("<request command=\"edit\"><rule name=\"r1\" "
-                          "state=\"0\"/></request>");
+  const auto reply = Exec(
+      "<request command=\"edit\"><rule name=\"r1\" "
+      "state=\"0\"/></request>");
   EXPECT_EQ(reply.get<std::string>("edit.state.result", ""), "0");
   EXPECT_EQ(reply.get<std::string>("edit.state.error_desc", ""),
             "An update of AEC IC DB is required. Detected integrity violation "
@@ -213,7 +226,8 @@ TEST_F(ToolsEndToEndTest, TheRulesPolicyWritesRulesThatTheToolLoadsAndSeals) {
       "\"dorvi\", \"value\": [{\"name\": \"central\", \"all_allowed\": "
       "\"false\", \"extended\": \"false\", \"system\": \"false\", \"enable\": "
       "\"true\", \"user_list\": [\"daemon\"], \"group_list\": [], "
-      "\"resource_list\": [\"" + b_ + "\"]}]}]}";
+      "\"resource_list\": [\"" +
+      b_ + "\"]}]}]}";
   const auto run = Steps({"import-policies", Input("rules.json", json)});
   ASSERT_EQ(run.exit_code, 0) << run.err << run.out;
   EXPECT_TRUE(kxtest::Exists(RulePath("central")));
@@ -234,13 +248,15 @@ TEST_F(ToolsEndToEndTest, TheRulesPolicyWritesRulesThatTheToolLoadsAndSeals) {
 TEST_F(ToolsEndToEndTest, WhitelistMembersAndExceptionsThroughAdd) {
   const auto reply = Exec(
       "<request command=\"add\"><whitelist><u>daemon</u><g>adm</g></whitelist>"
-      "<resource-exception><r>" + a_ + "</r></resource-exception></request>");
+      "<resource-exception><r>" +
+      a_ + "</r></resource-exception></request>");
   EXPECT_EQ(reply.get<std::string>("add.whitelist.result", ""), "1");
   EXPECT_EQ(reply.get<std::string>("add.resource-exception.result", ""), "1");
   EXPECT_EQ(kxtest::ReadFile(toolstest::kWhitelist),
             toolstest::WhitelistJson({"daemon"}, {"adm"}));
-  const auto got = Exec("<request command=\"get\" whitelist=\"1\" "
-                        "resource-exception=\"1\"/>");
+  const auto got = Exec(
+      "<request command=\"get\" whitelist=\"1\" "
+      "resource-exception=\"1\"/>");
   EXPECT_EQ(Values(got.get_child("get.whitelist"), "u"),
             (std::vector<std::string>{"daemon"}));
   EXPECT_EQ(Values(got.get_child("get.resource-exception"), "r"),

@@ -45,7 +45,8 @@ std::vector<std::string> ToolRun::OutLines() const {
   return lines;
 }
 
-ToolRun RunTool(const std::string& program, const std::vector<std::string>& args) {
+ToolRun RunTool(const std::string& program,
+                const std::vector<std::string>& args) {
   int out[2], err[2];
   if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     throw std::runtime_error("RunTool: pipe failed");
@@ -96,8 +97,8 @@ ToolRun RunTool(const std::string& program, const std::vector<std::string>& args
   while (waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) throw std::runtime_error("RunTool: waitpid failed");
   }
-  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status)
-                                    : 128 + WTERMSIG(status);
+  run.exit_code =
+      WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return run;
 }
 
@@ -167,9 +168,11 @@ std::vector<std::string> Lines(const std::string& path) {
 }
 
 void SetWhitelistSource(const std::string& source) {
-  kxtest::WriteFile(kSources, "{\n    \"rules\": \"local\",\n"
-                              "    \"exceptions\": \"local\",\n"
-                              "    \"whitelist\": \"" + source + "\"\n}\n");
+  kxtest::WriteFile(kSources,
+                    "{\n    \"rules\": \"local\",\n"
+                    "    \"exceptions\": \"local\",\n"
+                    "    \"whitelist\": \"" +
+                        source + "\"\n}\n");
 }
 
 void ToolsTest::SetUp() {

@@ -34,7 +34,8 @@ struct ToolRun {
 };
 
 // Runs `program` with `args` (no shell), standard input /dev/null.
-ToolRun RunTool(const std::string& program, const std::vector<std::string>& args);
+ToolRun RunTool(const std::string& program,
+                const std::vector<std::string>& args);
 
 // Copies the built kxaecctl and kxaide into /opt/korvex/bin.
 void InstallTools();

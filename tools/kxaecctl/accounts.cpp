@@ -56,15 +56,13 @@ std::optional<gid_t> GroupId(const std::string& name) {
 }
 
 std::vector<std::string> UnknownUsers(const std::vector<std::string>& names) {
-  return Unknown(names, [](const std::string& name) {
-    return UserId(name).has_value();
-  });
+  return Unknown(
+      names, [](const std::string& name) { return UserId(name).has_value(); });
 }
 
 std::vector<std::string> UnknownGroups(const std::vector<std::string>& names) {
-  return Unknown(names, [](const std::string& name) {
-    return GroupId(name).has_value();
-  });
+  return Unknown(
+      names, [](const std::string& name) { return GroupId(name).has_value(); });
 }
 
 void RequireAccounts(const std::vector<std::string>& users,

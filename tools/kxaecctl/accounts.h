@@ -2,11 +2,11 @@
 // getgrnam: /etc/passwd and /etc/group, or whatever NSS is configured).
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <sys/types.h>
 
 namespace aectool {
 

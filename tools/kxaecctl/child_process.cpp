@@ -75,7 +75,8 @@ ChildResult RunProgram(const std::vector<std::string>& argv) {
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     pending.append(buffer, static_cast<std::size_t>(n));
-    for (std::size_t newline; (newline = pending.find('\n')) != std::string::npos;) {
+    for (std::size_t newline;
+         (newline = pending.find('\n')) != std::string::npos;) {
       result.lines.push_back(pending.substr(0, newline));
       pending.erase(0, newline + 1);
     }
@@ -89,8 +90,8 @@ ChildResult RunProgram(const std::vector<std::string>& argv) {
   if (got == static_cast<ssize_t>(sizeof exec_failure)) {
     Fail("cannot run " + argv[0], exec_failure);
   }
-  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status)
-                                       : 128 + WTERMSIG(status);
+  result.exit_code =
+      WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return result;
 }
 

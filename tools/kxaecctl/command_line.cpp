@@ -17,30 +17,39 @@ struct CommandSpec {
 // Every command takes -v; the check (-C) is refused by confirm, which
 // changes no configuration.
 const CommandSpec kCommands[] = {
-    {"add", Command::kAdd, "CvnugrfaXDdR",
-     "Usage: kxaecctl add -n NAME [-u USER...] [-g GROUP...] [-a]\n"
-     "                    [-r PATH...] [-f LIST] [-R] [-d] [-X] [-D] [-C] [-v]\n"
-     "       kxaecctl add [-u USER...] [-g GROUP...] [-r PATH...] [-f LIST]\n"
-     "                    [-R] [-C] [-v]\n"
-     "\n"
-     "With -n: creates the rule NAME, or adds to it when it exists.\n"
-     "  A new rule needs resources (-r, -f); it applies to the users and\n"
-     "  groups given, or to all users with -a; it is switched on unless -D.\n"
-     "  An existing rule gets the users, groups and resources added; -a\n"
-     "  makes it apply to all users, -X extended, -D switched off.\n"
-     "Without -n: -u and -g add to the whitelist, -r and -f add resource\n"
-     "  exceptions.\n"
-     "\n"
-     "  -r PATH...  resources: absolute paths that exist; a directory stands\n"
-     "              for the regular files in it, with -R for all beneath it\n"
-     "  -f LIST     a file naming resources, one absolute path per line\n"
-     "              (\"#\" starts a comment)\n"
-     "  -d          do not add what the resources depend on (by default the\n"
-     "              shared libraries and interpreter that a program or\n"
-     "              library loads are added to the rule as well)\n"
-     "  -X          extended rule\n"
-     "  -D          the rule is switched off\n",
-     },
+    {
+        "add",
+        Command::kAdd,
+        "CvnugrfaXDdR",
+        "Usage: kxaecctl add -n NAME [-u USER...] [-g GROUP...] [-a]\n"
+        "                    [-r PATH...] [-f LIST] [-R] [-d] [-X] [-D] [-C] "
+        "[-v]\n"
+        "       kxaecctl add [-u USER...] [-g GROUP...] [-r PATH...] [-f "
+        "LIST]\n"
+        "                    [-R] [-C] [-v]\n"
+        "\n"
+        "With -n: creates the rule NAME, or adds to it when it exists.\n"
+        "  A new rule needs resources (-r, -f); it applies to the users and\n"
+        "  groups given, or to all users with -a; it is switched on unless "
+        "-D.\n"
+        "  An existing rule gets the users, groups and resources added; -a\n"
+        "  makes it apply to all users, -X extended, -D switched off.\n"
+        "Without -n: -u and -g add to the whitelist, -r and -f add resource\n"
+        "  exceptions.\n"
+        "\n"
+        "  -r PATH...  resources: absolute paths that exist; a directory "
+        "stands\n"
+        "              for the regular files in it, with -R for all beneath "
+        "it\n"
+        "  -f LIST     a file naming resources, one absolute path per line\n"
+        "              (\"#\" starts a comment)\n"
+        "  -d          do not add what the resources depend on (by default "
+        "the\n"
+        "              shared libraries and interpreter that a program or\n"
+        "              library loads are added to the rule as well)\n"
+        "  -X          extended rule\n"
+        "  -D          the rule is switched off\n",
+    },
     {"rm", Command::kRm, "CvnugrA",
      "Usage: kxaecctl rm -n NAME... [-C] [-v]\n"
      "       kxaecctl rm -n NAME [-u USER...] [-g GROUP...] [-r PATH...]\n"
@@ -120,7 +129,8 @@ constexpr const char* kToolHelpHead =
     "  disable  switch rules off\n"
     "  rename   rename a rule\n"
     "  export   write a rule to a file\n"
-    "  reload   load the configuration on disk (-w: the whitelist) and seal it\n"
+    "  reload   load the configuration on disk (-w: the whitelist) and seal "
+    "it\n"
     "  restart  load the configuration on disk\n"
     "  confirm  confirm hard mode\n";
 

@@ -30,19 +30,19 @@ enum class Command {
 
 struct Invocation {
   Command command = Command::kAdd;
-  std::string word;    // the command word as given
-  bool help = false;   // --help: print the help and do nothing else
+  std::string word;   // the command word as given
+  bool help = false;  // --help: print the help and do nothing else
 
   bool check = false;      // -C  check integrity first
   bool verbose = false;    // -v  offending objects on standard output
   bool whitelist = false;  // -w  reload: the whitelist only
 
-  std::vector<std::string> names;      // -n
-  std::vector<std::string> users;      // -u
-  std::vector<std::string> groups;     // -g
-  std::vector<std::string> resources;  // -r
-  std::optional<std::string> file;     // -f
-  std::optional<std::string> new_name; // -N
+  std::vector<std::string> names;       // -n
+  std::vector<std::string> users;       // -u
+  std::vector<std::string> groups;      // -g
+  std::vector<std::string> resources;   // -r
+  std::optional<std::string> file;      // -f
+  std::optional<std::string> new_name;  // -N
 
   bool all_rules = false;  // -A
   bool all_users = false;  // -a

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <iostream>
@@ -126,7 +127,8 @@ Configuration Configuration::Load() {
     try {
       AecRule rule(path);
       if (rule.Name() != name) {
-        Refuse(path, "holds the rule '" + rule.Name() + "', not '" + name + "'");
+        Refuse(path,
+               "holds the rule '" + rule.Name() + "', not '" + name + "'");
         invalid.push_back(path);
         continue;
       }

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <deque>
@@ -109,7 +110,8 @@ bool ParseElf(const File& file, ElfInfo* info) {
         text.push_back('\0');
         info->interpreter = text.data();
       }
-    } else if (segment.p_type == PT_DYNAMIC && segment.p_filesz >= sizeof(Dyn)) {
+    } else if (segment.p_type == PT_DYNAMIC &&
+               segment.p_filesz >= sizeof(Dyn)) {
       dynamic.resize(segment.p_filesz / sizeof(Dyn));
       if (!file.Read(segment.p_offset, dynamic.size() * sizeof(Dyn),
                      dynamic.data())) {

@@ -43,11 +43,10 @@ void CheckIntegrity() {
     case 0:
       return;
     case kAideDifferences:
-      throw ToolError(
-          KxAecCtl::kIntegrityDbUpdate,
-          WithObjects("configuration changed since it was sealed",
-                      result.lines),
-          result.lines);
+      throw ToolError(KxAecCtl::kIntegrityDbUpdate,
+                      WithObjects("configuration changed since it was sealed",
+                                  result.lines),
+                      result.lines);
     case kAideBadDatabase:
       throw ToolError(KxAecCtl::kIntegrityViolation,
                       "the checksum database " + IntegrityDbPath() +

@@ -17,9 +17,8 @@ int main(int argc, char** argv) {
               << (text == std::string::npos ? line : line.substr(text + 2))
               << "\n";
   });
-  const int code =
-      aectool::Run(std::vector<std::string>(argv + 1, argv + argc), std::cout,
-                   std::cerr);
+  const int code = aectool::Run(std::vector<std::string>(argv + 1, argv + argc),
+                                std::cout, std::cerr);
   std::cout.flush();
   kxhost::SetLogObserver(nullptr);
   return code;

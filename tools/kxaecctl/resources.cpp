@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <iostream>
@@ -33,9 +34,8 @@ bool IsRegular(const fs::path& path) {
 void AddDirectory(const std::string& dir, bool recursive,
                   std::set<std::string>* files) {
   boost::system::error_code ec;
-  const std::string base = dir.size() > 1 && dir.back() == '/'
-                               ? dir.substr(0, dir.size() - 1)
-                               : dir;
+  const std::string base =
+      dir.size() > 1 && dir.back() == '/' ? dir.substr(0, dir.size() - 1) : dir;
   if (recursive) {
     for (fs::recursive_directory_iterator it(base, ec), end; !ec && it != end;
          it.increment(ec)) {

@@ -10,10 +10,10 @@
 namespace aectool {
 
 struct ResourceRequest {
-  std::vector<std::string> paths;       // -r, as given
-  std::optional<std::string> list_file; // -f: one path per line
-  bool recursive = false;               // -R
-  bool dependencies = false;            // add what programs load (not -d)
+  std::vector<std::string> paths;        // -r, as given
+  std::optional<std::string> list_file;  // -f: one path per line
+  bool recursive = false;                // -R
+  bool dependencies = false;             // add what programs load (not -d)
 };
 
 // The resources the request stands for:

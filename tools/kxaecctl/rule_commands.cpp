@@ -131,7 +131,8 @@ void RunAdd(const Invocation& invocation) {
   RequireAccounts(invocation.users, invocation.groups);
   std::set<std::string> resources;
   if (WantsResources(invocation)) {
-    resources = CollectResources(ResourcesOf(invocation, !invocation.no_depend));
+    resources =
+        CollectResources(ResourcesOf(invocation, !invocation.no_depend));
   }
   Configuration config = Configuration::Load();
 
@@ -179,7 +180,8 @@ void RunUpdate(const Invocation& invocation) {
   RequireAccounts(invocation.users, invocation.groups);
   std::set<std::string> resources;
   if (WantsResources(invocation)) {
-    resources = CollectResources(ResourcesOf(invocation, !invocation.no_depend));
+    resources =
+        CollectResources(ResourcesOf(invocation, !invocation.no_depend));
     if (resources.empty()) {
       throw ToolError(KxAecCtl::kResourceListEmpty,
                       "a rule needs at least one resource");

@@ -8,16 +8,16 @@
 
 namespace aectool {
 
-const std::string& RulesDir();            // /opt/korvex/etc/aec/rules/
-const std::string& ConfigDir();           // /opt/korvex/etc/aec/
-const std::string& WhitelistPath();       // .../white-list.config
-const std::string& ExceptionsPath();      // .../resource-exception.conf
-const std::string& IntegrityToolPath();   // /opt/korvex/bin/kxaide
-const std::string& IntegrityListPath();   // .../crc-rule.conf
-const std::string& IntegrityDbPath();     // .../crc-rule.db
-const std::string& IntegrityOutputPath(); // .../crc-rule-out.db
-const std::string& LoadedSetDir();        // /opt/korvex/var/lib/aec/
-const std::string& LoadedSetPath();       // .../loaded-rules
-const std::string& LockPath();            // .../kxaecctl.lock
+const std::string& RulesDir();             // /opt/korvex/etc/aec/rules/
+const std::string& ConfigDir();            // /opt/korvex/etc/aec/
+const std::string& WhitelistPath();        // .../white-list.config
+const std::string& ExceptionsPath();       // .../resource-exception.conf
+const std::string& IntegrityToolPath();    // /opt/korvex/bin/kxaide
+const std::string& IntegrityListPath();    // .../crc-rule.conf
+const std::string& IntegrityDbPath();      // .../crc-rule.db
+const std::string& IntegrityOutputPath();  // .../crc-rule-out.db
+const std::string& LoadedSetDir();         // /opt/korvex/var/lib/aec/
+const std::string& LoadedSetPath();        // .../loaded-rules
+const std::string& LockPath();             // .../kxaecctl.lock
 
 }  // namespace aectool

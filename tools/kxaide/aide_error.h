@@ -9,12 +9,12 @@ namespace kxaide {
 // Exit codes (docs/tools.md).
 enum ExitCode : int {
   kExitOk = 0,
-  kExitDifferences = 1,    // check mode: files changed, appeared or vanished
-  kExitUsage = 2,          // bad command line
-  kExitBadList = 3,        // the list is missing, unreadable or malformed
-  kExitBadDatabase = 4,    // check mode: the database is missing or damaged
-  kExitIo = 5,             // a listed file or directory cannot be read, or
-                           // the output database cannot be written
+  kExitDifferences = 1,  // check mode: files changed, appeared or vanished
+  kExitUsage = 2,        // bad command line
+  kExitBadList = 3,      // the list is missing, unreadable or malformed
+  kExitBadDatabase = 4,  // check mode: the database is missing or damaged
+  kExitIo = 5,           // a listed file or directory cannot be read, or
+                         // the output database cannot be written
 };
 
 // A failure that ends the run with `code`; what() is the one-line reason

@@ -71,8 +71,8 @@ void WriteDatabase(const std::string& list_path,
   try {
     kxfs::ReplaceFile(output_path, FormatDb(db), DirName(output_path), 0644);
   } catch (const std::system_error& e) {
-    throw AideError(kExitIo, std::string("cannot write the database: ") +
-                                 e.what());
+    throw AideError(kExitIo,
+                    std::string("cannot write the database: ") + e.what());
   }
 }
 

@@ -14,7 +14,8 @@ extern const char* const kOutputDb;  // "/opt/korvex/etc/aec/crc-rule-out.db"
 
 // Index mode (-i -c LIST): checksums what `list_path` names and replaces
 // `output_path` with the database. Throws AideError (kExitBadList, kExitIo).
-void WriteDatabase(const std::string& list_path, const std::string& output_path);
+void WriteDatabase(const std::string& list_path,
+                   const std::string& output_path);
 
 // Check mode (-k -c LIST -d DB): compares what `list_path` names now with
 // the database at `db_path`. Writes one path per line to `out` for every

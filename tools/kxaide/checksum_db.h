@@ -33,7 +33,8 @@ struct Difference {
 
 // Every path whose digest differs, that is new, or that is gone; in path
 // order.
-std::vector<Difference> Compare(const ChecksumDb& sealed, const ChecksumDb& now);
+std::vector<Difference> Compare(const ChecksumDb& sealed,
+                                const ChecksumDb& now);
 
 // A path as one output line: unchanged unless it holds a line break or a
 // backslash, then escaped as in the database.

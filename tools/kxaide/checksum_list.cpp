@@ -99,8 +99,7 @@ ChecksumDb ComputeChecksums(const std::vector<std::string>& entries) {
     } else if (S_ISREG(info.st_mode)) {
       db[entry] = Sha256File(entry);
     } else {
-      throw AideError(kExitIo,
-                      "cannot read " + entry + ": not a regular file");
+      throw AideError(kExitIo, "cannot read " + entry + ": not a regular file");
     }
   }
   return db;

@@ -51,7 +51,8 @@ std::string Sha256File(const std::string& path) {
   }
 
   std::unique_ptr<EVP_MD_CTX, ContextDeleter> context(EVP_MD_CTX_new());
-  if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
+  if (!context ||
+      EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
     throw AideError(kExitIo, "cannot start a SHA-256 digest");
   }
   std::vector<unsigned char> buffer(64 * 1024);
