@@ -298,3 +298,16 @@ TEST_F(ToolsEndToEndTest, HardModeIsConfirmedThroughKxaecctl) {
             "AEC hard mode is confirmed");
   EXPECT_FALSE(kxtest::Exists(kWarning));
 }
+
+TEST_F(ToolsEndToEndTest, EndingCentralControlReSealsThroughTheRealKxaide) {
+  toolstest::SetWhitelistSource("dorvi");
+  Seal();
+  const auto run = Steps({"exec", "-"},
+                         "<request command=\"reset_policies\"/>");
+  ASSERT_EQ(run.exit_code, 0) << run.err << run.out;
+  // The plug-in rewrote the sources record and had kxaide seal it again.
+  EXPECT_EQ(kxtest::ReadFile(toolstest::kSources).find("dorvi"),
+            std::string::npos);
+  EXPECT_TRUE(Sealed());
+  EXPECT_FALSE(kxtest::Exists(toolstest::kCrcOut));
+}
