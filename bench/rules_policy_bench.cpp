@@ -122,11 +122,15 @@ class CollectingReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const auto& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      const std::string name = run.benchmark_name();
-      const auto slash = name.find('/');
-      times_[name.substr(0, slash)][std::stoi(name.substr(slash + 1))] =
-          run.GetAdjustedRealTime();
+      if (run.error_occurred) continue;
+      // With --benchmark_repetitions the median of the repetitions is
+      // reported after them and replaces their times.
+      const bool median = run.run_type == Run::RT_Aggregate &&
+                          run.aggregate_name == "median";
+      if (run.run_type != Run::RT_Iteration && !median) continue;
+      const std::string name = run.run_name.function_name;
+      const int size = std::stoi(run.run_name.args);
+      times_[name][size] = run.GetAdjustedRealTime();
     }
     ConsoleReporter::ReportRuns(runs);
   }
