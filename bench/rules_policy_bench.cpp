@@ -125,8 +125,8 @@ class CollectingReporter : public benchmark::ConsoleReporter {
       if (run.error_occurred) continue;
       // With --benchmark_repetitions the median of the repetitions is
       // reported after them and replaces their times.
-      const bool median = run.run_type == Run::RT_Aggregate &&
-                          run.aggregate_name == "median";
+      const bool median =
+          run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
       if (run.run_type != Run::RT_Iteration && !median) continue;
       const std::string name = run.run_name.function_name;
       const int size = std::stoi(run.run_name.args);
