@@ -1,9 +1,11 @@
 // What a program loads, found as the dynamic loader finds it.
 #include "kxaecctl/elf_dependencies.h"
 
+#include <elf.h>
 #include <limits.h>
 #include <stdlib.h>
 
+#include <cstring>
 #include <string>
 
 #include "tools_test_util.h"
@@ -71,6 +73,33 @@ TEST_F(ElfDependenciesTest, PlainAndMalformedFilesHaveNone) {
                                    std::string(40, '\xff'));
   EXPECT_TRUE(aectool::FindDependencies(truncated).found.empty());
   EXPECT_TRUE(aectool::FindDependencies("/kx/none").found.empty());
+}
+
+TEST_F(ElfDependenciesTest, SegmentsClaimingHugeSizesAreNotBelieved) {
+  // A well-formed header whose interpreter and dynamic segments claim far
+  // more than any file holds: nothing is allocated for them, nothing found.
+  Elf64_Ehdr header{};
+  std::memcpy(header.e_ident, ELFMAG, SELFMAG);
+  header.e_ident[EI_CLASS] = ELFCLASS64;
+  header.e_ident[EI_DATA] = ELFDATA2LSB;
+  header.e_ident[EI_VERSION] = EV_CURRENT;
+  header.e_type = ET_EXEC;
+  header.e_machine = EM_X86_64;
+  header.e_phoff = sizeof header;
+  header.e_phentsize = sizeof(Elf64_Phdr);
+  header.e_phnum = 2;
+  Elf64_Phdr segments[2] = {};
+  segments[0].p_type = PT_INTERP;
+  segments[0].p_filesz = 1ull << 62;
+  segments[1].p_type = PT_DYNAMIC;
+  segments[1].p_filesz = 1ull << 62;
+  std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+  bytes.append(reinterpret_cast<const char*>(segments), sizeof segments);
+  const std::string path = toolstest::kResourceDir + "huge";
+  kxtest::WriteFile(path, bytes, 0755);
+  const auto found = aectool::FindDependencies(path);
+  EXPECT_TRUE(found.found.empty());
+  EXPECT_TRUE(found.unresolved.empty());
 }
 
 TEST_F(ElfDependenciesTest, ANeededLibraryThatIsNowhereIsReported) {

@@ -104,14 +104,17 @@ bool ParseElf(const File& file, ElfInfo* info) {
   }
   std::vector<Dyn> dynamic;
   for (const Phdr& segment : segments) {
-    if (segment.p_type == PT_INTERP && segment.p_filesz > 1) {
+    // Sizes are checked before anything is allocated for them.
+    if (segment.p_type == PT_INTERP && segment.p_filesz > 1 &&
+        segment.p_filesz <= PATH_MAX) {
       std::vector<char> text(segment.p_filesz);
       if (file.Read(segment.p_offset, text.size(), text.data())) {
         text.push_back('\0');
         info->interpreter = text.data();
       }
     } else if (segment.p_type == PT_DYNAMIC &&
-               segment.p_filesz >= sizeof(Dyn)) {
+               segment.p_filesz >= sizeof(Dyn) &&
+               segment.p_filesz <= kMaxTableBytes) {
       dynamic.resize(segment.p_filesz / sizeof(Dyn));
       if (!file.Read(segment.p_offset, dynamic.size() * sizeof(Dyn),
                      dynamic.data())) {
