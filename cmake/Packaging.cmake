@@ -1,0 +1,75 @@
+# The Debian package korvex-aec (docs/package.md).
+#
+# Programs and libraries only: everything lands below /opt/korvex, and every
+# installed binary finds libkxhost.so there. The configuration under
+# /opt/korvex/etc/aec is never a package file: an upgrade would overwrite the
+# rules, the whitelist and the integrity list an administrator has. The
+# package's postinst creates what is missing instead (packaging/debian/).
+
+set(KX_INSTALL_ROOT /opt/korvex)
+
+# Installed into ${KX_INSTALL_ROOT}; the build tree keeps its own RPATH.
+set_target_properties(aec kxhost kxhost_program PROPERTIES
+  INSTALL_RPATH ${KX_INSTALL_ROOT}/lib)
+install(TARGETS kxhost aec LIBRARY DESTINATION lib)
+install(TARGETS kxhost_program RUNTIME DESTINATION bin)
+
+# The message catalogue: the template of the plug-in's texts, in the
+# directory kxhost binds the "korvex-aec" domain to. No translation exists
+# yet, so there is no .mo to ship.
+if(TARGET pot)
+  install(FILES ${PROJECT_BINARY_DIR}/po/korvex-aec.pot DESTINATION share/locale)
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME korvex-aec)
+set(CPACK_PACKAGE_VENDOR "Korvex")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGING_INSTALL_PREFIX ${KX_INSTALL_ROOT})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+    "Korvex application execution control plug-in with its stand-alone host")
+set(CPACK_PACKAGE_DESCRIPTION
+    "The application execution control plug-in (libaec.so) of the Korvex\n\
+host-protection agent: named execution-control rules, a whitelist of users\n\
+and groups, resource exceptions, soft and hard mode and the audit switches.\n\
+Ships the stand-alone host (libkxhost.so, kxhost) that loads and drives it,\n\
+and the agent tools it runs: the rule-control tool kxaecctl and the\n\
+integrity tool kxaide. Everything is installed below /opt/korvex.")
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Korvex packaging team <packaging@korvex.example>")
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+# The debug information stays in the build tree.
+set(CPACK_STRIP_FILES ON)
+
+execute_process(COMMAND dpkg --print-architecture
+                OUTPUT_VARIABLE kx_deb_architecture
+                OUTPUT_STRIP_TRAILING_WHITESPACE
+                RESULT_VARIABLE kx_dpkg_result ERROR_QUIET)
+if(kx_dpkg_result EQUAL 0 AND kx_deb_architecture)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${kx_deb_architecture})
+endif()
+
+# Dependencies: read off the binaries where dpkg-shlibdeps (dpkg-dev) is
+# there, so that they follow what is really linked; otherwise the Debian 12
+# packages of the libraries the binaries link today (readelf -d: NEEDED).
+find_program(KX_DPKG_SHLIBDEPS dpkg-shlibdeps)
+if(KX_DPKG_SHLIBDEPS)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  # libkxhost.so is the package's own: dpkg-shlibdeps looks for it in the
+  # staging tree, not among the machine's packages.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS .${KX_INSTALL_ROOT}/lib)
+else()
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS
+      "libc6, libstdc++6, libgcc-s1, libboost-filesystem1.74.0, libboost-log1.74.0, \
+libsqlite3-0, libldap-2.5-0, libssl3")
+endif()
+
+set(KX_PACKAGE_SCRIPTS_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${KX_PACKAGE_SCRIPTS_DIR}/postinst
+    ${KX_PACKAGE_SCRIPTS_DIR}/prerm
+    ${KX_PACKAGE_SCRIPTS_DIR}/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+include(CPack)
