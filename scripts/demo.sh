@@ -1,0 +1,130 @@
+#!/usr/bin/env bash
+# Builds everything and tells a short story: the plug-in under kxhost in a
+# sandboxed demo root, with the reference tools installed in it. Nothing is
+# written to the machine's /opt/korvex: kxhost mounts the demo root there in a
+# private mount namespace.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+echo "== building (release preset) =="
+cmake --preset release >/dev/null
+cmake --build --preset release --target kxhost_program aec kxaecctl kxaide
+
+build=build/release
+kxhost="$PWD/$build/host/kxhost"
+plugin="$PWD/$build/services/src/plugins/libaec.so"
+root=$(mktemp -d /tmp/kx-demo.XXXXXX)
+trap 'rm -rf "$root"' EXIT
+
+bold=$(tput bold 2>/dev/null || true)
+plain=$(tput sgr0 2>/dev/null || true)
+step=0
+say() {
+  step=$((step + 1))
+  printf '\n%s%d. %s%s\n' "$bold" "$step" "$1" "$plain"
+}
+show_request() {
+  printf '   request:  %s\n' "$1"
+}
+kx() {
+  "$kxhost" --root "$root" --plugin "$plugin" "$@"
+}
+exec_request() {
+  show_request "$1"
+  printf '%s' "$1" | kx exec - | sed 's/^/   /'
+}
+
+# --- seeding the demo root -------------------------------------------------
+mkdir -p "$root/bin" "$root/var/log"
+cp "$build/tools/kxaecctl" "$build/tools/kxaide" "$root/bin/"
+
+now=$(date +%s)
+sqlite3 "$root/var/log/audit_logs.db" <<SQL
+CREATE TABLE logs (id INTEGER PRIMARY KEY, event_id INTEGER, date_time INTEGER,
+  app TEXT, object_name TEXT, username TEXT, groupname TEXT, success INTEGER);
+INSERT INTO logs (event_id, date_time, app, object_name, username, groupname, success) VALUES
+  (1050, $now - 300, '/usr/bin/make', NULL, 'root', 'root', 1),
+  (1052, $now - 299, '/usr/bin/make', '"/usr/lib/x86_64-linux-gnu/libc.so.6";', 'root', 'root', 1),
+  (1051, $now - 200, '/tmp/dropper', NULL, 'daemon', 'daemon', 0),
+  (1053, $now - 199, '/usr/bin/make', '"/tmp/libevil.so";', 'root', 'root', 0),
+  (1055, $now - 100, '/usr/bin/make', '"/etc/shadow";', 'root', 'root', 0);
+SQL
+
+cat > "$root/import.json" <<'JSON'
+{
+  "policies": [
+    {"group": "aec", "name": "rules", "source": "local", "value": [
+      {"name": "shell-tools", "all_allowed": "false", "extended": "false",
+       "system": "false", "enable": "true",
+       "user_list": ["root"], "group_list": "", "resource_list": ["/bin/ls", "/bin/cat"]}
+    ]},
+    {"group": "aec", "name": "whitelist", "source": "local", "value": [
+      {"name": "daemon", "type": "user"}, {"name": "adm", "type": "group"}
+    ]},
+    {"group": "aec", "name": "exceptions", "source": "local", "value": ["/usr/lib/x86_64-linux-gnu/libc.so.6"]}
+  ]
+}
+JSON
+
+cat > "$root/control-on.xml" <<'XML'
+<policies>
+  <policy group="aec" name="state" source="local"><type>1</type></policy>
+</policies>
+XML
+cat > "$root/hard-mode.xml" <<'XML'
+<policies>
+  <policy group="aec" name="mode" source="local"><type>1</type></policy>
+</policies>
+XML
+
+echo
+echo "${bold}Demo root${plain} $root, mounted at /opt/korvex inside kxhost's private namespace."
+kx info | sed 's/^/   /'
+
+say "Central management imports a rule, a whitelist and an exception"
+kx import-policies "$root/import.json" 2>&1 | sed 's/^/   /'
+
+say "A console reads rules (with resources), whitelist and exceptions"
+exec_request '<request command="get" rule_resource="1" whitelist="1" resource-exception="1"><rule/></request>'
+
+say "An administrator adds a rule for the build tools"
+exec_request '<request command="add"><rule name="build-tools"><u>root</u><g>adm</g><r>/usr/bin/env</r></rule></request>'
+
+say "... and reads it back"
+exec_request '<request command="get" rule_resource="1"><rule>build-tools</rule></request>'
+
+say "Edit: add a resource, drop the group, rename the rule"
+exec_request '<request command="edit"><rule name="build-tools" rename="toolchain"><add><r>/usr/bin/make</r></add><remove><g>adm</g></remove></rule></request>'
+echo "   rule file /opt/korvex/etc/aec/rules/toolchain.conf:"
+sed 's/^/     /' "$root/etc/aec/rules/toolchain.conf"
+
+say "Export the rule to a file"
+exec_request '<request command="export" name="toolchain" file="/opt/korvex/var/tmp/toolchain-export.json"/>'
+sed 's/^/     /' "$root/var/tmp/toolchain-export.json"
+
+say "Switch control on (soft mode)"
+kx set-policies "$root/control-on.xml" | sed 's/^/   /'
+printf '   kernel parameter korvex/secure/environment = %s (1: on, soft mode)\n' \
+  "$(cat "$root/var/run/sysctl/korvex/secure/environment")"
+
+say "Switch to hard mode: it waits for an administrator's confirmation"
+kx set-policies "$root/hard-mode.xml" | sed 's/^/   /'
+exec_request '<request command="status_confirmation"/>'
+[ -f "$root/var/tmp/pam_messages/aec_confirm_warning" ] &&
+  printf '   login warning: %s\n' "$(cat "$root/var/tmp/pam_messages/aec_confirm_warning")"
+
+say "The administrator confirms hard mode"
+exec_request '<request command="confirm_hard_mode"/>'
+exec_request '<request command="status_confirmation"/>'
+printf '   kernel parameter korvex/secure/environment = %s (3: on, hard mode)\n' \
+  "$(cat "$root/var/run/sysctl/korvex/secure/environment")"
+
+say "Which users, groups and programs appear in the journal (all outcomes)?"
+exec_request '<request command="loglist"><users>1</users><groups>1</groups><execfiles>1</execfiles><operationresult>all</operationresult></request>'
+
+say "What did /usr/bin/make really run, load and open?"
+exec_request '<request command="log"><execfile>/usr/bin/make</execfile><operationresult>all</operationresult><openfiles>1</openfiles></request>'
+
+echo
+echo "${bold}Done.${plain} The demo root is removed on exit; the machine's /opt/korvex was never touched."
