@@ -284,3 +284,14 @@ TEST_F(RuleCommandsTest, EditWithAnEmptyRenameRunsNoRename) {
   EXPECT_TRUE(reply.get_child("edit").empty());
   EXPECT_TRUE(Calls().empty());
 }
+
+TEST_F(RuleCommandsTest, EditWithAnEmptyRemoveNeverDeletesTheRule) {
+  WriteRuleFile(RuleSpec{"r"});
+  const pt::ptree reply = Exec(
+      "<request command=\"edit\"><rule name=\"r\"><remove/></rule></request>");
+  EXPECT_EQ(reply.get<std::string>("edit.remove.result"), "0");
+  EXPECT_EQ(reply.get<std::string>("edit.remove.error_desc"),
+            "Invalid argument");
+  // "rm -C -v -n r" would remove the whole rule; the tool is not run at all.
+  EXPECT_TRUE(Calls().empty());
+}

@@ -147,12 +147,23 @@ void HandleEdit(parsed_xml_data_t* request) {
       result->AddNode("add", MakeToolReply(tool), true);
     }
     if (remove_doc) {
-      KxAecCtl tool("rm", true);
-      tool.AddRules({rule_name});
-      tool.AddResources(remove_doc->GetArray("r"));
-      tool.AddUsers(remove_doc->GetArray("u"));
-      tool.AddGroups(remove_doc->GetArray("g"));
-      result->AddNode("remove", MakeToolReply(tool), true);
+      const auto resources = remove_doc->GetArray("r");
+      const auto users = remove_doc->GetArray("u");
+      const auto groups = remove_doc->GetArray("g");
+      if (resources.empty() && users.empty() && groups.empty()) {
+        // With nothing to take out, the tool's command line would be
+        // "rm -C -v -n <rule>", which is exactly the removal of the whole
+        // rule: refuse instead of deleting the rule by accident.
+        result->AddNode("remove", MakeErrorReply(gettext("Invalid argument")),
+                        true);
+      } else {
+        KxAecCtl tool("rm", true);
+        tool.AddRules({rule_name});
+        tool.AddResources(resources);
+        tool.AddUsers(users);
+        tool.AddGroups(groups);
+        result->AddNode("remove", MakeToolReply(tool), true);
+      }
     }
     if (update_doc) {
       KxAecCtl tool("update", true);
