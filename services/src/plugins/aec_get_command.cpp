@@ -10,6 +10,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "aec_commands.h"
 #include "aec_paths.h"
@@ -26,6 +27,16 @@ namespace {
 // A switch of the request is on only when its text is exactly "1".
 bool IsOn(const std::unique_ptr<char[]>& value) {
   return value && std::string(value.get()) == "1";
+}
+
+// AddOkResult's shape ("result" "1", then attached as a repeated node), but
+// the section is handed over rather than shared: a document that the host
+// holds the only reference to can be attached without copying, and a rules
+// section may hold thousands of rules.
+void CloseSection(const boost::shared_ptr<IXml>& result,
+                  const std::string& name, boost::shared_ptr<IXml> section) {
+  section->AddValue("result", kResultOk, false);
+  result->AddNode(name, std::move(section), true);
 }
 
 boost::shared_ptr<IXml> RulesSection(const std::string& name, bool extended) {
@@ -82,8 +93,8 @@ void HandleGet(parsed_xml_data_t* request) {
 
   if (rule) {
     try {
-      AddOkResult(result, "rules",
-                  RulesSection(rule.get(), IsOn(rule_resource)));
+      CloseSection(result, "rules",
+                   RulesSection(rule.get(), IsOn(rule_resource)));
     } catch (const PluginException& e) {
       // Nothing of the rules read before the failure is kept.
       result->AddNode("rules", MakeErrorReply(e.what()), true);
@@ -92,7 +103,7 @@ void HandleGet(parsed_xml_data_t* request) {
 
   if (IsOn(whitelist)) {
     try {
-      AddOkResult(result, "whitelist", WhitelistSection());
+      CloseSection(result, "whitelist", WhitelistSection());
     } catch (const PluginException& e) {
       result->AddNode("whitelist", MakeErrorReply(e.what()), true);
     }
@@ -100,7 +111,7 @@ void HandleGet(parsed_xml_data_t* request) {
 
   if (IsOn(exceptions)) {
     try {
-      AddOkResult(result, "resource-exception", ExceptionSection());
+      CloseSection(result, "resource-exception", ExceptionSection());
     } catch (const std::exception& e) {
       // The client gets the host's fixed text; the parser's message is for
       // the log only.
@@ -111,7 +122,7 @@ void HandleGet(parsed_xml_data_t* request) {
     }
   }
 
-  request->reply->AddNode("get", result, false);
+  request->reply->AddNode("get", std::move(result), false);
 }
 
 }  // namespace aec
