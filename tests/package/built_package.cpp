@@ -39,8 +39,9 @@ void Make(BuiltPackages* packages) {
   packages->upgrade_version = packages->version + "+kxtest1";
 
   const std::string out_dir = g_work_dir + "/cpack";
-  const RunResult cpack = RunProgram({KX_CPACK_COMMAND, "--config", KX_CPACK_CONFIG,
-                               "-G", "DEB", "-B", out_dir});
+  const RunResult cpack =
+      RunProgram({KX_CPACK_COMMAND, "--config", KX_CPACK_CONFIG, "-G", "DEB",
+                  "-B", out_dir});
   if (cpack.exit_code != 0) {
     packages->error = Describe("cpack", cpack);
     return;
@@ -55,7 +56,8 @@ void Make(BuiltPackages* packages) {
 
   // The upgrade: extracted, the control file's version raised, rebuilt.
   const std::string tree = g_work_dir + "/upgrade-tree";
-  const RunResult extract = RunProgram({"/usr/bin/dpkg-deb", "-R", packages->deb, tree});
+  const RunResult extract =
+      RunProgram({"/usr/bin/dpkg-deb", "-R", packages->deb, tree});
   if (extract.exit_code != 0) {
     packages->error = Describe("dpkg-deb -R", extract);
     return;
@@ -74,13 +76,14 @@ void Make(BuiltPackages* packages) {
   }
   in.close();
   if (!replaced) {
-    packages->error = "no \"Version: " + packages->version + "\" in " + control_path;
+    packages->error =
+        "no \"Version: " + packages->version + "\" in " + control_path;
     return;
   }
   std::ofstream(control_path, std::ios::trunc) << control.str();
   packages->upgrade_deb = g_work_dir + "/korvex-aec_upgrade.deb";
-  const RunResult build = RunProgram({"/usr/bin/dpkg-deb", "--root-owner-group", "-b",
-                               tree, packages->upgrade_deb});
+  const RunResult build = RunProgram({"/usr/bin/dpkg-deb", "--root-owner-group",
+                                      "-b", tree, packages->upgrade_deb});
   if (build.exit_code != 0) packages->error = Describe("dpkg-deb -b", build);
 }
 

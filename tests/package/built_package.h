@@ -13,7 +13,7 @@ struct BuiltPackages {
   std::string upgrade_deb;  // the same files, version `upgrade_version`
   std::string version;      // the project's version
   std::string upgrade_version;
-  std::string error;        // non-empty: the packages could not be made
+  std::string error;  // non-empty: the packages could not be made
 };
 
 // Made on first call, removed when the process ends.

@@ -15,7 +15,8 @@ void ReadTable(sqlite3* db, const std::string& table,
                std::vector<std::string>* rows) {
   sqlite3_stmt* statement = nullptr;
   const std::string sql = "SELECT * FROM " + table;
-  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) !=
+      SQLITE_OK) {
     const std::string message = sqlite3_errmsg(db);
     sqlite3_finalize(statement);
     throw std::runtime_error(sql + ": " + message);
@@ -91,8 +92,10 @@ std::vector<std::string> SettingsRows() {
       for (const auto& entry : names) {
         // "<schema>.sqlite_master WHERE ...|table|<name>|..."
         const auto start = entry.find("|table|") + 7;
-        ReadTable(db, schema + "." + entry.substr(start, entry.find('|', start) - start),
-                  &rows);
+        ReadTable(
+            db,
+            schema + "." + entry.substr(start, entry.find('|', start) - start),
+            &rows);
       }
     }
   } catch (...) {

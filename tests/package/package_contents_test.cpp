@@ -17,9 +17,7 @@ namespace {
 
 class PackageContentsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(Packages().error, "");
-  }
+  void SetUp() override { ASSERT_EQ(Packages().error, ""); }
 
   std::string Field(const std::string& name) {
     const RunResult run =
@@ -30,20 +28,23 @@ class PackageContentsTest : public ::testing::Test {
 
   // Paths (tar's "./opt/..."), one per entry of the listing.
   std::vector<std::string> Listing(const std::string& option) {
-    const RunResult run = RunProgram({"/usr/bin/dpkg-deb", option, Packages().deb});
+    const RunResult run =
+        RunProgram({"/usr/bin/dpkg-deb", option, Packages().deb});
     EXPECT_EQ(run.exit_code, 0) << run.err;
     std::vector<std::string> paths;
     std::istringstream lines(run.out);
     std::string line;
     while (std::getline(lines, line)) {
       const auto last_space = line.rfind(' ');
-      if (last_space != std::string::npos) paths.push_back(line.substr(last_space + 1));
+      if (last_space != std::string::npos)
+        paths.push_back(line.substr(last_space + 1));
     }
     return paths;
   }
 };
 
-TEST_F(PackageContentsTest, ControlNamesThePackageItsVersionArchitectureAndMaintainer) {
+TEST_F(PackageContentsTest,
+       ControlNamesThePackageItsVersionArchitectureAndMaintainer) {
   EXPECT_EQ(Field("Package"), "korvex-aec");
   EXPECT_EQ(Field("Version"), Packages().version);
   EXPECT_EQ(Field("Version"), KX_PACKAGE_VERSION);
@@ -66,15 +67,17 @@ TEST_F(PackageContentsTest, TheRuntimeLibrariesAreDeclaredDependencies) {
     names.insert(item.substr(0, item.find(' ')));
   }
   for (const char* library :
-       {"libc6", "libstdc++6", "libboost-filesystem1.74.0", "libboost-log1.74.0",
-        "libsqlite3-0", "libldap-2.5-0", "libssl3"}) {
-    EXPECT_EQ(names.count(library), 1u) << library << " missing in: " << depends;
+       {"libc6", "libstdc++6", "libboost-filesystem1.74.0",
+        "libboost-log1.74.0", "libsqlite3-0", "libldap-2.5-0", "libssl3"}) {
+    EXPECT_EQ(names.count(library), 1u)
+        << library << " missing in: " << depends;
   }
 }
 
 // The configuration below etc/aec is never a package file: an upgrade
 // would overwrite what the administrator has there.
-TEST_F(PackageContentsTest, ShipsProgramsLibrariesAndTheCatalogueButNoConfiguration) {
+TEST_F(PackageContentsTest,
+       ShipsProgramsLibrariesAndTheCatalogueButNoConfiguration) {
   std::set<std::string> files;
   for (const auto& path : Listing("-c")) {
     if (path.back() != '/') files.insert(path);
@@ -93,7 +96,8 @@ TEST_F(PackageContentsTest, ShipsProgramsLibrariesAndTheCatalogueButNoConfigurat
 // libraries live in a private directory, ldconfig has nothing to do).
 TEST_F(PackageContentsTest, ControlHoldsTheMaintainerScriptsOnly) {
   const std::string dir = MakeTempDir() + "/DEBIAN";
-  const RunResult run = RunProgram({"/usr/bin/dpkg-deb", "-e", Packages().deb, dir});
+  const RunResult run =
+      RunProgram({"/usr/bin/dpkg-deb", "-e", Packages().deb, dir});
   ASSERT_EQ(run.exit_code, 0) << run.err;
   std::set<std::string> members;
   for (boost::filesystem::directory_iterator it(dir), end; it != end; ++it) {
@@ -110,7 +114,8 @@ TEST_F(PackageContentsTest, ControlHoldsTheMaintainerScriptsOnly) {
     EXPECT_EQ(syntax.exit_code, 0) << script << ": " << syntax.err;
   }
   boost::system::error_code ignored;
-  boost::filesystem::remove_all(boost::filesystem::path(dir).parent_path(), ignored);
+  boost::filesystem::remove_all(boost::filesystem::path(dir).parent_path(),
+                                ignored);
 }
 
 }  // namespace

@@ -30,7 +30,8 @@ class PackageInstallTest : public ::testing::Test {
   std::unique_ptr<PackageSandbox> sandbox_;
 };
 
-TEST_F(PackageInstallTest, InstallingOnACleanMachinePutsEveryFileUnderOptKorvex) {
+TEST_F(PackageInstallTest,
+       InstallingOnACleanMachinePutsEveryFileUnderOptKorvex) {
   EXPECT_EQ(sandbox_->Status("korvex-aec"), "install ok installed");
   EXPECT_EQ(sandbox_->Version("korvex-aec"), Packages().version);
   for (const char* program : {kKxhost, kKxaecctl, kKxaide}) {
@@ -44,9 +45,8 @@ TEST_F(PackageInstallTest, InstallingOnACleanMachinePutsEveryFileUnderOptKorvex)
 }
 
 TEST_F(PackageInstallTest, PostinstCreatesTheInitialConfigurationAndSealsIt) {
-  for (const char* dir :
-       {"etc/aec/rules", "usr/db", "var/log", "var/tmp/rm",
-        "var/tmp/pam_messages", "var/cache/kxnetwork"}) {
+  for (const char* dir : {"etc/aec/rules", "usr/db", "var/log", "var/tmp/rm",
+                          "var/tmp/pam_messages", "var/cache/kxnetwork"}) {
     EXPECT_TRUE(boost::filesystem::is_directory(std::string(kRoot) + "/" + dir))
         << dir;
   }
@@ -60,7 +60,8 @@ TEST_F(PackageInstallTest, PostinstCreatesTheInitialConfigurationAndSealsIt) {
   const RunResult check = CheckSeal();
   EXPECT_EQ(check.exit_code, 0) << check.out << check.err;
   // Nothing half-done is left behind.
-  for (boost::filesystem::directory_iterator it(kConfigDir), end; it != end; ++it) {
+  for (boost::filesystem::directory_iterator it(kConfigDir), end; it != end;
+       ++it) {
     const std::string name = it->path().filename().string();
     EXPECT_TRUE(name == "rules" || name == "white-list.config" ||
                 name == "crc-rule.conf" || name == "crc-rule.db")
@@ -73,7 +74,8 @@ TEST_F(PackageInstallTest, PostinstCreatesTheInitialConfigurationAndSealsIt) {
 TEST_F(PackageInstallTest, PostinstMakesWhatTheHostSeedsForAFreshInstall) {
   const std::string seeded = MakeTempDir();
   kxhost::SeedFreshInstall(seeded);
-  EXPECT_EQ(ReadFile(kWhitelist), ReadFile(seeded + "/etc/aec/white-list.config"));
+  EXPECT_EQ(ReadFile(kWhitelist),
+            ReadFile(seeded + "/etc/aec/white-list.config"));
   EXPECT_EQ(ReadFile(kCrcList), ReadFile(seeded + "/etc/aec/crc-rule.conf"));
   // The host's seed has var/run/sysctl, its stand-in for /proc/sys; the
   // package's root has lib/ and share/ with its files.
@@ -102,19 +104,24 @@ TEST_F(PackageInstallTest, InstalledKxhostRunsTheInstalledPlugin) {
 }
 
 TEST_F(PackageInstallTest, InstalledBinariesFindTheirLibrariesUnderOptKorvex) {
-  for (const char* file : {kKxhost, kKxaecctl, kKxaide, "/opt/korvex/lib/libaec.so",
-                           "/opt/korvex/lib/libkxhost.so"}) {
+  for (const char* file :
+       {kKxhost, kKxaecctl, kKxaide, "/opt/korvex/lib/libaec.so",
+        "/opt/korvex/lib/libkxhost.so"}) {
     const RunResult dynamic = RunProgram({"/usr/bin/readelf", "-d", file});
     ASSERT_EQ(dynamic.exit_code, 0) << dynamic.err;
-    EXPECT_NE(dynamic.out.find("(RUNPATH)            Library runpath: [/opt/korvex/lib]\n"),
+    EXPECT_NE(dynamic.out.find(
+                  "(RUNPATH)            Library runpath: [/opt/korvex/lib]\n"),
               std::string::npos)
-        << file << ":\n" << dynamic.out;
+        << file << ":\n"
+        << dynamic.out;
     if (std::string(file) == "/opt/korvex/lib/libkxhost.so") continue;
     const RunResult resolved = RunProgram({"/usr/bin/ldd", file});
     ASSERT_EQ(resolved.exit_code, 0) << resolved.err;
-    EXPECT_NE(resolved.out.find("libkxhost.so => /opt/korvex/lib/libkxhost.so "),
-              std::string::npos)
-        << file << ":\n" << resolved.out;
+    EXPECT_NE(
+        resolved.out.find("libkxhost.so => /opt/korvex/lib/libkxhost.so "),
+        std::string::npos)
+        << file << ":\n"
+        << resolved.out;
   }
 }
 
@@ -131,7 +138,7 @@ TEST_F(PackageInstallTest, InstalledToolsAnswerHelp) {
 // seal postinst made is the one it needs.
 TEST_F(PackageInstallTest, CheckedChangesWorkRightAfterInstalling) {
   const RunResult add = RunProgram({kKxaecctl, "add", "-n", "first", "-a", "-r",
-                             "/usr/bin/true", "-d", "-C"});
+                                    "/usr/bin/true", "-d", "-C"});
   EXPECT_EQ(add.exit_code, 0) << add.out << add.err;
   EXPECT_TRUE(Exists("/opt/korvex/etc/aec/rules/first.conf"));
   const RunResult check = CheckSeal();
@@ -140,7 +147,8 @@ TEST_F(PackageInstallTest, CheckedChangesWorkRightAfterInstalling) {
 
 TEST_F(PackageInstallTest, PostinstRunAgainChangesNothing) {
   const std::vector<std::string> before = Snapshot(kRoot);
-  const RunResult again = RunProgram({kPostinst, "configure", Packages().version});
+  const RunResult again =
+      RunProgram({kPostinst, "configure", Packages().version});
   EXPECT_EQ(again.exit_code, 0) << again.out << again.err;
   EXPECT_EQ(Snapshot(kRoot), before);
 }

@@ -107,7 +107,7 @@ void Bind(const std::string& dir, const char* at) {
 std::string Query(const std::string& format, const std::string& package) {
   const RunResult run =
       RunProgram({"/usr/bin/dpkg-query", "--admindir=" + std::string(kDpkgDb),
-           "-W", "-f=" + format, package});
+                  "-W", "-f=" + format, package});
   return run.exit_code == 0 ? run.out : "";
 }
 
@@ -247,8 +247,8 @@ void PackageSandbox::RemoveScratch() {
 }
 
 RunResult PackageSandbox::Dpkg(const std::vector<std::string>& args) const {
-  std::vector<std::string> argv = {"/usr/bin/dpkg", "--log=" + dir_ + "/dpkg.log",
-                                   "--no-triggers"};
+  std::vector<std::string> argv = {
+      "/usr/bin/dpkg", "--log=" + dir_ + "/dpkg.log", "--no-triggers"};
   argv.insert(argv.end(), args.begin(), args.end());
   return RunProgram(argv);
 }
@@ -264,8 +264,7 @@ std::string PackageSandbox::Version(const std::string& package) const {
 std::vector<std::string> Snapshot(const std::string& dir) {
   std::vector<std::string> entries;
   for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
-    const std::string relative =
-        it->path().string().substr(dir.size() + 1);
+    const std::string relative = it->path().string().substr(dir.size() + 1);
     struct stat info;
     if (lstat(it->path().c_str(), &info) != 0) Fail("lstat " + relative);
     std::ostringstream line;

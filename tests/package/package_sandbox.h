@@ -47,7 +47,9 @@ class PackageSandbox {
   std::string Version(const std::string& package) const;
 
   // A path in the scratch directory, outside /opt and the dpkg database.
-  std::string Scratch(const std::string& name) const { return dir_ + "/" + name; }
+  std::string Scratch(const std::string& name) const {
+    return dir_ + "/" + name;
+  }
 
  private:
   void RemoveScratch();

@@ -3,8 +3,8 @@
 // administrator's: only purge may take them away.
 #include <gtest/gtest.h>
 
-#include <boost/filesystem.hpp>
 #include <algorithm>
+#include <boost/filesystem.hpp>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,7 +30,8 @@ class PackageUpgradeTest : public ::testing::Test {
     ASSERT_EQ(SeedAdministratorState(), "");
     ASSERT_TRUE(Exists(kRule));
     ASSERT_NE(ReadFile(kWhitelist).find("root"), std::string::npos);
-    const RunResult status = StatusConfirmation(sandbox_->Scratch("status.xml"));
+    const RunResult status =
+        StatusConfirmation(sandbox_->Scratch("status.xml"));
     ASSERT_EQ(status.exit_code, 0) << status.err;
     ASSERT_NE(status.out.find(kNotConfirmed), std::string::npos) << status.out;
   }
@@ -43,9 +44,10 @@ TEST_F(PackageUpgradeTest, UpgradeKeepsRulesWhitelistSettingsAndConfirmation) {
   const std::vector<std::string> configuration = Snapshot(kConfigDir);
   const std::vector<std::string> rows = SettingsRows();
   const std::string confirmation = ReadFile(kConfirmState);
-  ASSERT_NE(std::find(rows.begin(), rows.end(),
-                      "conf.network_plugin_config|KXDomainServer|dc1.example.org"),
-            rows.end());
+  ASSERT_NE(
+      std::find(rows.begin(), rows.end(),
+                "conf.network_plugin_config|KXDomainServer|dc1.example.org"),
+      rows.end());
 
   const RunResult upgrade = sandbox_->Dpkg({"-i", Packages().upgrade_deb});
   ASSERT_EQ(upgrade.exit_code, 0) << upgrade.out << upgrade.err;
@@ -67,7 +69,9 @@ TEST_F(PackageUpgradeTest, UpgradeKeepsRulesWhitelistSettingsAndConfirmation) {
 // still show as a difference after the upgrade, not be sealed over.
 TEST_F(PackageUpgradeTest, UpgradeDoesNotResealAChangedConfiguration) {
   const std::string seal = ReadFile(kCrcDb);
-  WriteFile(kWhitelist, "{\n    \"user_list\": \"mallory\",\n    \"group_list\": \"\"\n}\n");
+  WriteFile(
+      kWhitelist,
+      "{\n    \"user_list\": \"mallory\",\n    \"group_list\": \"\"\n}\n");
   const RunResult upgrade = sandbox_->Dpkg({"-i", Packages().upgrade_deb});
   ASSERT_EQ(upgrade.exit_code, 0) << upgrade.out << upgrade.err;
   EXPECT_EQ(ReadFile(kCrcDb), seal);
@@ -98,8 +102,9 @@ TEST_F(PackageUpgradeTest, RemoveKeepsConfigurationAndData) {
   const RunResult remove = sandbox_->Dpkg({"-r", "korvex-aec"});
   ASSERT_EQ(remove.exit_code, 0) << remove.out << remove.err;
   EXPECT_EQ(sandbox_->Status("korvex-aec"), "deinstall ok config-files");
-  for (const char* file : {kKxhost, kKxaecctl, kKxaide, "/opt/korvex/lib/libaec.so",
-                           "/opt/korvex/lib/libkxhost.so"}) {
+  for (const char* file :
+       {kKxhost, kKxaecctl, kKxaide, "/opt/korvex/lib/libaec.so",
+        "/opt/korvex/lib/libkxhost.so"}) {
     EXPECT_FALSE(Exists(file)) << file;
   }
   EXPECT_EQ(Snapshot(kConfigDir), configuration);
