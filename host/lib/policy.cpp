@@ -11,6 +11,7 @@
 #include "host/db.h"
 #include "host/log.h"
 #include "host/policy_manager.h"
+#include "getter_table.h"
 #include "settings_db.h"
 
 namespace {
@@ -218,6 +219,15 @@ void KernelPolicy::Init() {
   std::string value = DefaultValue();
   const auto getter = RequestGetter();
   if (getter) {
+    // A missing table would make the read fail and log an error at every
+    // start of a fresh installation; an empty one reads as missing rows.
+    try {
+      sqlite3_exec(kxhost::SettingsDb(),
+                   kxhost::CreateTableStatement(*getter).c_str(), nullptr,
+                   nullptr, nullptr);
+    } catch (const std::runtime_error&) {
+      // The database cannot be opened: the read below logs why.
+    }
     db_response_t response;
     db_execute(getter->GetRequestReadData(DbPolicyName()).c_str(), &response);
     if (response.table != nullptr) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "host/log.h"
+#include "getter_table.h"
 #include "policy_documents.h"
 #include "settings_db.h"
 
@@ -88,11 +89,7 @@ bool SaveOne(sqlite3* db, const std::string& plugin, const IPolicy& policy,
       // The plug-in's own set-up may never have made the table (docs/
       // policies.md, "What the settings database holds"); the value must
       // still survive a restart.
-      ok = Run(db,
-               "CREATE TABLE IF NOT EXISTS " + getter->Table() + " (" +
-                   getter->KeyColumn() + " TEXT, " + getter->ValueColumn() +
-                   " INTEGER)",
-               {}, error) &&
+      ok = Run(db, kxhost::CreateTableStatement(*getter), {}, error) &&
            Run(db,
                "DELETE FROM " + getter->Table() + " WHERE " +
                    getter->KeyColumn() + " = ?1",

@@ -85,3 +85,12 @@ std::string AecLogPolicyDbRequestGetter::MissingRowValue(
   const auto found = kDefaults.find(policy);
   return found == kDefaults.end() ? "0" : found->second;
 }
+
+namespace kxhost {
+
+std::string CreateTableStatement(const PolicyDbRequestGetter& getter) {
+  return "CREATE TABLE IF NOT EXISTS " + getter.Table() + " (" +
+         getter.KeyColumn() + " TEXT, " + getter.ValueColumn() + " INTEGER)";
+}
+
+}  // namespace kxhost

@@ -463,8 +463,15 @@ TEST_F(PolicyManagerTest, StoredValuesAreIntegersInOneRowPerPolicy) {
             "1");
 }
 
+TEST_F(PolicyManagerTest, ReadingAtStartMakesAMissingAuditTableEmpty) {
+  // The policies' Init made it, so that the read finds no row instead of
+  // failing; the value is then the installation default.
+  EXPECT_EQ(QueryOne("SELECT count(*) FROM conf.aec_log_conf"), "0");
+  EXPECT_EQ(audit_->Value(), "1");
+}
+
 TEST_F(PolicyManagerTest, SavingMakesAMissingAuditTable) {
-  ASSERT_EQ(QueryOne("SELECT count(*) FROM conf.aec_log_conf"), "<failed>");
+  ASSERT_NE(QueryOne("DROP TABLE conf.aec_log_conf"), "<failed>");
   audit_->SetValue("0");
   manager_.ApplyPolicies();
   EXPECT_EQ(QueryOne("SELECT fiValue FROM conf.aec_log_conf WHERE "
@@ -483,6 +490,7 @@ TEST_F(PolicyManagerTest, SourcesWithQuotesAreStoredAsTheyAre) {
 
 TEST_F(PolicyManagerTest, APolicyThatCannotBeStoredIsLoggedOthersAreStored) {
   // A table the value cannot go into: the key column does not exist.
+  ASSERT_NE(QueryOne("DROP TABLE conf.aec_log_conf"), "<failed>");
   ASSERT_NE(QueryOne("CREATE TABLE conf.aec_log_conf (other TEXT)"),
             "<failed>");
   state_->SetValue("1");
