@@ -42,16 +42,20 @@ void DropLayoutText(pt::ptree* tree) {
 // Sets (as_array_item false) or appends (true) the child element `name`.
 // The tree's path lookups are avoided on purpose: a '.' in a name is part of
 // the name here, not a path separator.
-void PlaceChild(pt::ptree* tree, const std::string& name, pt::ptree child,
+// `child` is consumed: its content is swapped into place, because a
+// property tree has no move and a reply may hold thousands of nodes.
+void PlaceChild(pt::ptree* tree, const std::string& name, pt::ptree& child,
                 bool as_array_item) {
+  pt::ptree* slot = nullptr;
   if (!as_array_item) {
     auto found = tree->find(name);
-    if (found != tree->not_found()) {
-      tree->to_iterator(found)->second = std::move(child);
-      return;
-    }
+    if (found != tree->not_found()) slot = &tree->to_iterator(found)->second;
   }
-  tree->push_back(std::make_pair(name, std::move(child)));
+  if (slot == nullptr) {
+    tree->push_back(std::make_pair(name, pt::ptree()));
+    slot = &tree->back().second;
+  }
+  slot->swap(child);
 }
 
 }  // namespace
@@ -63,7 +67,8 @@ XmlDocument::~XmlDocument() = default;
 
 void XmlDocument::AddValue(const std::string& name, const std::string& value,
                            bool as_array_item) {
-  PlaceChild(&tree_, name, pt::ptree(value), as_array_item);
+  pt::ptree child(value);
+  PlaceChild(&tree_, name, child, as_array_item);
 }
 
 void XmlDocument::AddNode(const std::string& name,
@@ -71,7 +76,16 @@ void XmlDocument::AddNode(const std::string& name,
   // An empty child is nothing to attach; the contract forbids throwing for
   // it.
   if (!child) return;
-  PlaceChild(&tree_, name, TreeOf(*child), as_array_item);
+  // A document that only this call holds can be taken over instead of
+  // copied: nobody is left to see it emptied.
+  auto* own = child.use_count() == 1 ? dynamic_cast<XmlDocument*>(child.get())
+                                     : nullptr;
+  if (own != nullptr) {
+    PlaceChild(&tree_, name, own->Tree(), as_array_item);
+    return;
+  }
+  pt::ptree copy = TreeOf(*child);
+  PlaceChild(&tree_, name, copy, as_array_item);
 }
 
 void XmlDocument::SetAttribute(const std::string& name,
@@ -81,7 +95,8 @@ void XmlDocument::SetAttribute(const std::string& name,
     tree_.push_front(std::make_pair(kAttributes, pt::ptree()));
     found = tree_.find(kAttributes);
   }
-  PlaceChild(&found->second, name, pt::ptree(value), false);
+  pt::ptree attribute(value);
+  PlaceChild(&found->second, name, attribute, false);
 }
 
 void XmlDocument::SetText(const std::string& text) { tree_.data() = text; }

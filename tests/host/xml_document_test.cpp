@@ -9,6 +9,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/ixml.h"
@@ -162,6 +163,26 @@ TEST(XmlDocument, AddNodeAttachesTheChildsContentUnderTheGivenName) {
   // Attached by value: later changes to the child are not seen.
   result->AddValue("result", "0", false);
   EXPECT_EQ(Take(reply->GetNode("get")->GetParam("result")), "1");
+}
+
+TEST(XmlDocument, AddNodeOfAHandedOverChildGivesTheSameDocument) {
+  auto kept = XMLParserBoost::CreateEmptyXML();
+  auto handed = XMLParserBoost::CreateEmptyXML();
+  for (auto* doc : {&kept, &handed}) {
+    (*doc)->AddValue("u", "alice", true);
+    (*doc)->AddValue("u", "bob", true);
+    auto inner = XMLParserBoost::CreateEmptyXML();
+    inner->AddValue("r", "/bin/ls", false);
+    (*doc)->AddNode("rule", inner, true);
+  }
+  auto by_copy = XMLParserBoost::CreateEmptyXML();
+  auto by_hand_over = XMLParserBoost::CreateEmptyXML();
+  by_copy->AddNode("get", kept, true);
+  // The only reference goes with the call: the host may take it over.
+  by_hand_over->AddNode("get", std::move(handed), true);
+  EXPECT_EQ(by_hand_over->ToString("reply"), by_copy->ToString("reply"));
+  // The kept child is untouched by the copy.
+  EXPECT_EQ(kept->CountChildren("u"), 2u);
 }
 
 TEST(XmlDocument, AddNodeWithoutFlagReplacesWithFlagAppends) {

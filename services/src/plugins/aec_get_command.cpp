@@ -29,16 +29,6 @@ bool IsOn(const std::unique_ptr<char[]>& value) {
   return value && std::string(value.get()) == "1";
 }
 
-// AddOkResult's shape ("result" "1", then attached as a repeated node), but
-// the section is handed over rather than shared: a document that the host
-// holds the only reference to can be attached without copying, and a rules
-// section may hold thousands of rules.
-void CloseSection(const boost::shared_ptr<IXml>& result,
-                  const std::string& name, boost::shared_ptr<IXml> section) {
-  section->AddValue("result", kResultOk, false);
-  result->AddNode(name, std::move(section), true);
-}
-
 boost::shared_ptr<IXml> RulesSection(const std::string& name, bool extended) {
   auto rules = XMLParserBoost::CreateEmptyXML();
   if (!name.empty()) {
@@ -93,7 +83,7 @@ void HandleGet(parsed_xml_data_t* request) {
 
   if (rule) {
     try {
-      CloseSection(result, "rules",
+      AddOkResult(result, "rules",
                    RulesSection(rule.get(), IsOn(rule_resource)));
     } catch (const PluginException& e) {
       // Nothing of the rules read before the failure is kept.
@@ -103,7 +93,7 @@ void HandleGet(parsed_xml_data_t* request) {
 
   if (IsOn(whitelist)) {
     try {
-      CloseSection(result, "whitelist", WhitelistSection());
+      AddOkResult(result, "whitelist", WhitelistSection());
     } catch (const PluginException& e) {
       result->AddNode("whitelist", MakeErrorReply(e.what()), true);
     }
@@ -111,7 +101,7 @@ void HandleGet(parsed_xml_data_t* request) {
 
   if (IsOn(exceptions)) {
     try {
-      CloseSection(result, "resource-exception", ExceptionSection());
+      AddOkResult(result, "resource-exception", ExceptionSection());
     } catch (const std::exception& e) {
       // The client gets the host's fixed text; the parser's message is for
       // the log only.

@@ -1,5 +1,7 @@
 #include "aec_replies.h"
 
+#include <utility>
+
 #include "aec_paths.h"
 #include "host/errors.h"
 #include "kxaecctl.h"
@@ -30,7 +32,8 @@ boost::shared_ptr<IXml> MakeToolReply(KxAecCtl& tool) {
 void AddOkResult(const boost::shared_ptr<IXml>& parent, const std::string& name,
                  boost::shared_ptr<IXml> doc) {
   doc->AddValue("result", kResultOk, false);
-  parent->AddNode(name, doc, true);
+  // Handed over, not shared: a host can then attach it without copying.
+  parent->AddNode(name, std::move(doc), true);
 }
 
 }  // namespace aec

@@ -19,7 +19,9 @@ boost::shared_ptr<IXml> MakeErrorReply(const std::string& text);
 // MakeErrorReply(GetErrorDescription()). Other exceptions pass through.
 boost::shared_ptr<IXml> MakeToolReply(KxAecCtl& tool);
 
-// Adds "result" = "1" to doc, then parent->AddNode(name, doc, true).
+// Adds "result" = "1" to doc, then parent->AddNode(name, doc, true). Pass
+// the document by std::move when the caller keeps no use for it: the host
+// may then take it over instead of copying it.
 void AddOkResult(const boost::shared_ptr<IXml>& parent, const std::string& name,
                  boost::shared_ptr<IXml> doc);
 
