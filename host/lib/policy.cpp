@@ -12,6 +12,7 @@
 #include "host/log.h"
 #include "host/policy_manager.h"
 #include "getter_table.h"
+#include "kernel_int.h"
 #include "settings_db.h"
 
 namespace {
@@ -38,20 +39,6 @@ boost::shared_ptr<IXml> PolicyXml(const IPolicy& policy) {
   return doc;
 }
 
-// A kernel value that is not a whole decimal number (surrounding blanks
-// allowed) reaches the kernel as 0, the "off" of every kernel policy, rather
-// than as whatever prefix happened to parse.
-int KernelInt(const std::string& text) {
-  const char* begin = text.c_str();
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(begin, &end, 10);
-  if (end == begin || errno == ERANGE || value < INT_MIN || value > INT_MAX) {
-    return 0;
-  }
-  while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r') ++end;
-  return *end == '\0' ? static_cast<int>(value) : 0;
-}
 
 // The source stored by the manager's last SavePolicies; "" when none was
 // stored or the database cannot be read (the caller keeps its default).
@@ -206,7 +193,7 @@ std::string KernelPolicy::ValueNodeName() const { return "type"; }
 boost::shared_ptr<IXml> KernelPolicy::GetXml() { return PolicyXml(*this); }
 
 bool KernelPolicy::Apply() {
-  ApplyKernelValue(KernelInt(Value()));
+  ApplyKernelValue(kxhost::KernelInt(Value()));
   // Lowered only after the kernel took the value: a throwing application
   // stays pending and is retried by the next ApplyPolicies.
   changed_ = false;
@@ -251,7 +238,7 @@ void KernelPolicy::Init() {
   // A subclass that refuses the value may set another one here (hard mode
   // falling back); that leaves the changed flag up so that the next
   // ApplyPolicies stores what the kernel really got.
-  ApplyKernelValue(KernelInt(value_));
+  ApplyKernelValue(kxhost::KernelInt(value_));
 }
 
 std::string KernelPolicy::DbPolicyName() const { return Name(); }
@@ -259,3 +246,19 @@ std::string KernelPolicy::DbPolicyName() const { return Name(); }
 int KernelPolicy::LogId() const { return log_id_; }
 
 std::string KernelPolicy::Plugin() const { return plugin_; }
+
+namespace kxhost {
+
+int KernelInt(const std::string& text) {
+  const char* begin = text.c_str();
+  char* end = nullptr;
+  errno = 0;
+  const long value = std::strtol(begin, &end, 10);
+  if (end == begin || errno == ERANGE || value < INT_MIN || value > INT_MAX) {
+    return 0;
+  }
+  while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r') ++end;
+  return *end == '\0' ? static_cast<int>(value) : 0;
+}
+
+}  // namespace kxhost

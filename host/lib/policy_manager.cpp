@@ -14,6 +14,7 @@
 
 #include "host/log.h"
 #include "getter_table.h"
+#include "kernel_int.h"
 #include "policy_documents.h"
 #include "settings_db.h"
 
@@ -29,19 +30,6 @@ constexpr const char* kSourceTable = "conf.kxhost_policy_source";
   log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format, \
               (LogId() << 24) | (priority), Plugin().c_str(), ##__VA_ARGS__)
 
-// The integer a kernel policy hands to the kernel (KernelPolicy::Apply
-// parses the same way): a whole decimal number, else 0.
-sqlite3_int64 KernelInt(const std::string& text) {
-  const char* begin = text.c_str();
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(begin, &end, 10);
-  if (end == begin || errno == ERANGE || value < INT_MIN || value > INT_MAX) {
-    return 0;
-  }
-  while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r') ++end;
-  return *end == '\0' ? value : 0;
-}
 
 // One bound parameter: text or integer. Values never enter the SQL text.
 struct Bound {
@@ -97,7 +85,7 @@ bool SaveOne(sqlite3* db, const std::string& plugin, const IPolicy& policy,
            Run(db,
                "INSERT INTO " + getter->Table() + " (" + getter->KeyColumn() +
                    ", " + getter->ValueColumn() + ") VALUES (?1, ?2)",
-               {Text(key), Int(KernelInt(kernel->Value()))}, error);
+               {Text(key), Int(kxhost::KernelInt(kernel->Value()))}, error);
     }
   }
   const std::string name = policy.Name();
