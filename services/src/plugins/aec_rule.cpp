@@ -145,7 +145,11 @@ bool AecRule::Delete(const std::string& name) {
 }
 
 bool AecRule::IsValidName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." &&
+  // A name too long for a file name would make every look-up throw and one
+  // such rule fail a whole rule set at write time; it is refused up front
+  // like any other name that cannot be a file.
+  return !name.empty() && name.size() <= kMaxNameLength && name != "." &&
+         name != ".." &&
          name.find('/') == std::string::npos &&
          name.find('\0') == std::string::npos;
 }

@@ -12,7 +12,7 @@
 //    throw PluginException(error::kInvalidConfig) for a missing key, a flag
 //    that is not "true"/"false"/"1"/"0", malformed JSON, an unreadable file,
 //    or a name that cannot be a file name (empty, ".", "..", holding "/" or
-//    a NUL byte).
+//    a NUL byte, or longer than kMaxNameLength bytes).
 //  - Save throws boost::property_tree::json_parser_error ("write error" and
 //    the path) when the file cannot be replaced; the previous file stays.
 //  - IsExist throws boost::filesystem::filesystem_error on a status error
@@ -23,6 +23,7 @@
 
 #include <boost/property_tree/ptree.hpp>
 #include <boost/shared_ptr.hpp>
+#include <cstddef>
 #include <set>
 #include <string>
 
@@ -70,6 +71,9 @@ class AecRule {
 
   // Whether `name` may become a file name in the rules directory.
   static bool IsValidName(const std::string& name);
+  // The longest name whose files still fit in a directory entry (255
+  // bytes): the writers' temporary ".<name>.conf.XXXXXX" is 13 bytes longer.
+  static constexpr std::size_t kMaxNameLength = 242;
 
  private:
   std::string path_;
