@@ -173,6 +173,14 @@ std::string KernelPolicy::Type() const { return "enum"; }
 std::string KernelPolicy::Value() const { return value_; }
 
 void KernelPolicy::SetValue(const std::string& value) {
+  // A value the policy does not describe would reach the kernel as 0, so a
+  // slip of central management ("on", "true", " 1") would switch control
+  // off without a word. It is refused; the manager logs the refusal.
+  const auto described = ValueDescriptions();
+  if (!described.empty() && described.count(value) == 0) {
+    throw std::invalid_argument("'" + value + "' is not a value of policy '" +
+                                Name() + "'");
+  }
   if (value == value_) return;
   value_ = value;
   changed_ = true;

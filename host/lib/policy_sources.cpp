@@ -41,10 +41,42 @@ std::string StringOr(const boost::property_tree::ptree& tree,
   return found->second.data();
 }
 
+// The length of the well-formed UTF-8 sequence at text[i], or 0.
+std::size_t Utf8Length(const std::string& text, std::size_t i) {
+  const auto byte = [&](std::size_t k) {
+    return static_cast<unsigned char>(text[k]);
+  };
+  const unsigned char lead = byte(i);
+  std::size_t length = 0;
+  unsigned char low = 0x80, high = 0xbf;  // the second byte's range
+  if (lead >= 0xc2 && lead <= 0xdf) {
+    length = 2;
+  } else if (lead >= 0xe0 && lead <= 0xef) {
+    length = 3;
+    if (lead == 0xe0) low = 0xa0;   // no overlong forms
+    if (lead == 0xed) high = 0x9f;  // no surrogates
+  } else if (lead >= 0xf0 && lead <= 0xf4) {
+    length = 4;
+    if (lead == 0xf0) low = 0x90;
+    if (lead == 0xf4) high = 0x8f;  // nothing past U+10FFFF
+  } else {
+    return 0;
+  }
+  if (i + length > text.size()) return 0;
+  if (byte(i + 1) < low || byte(i + 1) > high) return 0;
+  for (std::size_t k = i + 2; k < i + length; ++k) {
+    if (byte(k) < 0x80 || byte(k) > 0xbf) return 0;
+  }
+  return length;
+}
+
 std::string JsonString(const std::string& text) {
+  static const char kHex[] = "0123456789abcdef";
   std::ostringstream out;
   out << '"';
-  for (const char c : text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const unsigned char u = static_cast<unsigned char>(c);
     switch (c) {
       case '"':
         out << "\\\"";
@@ -62,11 +94,18 @@ std::string JsonString(const std::string& text) {
         out << "\\t";
         break;
       default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          static const char kHex[] = "0123456789abcdef";
-          out << "\\u00" << kHex[(c >> 4) & 0xf] << kHex[c & 0xf];
-        } else {
+        if (u < 0x20) {
+          out << "\\u00" << kHex[u >> 4] << kHex[u & 0xf];
+        } else if (u < 0x80) {
           out << c;
+        } else if (const std::size_t length = Utf8Length(text, i)) {
+          out << text.substr(i, length);
+          i += length - 1;
+        } else {
+          // JSON readers refuse a file with a byte that is not UTF-8, and a
+          // record that cannot be read loses every source in it (central
+          // control included). Such a byte is kept as its code point.
+          out << "\\u00" << kHex[u >> 4] << kHex[u & 0xf];
         }
     }
   }

@@ -98,7 +98,9 @@ class KX_HOST_API LocalPolicy : public IPolicy {
 // request getter) and is pushed to the kernel by ApplyKernelValue.
 //
 // Init reads the stored value (a missing row: DefaultValue()) and the stored
-// source, then calls ApplyKernelValue once. Apply calls ApplyKernelValue with
+// source, then calls ApplyKernelValue once. SetValue refuses, with
+// std::invalid_argument, a text that is not a key of ValueDescriptions()
+// (when the policy describes its values). Apply calls ApplyKernelValue with
 // the integer form of Value() (a value that is not a number applies 0) and
 // lowers the changed flag. ResetSource returns to "local" and to the default
 // value. Values are stored by the manager (SavePolicies), not here.

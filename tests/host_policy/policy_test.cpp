@@ -248,15 +248,22 @@ TEST_F(KernelPolicyTest, ApplyPushesTheIntegerAndLowersTheFlag) {
   EXPECT_EQ(policy->applied_, std::vector<int>{1});
 }
 
-TEST_F(KernelPolicyTest, ApplyOfAValueThatIsNotANumberPushesZero) {
+TEST_F(KernelPolicyTest, AValueThePolicyDoesNotDescribeIsRefused) {
+  // Before, such a text reached the kernel as 0: "on" or "true" from central
+  // management switched control off without a word.
   auto policy = Make("p", "0");
-  for (const char* text : {"abc", "1x", "", "99999999999"}) {
-    policy->SetValue(text);
-    policy->Apply();
-  }
-  policy->SetValue(" 7 ");
+  policy->SetValue("1");
   policy->Apply();
-  EXPECT_EQ(policy->applied_, (std::vector<int>{0, 0, 0, 0, 7}));
+  for (const char* text :
+       {"abc", "1x", "", " 1", "1 ", "2", "-1", "99999999999", "true"}) {
+    EXPECT_THROW(policy->SetValue(text), std::invalid_argument) << text;
+    EXPECT_EQ(policy->Value(), "1") << text;
+    EXPECT_FALSE(policy->IsChanged()) << text;
+  }
+  policy->SetValue("0");
+  EXPECT_TRUE(policy->IsChanged());
+  policy->Apply();
+  EXPECT_EQ(policy->applied_, (std::vector<int>{1, 0}));
 }
 
 TEST_F(KernelPolicyTest, AThrowingApplicationKeepsTheChangePending) {
