@@ -32,8 +32,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <initializer_list>
 #include <cerrno>
+#include <initializer_list>
 
 namespace {
 
@@ -85,8 +85,8 @@ bool DescriptorPath(int fd, char* out, size_t size) {
 
 void Report(const char* text) {
   if (g_report[0] == '\0') return;
-  const int fd = open(g_report, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC,
-                      0644);
+  const int fd =
+      open(g_report, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd < 0) return;
   using Write = ssize_t (*)(int, const void*, size_t);
   static const Write real = Next<Write>("write");
@@ -118,8 +118,8 @@ bool FaultFd(const char* call, int fd) {
 
 // Removes `name` and, from LD_PRELOAD, the entry naming this library.
 void Scrub() {
-  for (const char* name : {"KXFAULT_PREFIXES", "KXFAULT_NTH", "KXFAULT_ERRNO",
-                           "KXFAULT_REPORT"}) {
+  for (const char* name :
+       {"KXFAULT_PREFIXES", "KXFAULT_NTH", "KXFAULT_ERRNO", "KXFAULT_REPORT"}) {
     unsetenv(name);
   }
   const char* preload = getenv("LD_PRELOAD");

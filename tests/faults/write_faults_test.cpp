@@ -21,6 +21,7 @@
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <map>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -46,6 +47,12 @@ struct Scenario {
   std::vector<std::string> failure_texts;
 };
 
+// gtest shows a parameter by its name, not by its raw bytes (whose padding
+// is uninitialised memory).
+void PrintTo(const Scenario& scenario, std::ostream* out) {
+  *out << scenario.name;
+}
+
 std::string Rule(const std::string& name, const std::string& resource) {
   return "{\"name\": \"" + name +
          "\", \"all_allowed\": \"false\", \"extended\": \"false\", "
@@ -68,19 +75,18 @@ const std::string kConfig = "/opt/korvex/etc/aec/";
 
 std::vector<Scenario> Scenarios() {
   std::vector<Scenario> all;
-  all.push_back(
-      {"RuleFiles",
-       {kConfig + ".fault-", kConfig + "rules/fault-"},
-       {"etc/aec/rules/fault-a.conf", "etc/aec/rules/fault-b.conf",
-        "etc/aec/rules/fault-c.conf"},
-       {Import(Policy("rules", "local",
-                      "[" + Rule("fault-a", "/usr/bin/a1") + ", " +
-                          Rule("fault-b", "/usr/bin/b1") + "]"))},
-       {Import(Policy("rules", "local",
-                      "[" + Rule("fault-a", "/usr/bin/a2") + ", " +
-                          Rule("fault-b", "/usr/bin/b2") + ", " +
-                          Rule("fault-c", "/usr/bin/c2") + "]"))},
-       {"policy 'rules' failed to apply", "write error"}});
+  all.push_back({"RuleFiles",
+                 {kConfig + ".fault-", kConfig + "rules/fault-"},
+                 {"etc/aec/rules/fault-a.conf", "etc/aec/rules/fault-b.conf",
+                  "etc/aec/rules/fault-c.conf"},
+                 {Import(Policy("rules", "local",
+                                "[" + Rule("fault-a", "/usr/bin/a1") + ", " +
+                                    Rule("fault-b", "/usr/bin/b1") + "]"))},
+                 {Import(Policy("rules", "local",
+                                "[" + Rule("fault-a", "/usr/bin/a2") + ", " +
+                                    Rule("fault-b", "/usr/bin/b2") + ", " +
+                                    Rule("fault-c", "/usr/bin/c2") + "]"))},
+                 {"policy 'rules' failed to apply", "write error"}});
   all.push_back(
       {"Whitelist",
        {kConfig + ".white-list.config", kConfig + "white-list.config"},
@@ -113,12 +119,13 @@ std::vector<Scenario> Scenarios() {
   const std::string soft = Import(Policy("state", "local", "\"1\"") + ", " +
                                   Policy("mode", "local", "\"0\""));
   const std::string hard = Import(Policy("mode", "local", "\"1\""));
-  all.push_back({"ConfirmationState",
-                 {"/opt/korvex/var/.aec_confirm.", "/opt/korvex/var/aec_confirm"},
-                 {"var/aec_confirm"},
-                 {soft},
-                 {soft, hard},
-                 {"cannot write /opt/korvex/var/aec_confirm"}});
+  all.push_back(
+      {"ConfirmationState",
+       {"/opt/korvex/var/.aec_confirm.", "/opt/korvex/var/aec_confirm"},
+       {"var/aec_confirm"},
+       {soft},
+       {soft, hard},
+       {"cannot write /opt/korvex/var/aec_confirm"}});
   all.push_back({"ConfirmationWarning",
                  {"/opt/korvex/var/tmp/.aec_confirm_warning",
                   "/opt/korvex/var/tmp/pam_messages/aec_confirm_warning"},
@@ -129,8 +136,8 @@ std::vector<Scenario> Scenarios() {
   return all;
 }
 
-std::map<std::string, std::string> Contents(const std::string& root,
-                                            const std::vector<std::string>& files) {
+std::map<std::string, std::string> Contents(
+    const std::string& root, const std::vector<std::string>& files) {
   std::map<std::string, std::string> contents;
   for (const auto& file : files) {
     contents[file] = kxharness::ReadFileOr(root + "/" + file, kAbsent);
@@ -171,8 +178,8 @@ class WriteFaults : public ::testing::TestWithParam<Scenario> {
                                const std::vector<std::string>& documents,
                                const std::string& tag,
                                const std::map<std::string, std::string>& env) {
-    std::vector<std::string> args = {"--root", root, "--plugin",
-                                     KX_PLUGIN_PATH, "-v"};
+    std::vector<std::string> args = {"--root", root, "--plugin", KX_PLUGIN_PATH,
+                                     "-v"};
     for (std::size_t i = 0; i < documents.size(); ++i) {
       const std::string file =
           work_ + "/" + tag + "-" + std::to_string(i) + ".json";
@@ -222,8 +229,8 @@ TEST_P(WriteFaults, EveryFailingCallKeepsOldOrNewContentAndIsReported) {
   const std::string counted = work_ + "/counted";
   kxharness::CopyTree(base_, counted);
   const std::string count_report = work_ + "/count.report";
-  const auto clean = Run(counted, scenario.change, "change",
-                         FaultEnv(0, 0, count_report));
+  const auto clean =
+      Run(counted, scenario.change, "change", FaultEnv(0, 0, count_report));
   ASSERT_EQ(clean.exit_code, 0) << clean.err;
   ASSERT_FALSE(Logged(clean.err, scenario.failure_texts)) << clean.err;
   const auto new_contents = Contents(counted, scenario.watched);
@@ -257,7 +264,8 @@ TEST_P(WriteFaults, EveryFailingCallKeepsOldOrNewContentAndIsReported) {
       const std::string what = kxharness::ReadFileOr(report, "");
       ASSERT_NE(what.find("failed " + std::to_string(nth) + " "),
                 std::string::npos)
-          << "the fault did not fire:\n" << what;
+          << "the fault did not fire:\n"
+          << what;
       EXPECT_LT(faulted.exit_code, 128) << faulted.err;
 
       const auto now = Contents(root, scenario.watched);
@@ -270,16 +278,16 @@ TEST_P(WriteFaults, EveryFailingCallKeepsOldOrNewContentAndIsReported) {
         all_new = all_new && now.at(file) == new_contents.at(file);
         all_old = all_old && now.at(file) == old_contents.at(file);
       }
-      const bool rename_failed =
-          what.find("failed " + std::to_string(nth) + " rename") !=
-          std::string::npos;
+      const bool rename_failed = what.find("failed " + std::to_string(nth) +
+                                           " rename") != std::string::npos;
       EXPECT_TRUE(all_new || all_old || rename_failed)
           << "files changed partly although no rename failed";
       EXPECT_EQ(Logged(faulted.err, scenario.failure_texts), !all_new)
           << (all_new ? "a failure was reported although the new content "
                         "is in place"
                       : "the failure was not reported as expected")
-          << "\n" << faulted.err;
+          << "\n"
+          << faulted.err;
       EXPECT_EQ(Leftovers(root), std::vector<std::string>());
 
       // The next write succeeds.
@@ -291,10 +299,9 @@ TEST_P(WriteFaults, EveryFailingCallKeepsOldOrNewContentAndIsReported) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, WriteFaults, ::testing::ValuesIn(Scenarios()),
-    [](const ::testing::TestParamInfo<Scenario>& param) {
-      return param.param.name;
-    });
+INSTANTIATE_TEST_SUITE_P(Files, WriteFaults, ::testing::ValuesIn(Scenarios()),
+                         [](const ::testing::TestParamInfo<Scenario>& param) {
+                           return param.param.name;
+                         });
 
 }  // namespace

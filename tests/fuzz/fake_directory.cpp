@@ -24,8 +24,8 @@ struct Entry {
 };
 
 const Entry kEntries[8] = {
-    {"alice", true, false}, {"bob", true, false},  {"carol", true, false},
-    {"dave", true, false},  {"devs", false, true}, {"ops", false, true},
+    {"alice", true, false}, {"bob", true, false},      {"carol", true, false},
+    {"dave", true, false},  {"devs", false, true},     {"ops", false, true},
     {"qa", false, true},    {"printer", false, false},
 };
 
@@ -33,7 +33,9 @@ const Entry kEntries[8] = {
 
 KXLdap::KXLdap(const std::string& user, const std::string& password,
                int storage_type, const std::string& port)
-    : user_(user), password_(password), storage_type_(storage_type),
+    : user_(user),
+      password_(password),
+      storage_type_(storage_type),
       port_(port) {}
 
 KXLdap::~KXLdap() = default;

@@ -88,8 +88,8 @@ void Violation(const char* file, int line, const std::string& what) {
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                      0644);
+  const int fd =
+      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) Die("open " + path);
   std::size_t done = 0;
   while (done < content.size()) {
@@ -204,8 +204,8 @@ void ReexecWithNssWrapper() {
   // The sanitizer runtime can neither come after a preloaded library nor
   // serve a libc opened with RTLD_DEEPBIND.
   setenv("NSS_WRAPPER_DISABLE_DEEPBIND", "1", 1);
-  std::string asan = std::getenv("ASAN_OPTIONS") ? std::getenv("ASAN_OPTIONS")
-                                                 : "";
+  std::string asan =
+      std::getenv("ASAN_OPTIONS") ? std::getenv("ASAN_OPTIONS") : "";
   asan += (asan.empty() ? "" : ":") + std::string("verify_asan_link_order=0");
   setenv("ASAN_OPTIONS", asan.c_str(), 1);
   setenv("LD_PRELOAD", library.c_str(), 1);

@@ -19,9 +19,10 @@ namespace kxfuzz {
 
 // A property that must hold for every input; a violation is reported like a
 // crash, with the input saved by libFuzzer.
-[[noreturn]] void Violation(const char* file, int line, const std::string& what);
-#define KXFUZZ_CHECK(condition, what)                                 \
-  do {                                                                \
+[[noreturn]] void Violation(const char* file, int line,
+                            const std::string& what);
+#define KXFUZZ_CHECK(condition, what)                                  \
+  do {                                                                 \
     if (!(condition)) ::kxfuzz::Violation(__FILE__, __LINE__, (what)); \
   } while (0)
 

@@ -87,8 +87,8 @@ void CheckDisk() {
   try {
     AecPluginPolicy restarted;
   } catch (const std::exception& e) {
-    KXFUZZ_CHECK(false, std::string("the plug-in could not start again: ") +
-                            e.what());
+    KXFUZZ_CHECK(false,
+                 std::string("the plug-in could not start again: ") + e.what());
   }
 }
 

@@ -22,28 +22,52 @@ namespace pt = boost::property_tree;
 
 namespace {
 
-const char* const kCommands[] = {
-    "reset_policies", "reset_policy", "get",  "add",
-    "edit",           "remove",       "export", "log",
-    "loglist",        "reload",       "confirm_hard_mode",
-    "status_confirmation"};
+const char* const kCommands[] = {"reset_policies",
+                                 "reset_policy",
+                                 "get",
+                                 "add",
+                                 "edit",
+                                 "remove",
+                                 "export",
+                                 "log",
+                                 "loglist",
+                                 "reload",
+                                 "confirm_hard_mode",
+                                 "status_confirmation"};
 
 const char* const kAttributes[] = {
-    "rule_resource", "whitelist", "resource-exception", "all_rules",
-    "name",          "file",      "state",              "rename",
-    "recursive",     "no-depend", "disable",            "extended",
+    "rule_resource", "whitelist",    "resource-exception",
+    "all_rules",     "name",         "file",
+    "state",         "rename",       "recursive",
+    "no-depend",     "disable",      "extended",
     "all-users",     "resource-file"};
 
-const char* const kElements[] = {
-    "rule",     "whitelist", "resource-exception", "add",      "remove",
-    "update",   "u",         "g",                  "r",        "name",
-    "source",   "execfile",  "user",               "group",    "users",
-    "groups",   "execfiles", "inittime",           "finaltime",
-    "operationresult", "openfiles"};
+const char* const kElements[] = {"rule",
+                                 "whitelist",
+                                 "resource-exception",
+                                 "add",
+                                 "remove",
+                                 "update",
+                                 "u",
+                                 "g",
+                                 "r",
+                                 "name",
+                                 "source",
+                                 "execfile",
+                                 "user",
+                                 "group",
+                                 "users",
+                                 "groups",
+                                 "execfiles",
+                                 "inittime",
+                                 "finaltime",
+                                 "operationresult",
+                                 "openfiles"};
 
-const char* const kWords[] = {"1", "0", "true", "", "all", "success",
-                              "r1", "/usr/bin/make", "dorvi", "local",
-                              "1795219200", "x'", ".."};
+const char* const kWords[] = {"1",     "0",       "true",       "",
+                              "all",   "success", "r1",         "/usr/bin/make",
+                              "dorvi", "local",   "1795219200", "x'",
+                              ".."};
 
 std::string Value(FuzzedDataProvider& input) {
   if (input.ConsumeBool()) return input.PickValueInArray(kWords);
@@ -105,9 +129,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
 
   // The tool's answer: a known code or any, lines of any length (4096 and
   // more is the driver's length error), the last one maybe unterminated.
-  const int code = input.ConsumeBool()
-                       ? input.ConsumeIntegralInRange(0, 26)
-                       : input.ConsumeIntegral<int>();
+  const int code = input.ConsumeBool() ? input.ConsumeIntegralInRange(0, 26)
+                                       : input.ConsumeIntegral<int>();
   std::string output;
   const int lines = input.ConsumeIntegralInRange(0, 3);
   for (int i = 0; i < lines; ++i) {

@@ -8,7 +8,8 @@
 //    the reader refuses);
 //  - when every text in it is ASCII, what reads back equals it, from the
 //    JSON text and from the file that Save wrote (the writer escapes other
-//    bytes as \u00XX, which reads back as a different UTF-8 text: docs/rules.md);
+//    bytes as \u00XX, which reads back as a different UTF-8 text:
+//    docs/rules.md);
 //  - Save writes the rule's own file in the rules directory and nothing
 //    else, and Delete removes it.
 #include <dirent.h>

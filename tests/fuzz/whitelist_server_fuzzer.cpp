@@ -72,8 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
                  "the whitelist holds a name with no local account");
     if (text.find("*S-") == std::string::npos) {
       KXFUZZ_CHECK(policy.Pending().users.empty() &&
-                       policy.Pending().groups.empty() &&
-                       !policy.IsChanged(),
+                       policy.Pending().groups.empty() && !policy.IsChanged(),
                    "a text without SIDs changed the whitelist");
     }
     KXFUZZ_CHECK(before.users.empty() && before.groups.empty(),

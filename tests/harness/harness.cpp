@@ -83,7 +83,8 @@ ProgramResult RunKxhost(const std::vector<std::string>& args,
   close(in[0]);
   close(out[1]);
   close(err[1]);
-  struct sigaction ignore {}, previous {};
+  struct sigaction ignore {
+  }, previous{};
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &ignore, &previous);
 

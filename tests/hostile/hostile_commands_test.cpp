@@ -30,9 +30,10 @@ namespace pt = boost::property_tree;
 
 // The words the plug-in itself puts on the tool's command lines.
 const std::set<std::string> kToolWords = {
-    "add", "rm", "update", "enable", "disable", "rename", "export", "reload",
-    "restart", "-C", "-v", "-n", "-u", "-g", "-r", "-f", "-R", "-d", "-D",
-    "-X", "-a", "-A", "-N", "-w", "r1"};
+    "add",    "rm",      "update", "enable", "disable", "rename", "export",
+    "reload", "restart", "-C",     "-v",     "-n",      "-u",     "-g",
+    "-r",     "-f",      "-R",     "-d",     "-D",      "-X",     "-a",
+    "-A",     "-N",      "-w",     "r1"};
 
 struct Step {
   std::string command;  // as the reply names it
@@ -74,51 +75,52 @@ TEST_P(HostileCommands, CommandsPassTheValueOnAsOneArgumentAndExplainFailures) {
   const std::vector<Step> steps = {
       {"get",
        "<request command=\"get\" whitelist=\"1\" resource-exception=\"1\" "
-       "rule_resource=\"1\"><rule>" + e + "</rule></request>"},
-      {"add",
-       "<request command=\"add\"><rule name=\"" + a + "\" resource-file=\"" +
-           a + "\"><u>" + e + "</u><g>" + e + "</g><r>" + e +
-           "</r></rule><whitelist><u>" + e + "</u><g>" + e +
-           "</g></whitelist><resource-exception><r>" + e +
-           "</r></resource-exception></request>"},
-      {"edit",
-       "<request command=\"edit\"><rule name=\"r1\" rename=\"" + a +
-           "\" state=\"0\"><add><u>" + e + "</u><r>" + e +
-           "</r></add><remove><g>" + e + "</g></remove><update><r>" + e +
-           "</r></update></rule></request>"},
+       "rule_resource=\"1\"><rule>" +
+           e + "</rule></request>"},
+      {"add", "<request command=\"add\"><rule name=\"" + a +
+                  "\" resource-file=\"" + a + "\"><u>" + e + "</u><g>" + e +
+                  "</g><r>" + e + "</r></rule><whitelist><u>" + e + "</u><g>" +
+                  e + "</g></whitelist><resource-exception><r>" + e +
+                  "</r></resource-exception></request>"},
+      {"edit", "<request command=\"edit\"><rule name=\"r1\" rename=\"" + a +
+                   "\" state=\"0\"><add><u>" + e + "</u><r>" + e +
+                   "</r></add><remove><g>" + e + "</g></remove><update><r>" +
+                   e + "</r></update></rule></request>"},
       {"edit", "<request command=\"edit\"><rule name=\"" + a +
                    "\" state=\"1\"/></request>"},
-      {"remove",
-       "<request command=\"remove\"><rule><name>" + e +
-           "</name></rule><whitelist><u>" + e + "</u><g>" + e +
-           "</g></whitelist><resource-exception><r>" + e +
-           "</r></resource-exception></request>"},
-      {"export", "<request command=\"export\" name=\"" + a + "\" file=\"" + a +
-                     "\"/>"},
+      {"remove", "<request command=\"remove\"><rule><name>" + e +
+                     "</name></rule><whitelist><u>" + e + "</u><g>" + e +
+                     "</g></whitelist><resource-exception><r>" + e +
+                     "</r></resource-exception></request>"},
+      {"export",
+       "<request command=\"export\" name=\"" + a + "\" file=\"" + a + "\"/>"},
       {"reload", "<request command=\"reload\" name=\"" + a + "\"><rule>" + e +
                      "</rule></request>"},
       {"log", "<request command=\"log\"><execfile>" + e +
                   "</execfile><openfiles>1</openfiles></request>"},
       {"log", "<request command=\"log\"><user>" + e + "</user></request>"},
       {"log", "<request command=\"log\"><group>" + e + "</group></request>"},
-      {"log", "<request command=\"log\"><inittime>" + e +
-                  "</inittime></request>"},
-      {"log", "<request command=\"log\"><finaltime>" + e +
-                  "</finaltime></request>"},
+      {"log",
+       "<request command=\"log\"><inittime>" + e + "</inittime></request>"},
+      {"log",
+       "<request command=\"log\"><finaltime>" + e + "</finaltime></request>"},
       {"log", "<request command=\"log\"><operationresult>" + e +
                   "</operationresult></request>"},
-      {"loglist", "<request command=\"loglist\"><users>1</users><groups>1"
-                  "</groups><execfiles>1</execfiles><inittime>" + e +
-                      "</inittime></request>"},
+      {"loglist",
+       "<request command=\"loglist\"><users>1</users><groups>1"
+       "</groups><execfiles>1</execfiles><inittime>" +
+           e + "</inittime></request>"},
       {"loglist", "<request command=\"loglist\"><users>1</users><finaltime>" +
                       e + "</finaltime></request>"},
-      {"loglist", "<request command=\"loglist\"><execfiles>1</execfiles>"
-                  "<operationresult>" + e + "</operationresult></request>"},
+      {"loglist",
+       "<request command=\"loglist\"><execfiles>1</execfiles>"
+       "<operationresult>" +
+           e + "</operationresult></request>"},
       {"confirm_hard_mode", "<request command=\"confirm_hard_mode\" name=\"" +
                                 a + "\"><source>" + e + "</source></request>"},
       {"status_confirmation",
-       "<request command=\"status_confirmation\" name=\"" + a +
-           "\"><source>" + e + "</source></request>"},
+       "<request command=\"status_confirmation\" name=\"" + a + "\"><source>" +
+           e + "</source></request>"},
       {"reset_policies", "<request command=\"reset_policies\"><source>" + e +
                              "</source></request>"},
   };

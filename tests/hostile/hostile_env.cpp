@@ -111,8 +111,8 @@ ReadBack HostileTest::Read() const {
   ReadBack back;
   const std::string escaped = XmlEscape(value_);
   try {
-    const auto doc = kxhost::ParseXml("<p a=\"" + escaped + "\"><e>" +
-                                      escaped + "</e></p>");
+    const auto doc =
+        kxhost::ParseXml("<p a=\"" + escaped + "\"><e>" + escaped + "</e></p>");
     std::unique_ptr<char[]> attribute(doc->GetAttribute("a"));
     std::unique_ptr<char[]> element(doc->GetParam("e"));
     back.attribute = attribute ? attribute.get() : "";
@@ -195,12 +195,12 @@ void HostileTest::ExpectNoSideEffects(bool config_may_change) {
     EXPECT_TRUE(tool || reload) << "a program was started: " << start;
   }
   EXPECT_FALSE(kxtest::Exists(marker_)) << "a payload ran: " << marker_;
-  EXPECT_EQ(kxharness::Differences(outside_before_,
-                                   kxharness::Snapshot(outside_)),
-            std::vector<std::string>())
+  EXPECT_EQ(
+      kxharness::Differences(outside_before_, kxharness::Snapshot(outside_)),
+      std::vector<std::string>())
       << "something outside the install root changed";
-  EXPECT_EQ(kxharness::Sha256(kxharness::ReadFileOr(root_ + "/" + kJournal,
-                                                    "<missing>")),
+  EXPECT_EQ(kxharness::Sha256(
+                kxharness::ReadFileOr(root_ + "/" + kJournal, "<missing>")),
             journal_before_)
       << "the audit journal changed";
   for (const std::string& change :

@@ -38,10 +38,14 @@ namespace {
 
 namespace pt = boost::property_tree;
 
-const char* const kKernelPolicies[] = {
-    "state",            "mode",              "log_perm_exec",
-    "log_deny_exec",    "log_perm_openlib",  "log_deny_openlib",
-    "log_perm_openfile", "log_deny_openfile"};
+const char* const kKernelPolicies[] = {"state",
+                                       "mode",
+                                       "log_perm_exec",
+                                       "log_deny_exec",
+                                       "log_perm_openlib",
+                                       "log_deny_openlib",
+                                       "log_perm_openfile",
+                                       "log_deny_openfile"};
 
 // The fixed words the policies' tool runs carry.
 const std::set<std::string> kToolWords = {"reload", "restart", "-C", "-v",
@@ -90,23 +94,31 @@ TEST_P(HostilePolicies, PoliciesRefuseOrKeepTheValueAsDataAndNothingElse) {
   kernel += "</policies>";
   const std::string data =
       "<policies><policy group=\"aec\" name=\"whitelist\" source=\"local\">"
-      "<value>" + x + "</value></policy>"
+      "<value>" +
+      x +
+      "</value></policy>"
       "<policy group=\"aec\" name=\"exceptions\" source=\"local\"><value><r>" +
-      x + "</r></value></policy>"
+      x +
+      "</r></value></policy>"
       "<policy group=\"aec\" name=\"rules\" source=\"local\"><value>" +
       RuleXml(x, x) + RuleXml("r2", x) + "</value></policy></policies>";
   const std::string sources =
       "<policies><policy group=\"aec\" name=\"exceptions\" source=\"" + x +
       "\"><value><r>/opt/from-a-source</r></value></policy>"
-      "<policy group=\"aec\" name=\"rules\" source=\"" + x + "\"><value>" +
-      RuleXml("r3", "/usr/bin/r3") + "</value></policy></policies>";
+      "<policy group=\"aec\" name=\"rules\" source=\"" +
+      x + "\"><value>" + RuleXml("r3", "/usr/bin/r3") +
+      "</value></policy></policies>";
   const std::string import =
       "{\"policies\": ["
-      "{\"group\": \"aec\", \"name\": \"state\", \"value\": " + j + "},"
+      "{\"group\": \"aec\", \"name\": \"state\", \"value\": " +
+      j +
+      "},"
       "{\"group\": \"aec\", \"name\": \"whitelist\", \"value\": ["
-      "{\"name\": " + j + ", \"type\": \"user\"}, {\"name\": " + j +
+      "{\"name\": " +
+      j + ", \"type\": \"user\"}, {\"name\": " + j +
       ", \"type\": \"group\"}]},"
-      "{\"group\": \"aec\", \"name\": \"exceptions\", \"value\": [" + j +
+      "{\"group\": \"aec\", \"name\": \"exceptions\", \"value\": [" +
+      j +
       "]},"
       "{\"group\": \"aec\", \"name\": \"rules\", \"value\": [" +
       RuleJson(j, j) + "]}]}";
@@ -139,8 +151,9 @@ TEST_P(HostilePolicies, PoliciesRefuseOrKeepTheValueAsDataAndNothingElse) {
     } catch (const pt::json_parser_error&) {
     }
   }
-  const std::string sysctl_before = kxharness::ReadFileOr(
-      root_ + "/var/run/sysctl/korvex/secure/environment", "<none>") +
+  const std::string sysctl_before =
+      kxharness::ReadFileOr(root_ + "/var/run/sysctl/korvex/secure/environment",
+                            "<none>") +
       kxharness::ReadFileOr(
           root_ + "/var/run/sysctl/korvex/secure/secenv_verbose", "<none>");
   steps.insert(steps.end(), {"exec", StepFile(get), "policies"});
@@ -149,26 +162,27 @@ TEST_P(HostilePolicies, PoliciesRefuseOrKeepTheValueAsDataAndNothingElse) {
 
   if (kernel_sent) {
     for (const char* name : kKernelPolicies) {
-      EXPECT_NE(run.err.find("policy '" + std::string(name) +
-                             "' rejected its value"),
-                std::string::npos)
-          << name << "\n" << run.err;
+      EXPECT_NE(
+          run.err.find("policy '" + std::string(name) + "' rejected its value"),
+          std::string::npos)
+          << name << "\n"
+          << run.err;
     }
     EXPECT_EQ(run.exit_code, 1) << "set-policies must report the refusal";
   }
-  EXPECT_EQ(kxharness::ReadFileOr(
-                root_ + "/var/run/sysctl/korvex/secure/environment",
-                "<none>") +
-                kxharness::ReadFileOr(
-                    root_ + "/var/run/sysctl/korvex/secure/secenv_verbose",
-                    "<none>"),
-            sysctl_before)
+  EXPECT_EQ(
+      kxharness::ReadFileOr(root_ + "/var/run/sysctl/korvex/secure/environment",
+                            "<none>") +
+          kxharness::ReadFileOr(
+              root_ + "/var/run/sysctl/korvex/secure/secenv_verbose", "<none>"),
+      sysctl_before)
       << "a kernel parameter changed";
 
   // Rule files: direct children that read back; a refused name is logged
   // by the rule reader.
   const std::string rules = root_ + "/etc/aec/rules";
-  for (const auto& entry : boost::filesystem::recursive_directory_iterator(rules)) {
+  for (const auto& entry :
+       boost::filesystem::recursive_directory_iterator(rules)) {
     const std::string path = entry.path().string();
     EXPECT_EQ(entry.path().parent_path().string(), rules) << path;
     try {
@@ -189,12 +203,13 @@ TEST_P(HostilePolicies, PoliciesRefuseOrKeepTheValueAsDataAndNothingElse) {
   // The tool never saw the value.
   for (const auto& call : ToolCalls()) {
     for (const std::string& arg : call) {
-      EXPECT_TRUE(kToolWords.count(arg) != 0) << "tool argument '" << arg << "'";
+      EXPECT_TRUE(kToolWords.count(arg) != 0)
+          << "tool argument '" << arg << "'";
     }
   }
 
-  for (const char* file :
-       {"white-list.config", "resource-exception.conf", "policy-sources.conf"}) {
+  for (const char* file : {"white-list.config", "resource-exception.conf",
+                           "policy-sources.conf"}) {
     EXPECT_TRUE(ReadsAsJson(root_ + "/etc/aec/" + file))
         << file << ":\n"
         << kxharness::ReadFileOr(root_ + "/etc/aec/" + file, "");

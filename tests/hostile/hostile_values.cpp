@@ -2,6 +2,10 @@
 
 namespace hostile {
 
+void PrintTo(const HostileValue& value, std::ostream* out) {
+  *out << value.label;
+}
+
 const std::vector<HostileValue>& HostileValues() {
   using namespace std::string_literals;
   static const std::vector<HostileValue> values = {
@@ -30,7 +34,11 @@ const std::vector<HostileValue>& HostileValues() {
       {"Newline", "x\ntouch @M@"},
       {"CarriageReturnNewline", "x\r\ntouch @M@"},
       {"Tab", "\t"},
-      {"EscapeSequence", "\x1b[31m" "red" "\x1b[0m" "\x07"},
+      {"EscapeSequence",
+       "\x1b[31m"
+       "red"
+       "\x1b[0m"
+       "\x07"},
       {"ControlBytes", "\x01\x02\x7f"},
       {"EmbeddedNul", "abc\0; touch @M@"s},
       {"OnlyNul", "\0"s},
@@ -58,15 +66,29 @@ const std::vector<HostileValue>& HostileValues() {
       {"Long5000", std::string(5000, 'A')},
       {"Long70000", std::string(70000, 'B')},
       {"LongSlashes", std::string(3000, '/')},
-      {"LongLineForTheToolOutput", std::string(5000, 'x') + "\n" +
-                                       std::string(10, 'y')},
+      {"LongLineForTheToolOutput",
+       std::string(5000, 'x') + "\n" + std::string(10, 'y')},
       // Encodings.
       {"InvalidUtf8", "\xff\xfe\xfd"s},
-      {"OverlongSlash", "\xc0\xaf" ".." "\xc0\xaf"},
+      {"OverlongSlash",
+       "\xc0\xaf"
+       ".."
+       "\xc0\xaf"},
       {"LoneSurrogate", "\xed\xa0\x80"},
-      {"TruncatedSequence", "abc" "\xc3"},
-      {"ValidNonAscii", "\xc3\xbc" "n" "\xc3\xaf" "c" "\xc3\xb6" "d" "\xc3\xa9"},
-      {"RightToLeftOverride", "\xe2\x80\xae" "exe.txt"},
+      {"TruncatedSequence",
+       "abc"
+       "\xc3"},
+      {"ValidNonAscii",
+       "\xc3\xbc"
+       "n"
+       "\xc3\xaf"
+       "c"
+       "\xc3\xb6"
+       "d"
+       "\xc3\xa9"},
+      {"RightToLeftOverride",
+       "\xe2\x80\xae"
+       "exe.txt"},
       // SQL against the audit journal.
       {"SqlTautology", "' OR '1'='1"},
       {"SqlDelete", "x'; DELETE FROM logs; --"},

@@ -1,6 +1,7 @@
 // The hostile values every command and policy is fed with.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,9 @@ struct HostileValue {
   std::string text;   // may hold "@M@" (a marker file a payload would make)
                       // and "@D@" (a watched directory outside the root)
 };
+
+// gtest shows a value by its label, not by its raw bytes.
+void PrintTo(const HostileValue& value, std::ostream* out);
 
 // At least 50 values: shell metacharacters and quoting, line breaks, NUL
 // bytes, "../" and absolute paths, option-like words, very long values,

@@ -152,9 +152,8 @@ int posix_spawn(pid_t* pid, const char* path,
                 char* const envp[]) {
   Record("posix_spawn", path);
   return Next<int (*)(pid_t*, const char*, const posix_spawn_file_actions_t*,
-                      const posix_spawnattr_t*, char* const[],
-                      char* const[])>("posix_spawn")(pid, path, actions,
-                                                     attributes, argv, envp);
+                      const posix_spawnattr_t*, char* const[], char* const[])>(
+      "posix_spawn")(pid, path, actions, attributes, argv, envp);
 }
 
 int posix_spawnp(pid_t* pid, const char* file,
@@ -163,9 +162,8 @@ int posix_spawnp(pid_t* pid, const char* file,
                  char* const envp[]) {
   Record("posix_spawnp", file);
   return Next<int (*)(pid_t*, const char*, const posix_spawn_file_actions_t*,
-                      const posix_spawnattr_t*, char* const[],
-                      char* const[])>("posix_spawnp")(pid, file, actions,
-                                                      attributes, argv, envp);
+                      const posix_spawnattr_t*, char* const[], char* const[])>(
+      "posix_spawnp")(pid, file, actions, attributes, argv, envp);
 }
 
 int system(const char* command) {

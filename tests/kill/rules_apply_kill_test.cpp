@@ -21,10 +21,10 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <map>
@@ -46,7 +46,7 @@ constexpr int kRules = 1000;
 constexpr int kKills = 100;
 
 struct RuleSet {
-  std::string json;                    // the import document
+  std::string json;                        // the import document
   std::map<std::string, pt::ptree> rules;  // name -> rule object
 };
 
@@ -167,8 +167,9 @@ class RulesApplyKill : public ::testing::Test {
   }
 
   std::vector<std::string> Args(int which) const {
-    return {"--root", root_, "--plugin", KX_PLUGIN_PATH, "import-policies",
-            documents_[which]};
+    return {"--root",          root_,
+            "--plugin",        KX_PLUGIN_PATH,
+            "import-policies", documents_[which]};
   }
 
   // Checks every rule file against the two sets: one of its versions, or
@@ -242,7 +243,8 @@ class RulesApplyKill : public ::testing::Test {
   std::string documents_[2];
 };
 
-TEST_F(RulesApplyKill, KilledAppliesLeaveOldOrNewRulesAndTheNextApplyConverges) {
+TEST_F(RulesApplyKill,
+       KilledAppliesLeaveOldOrNewRulesAndTheNextApplyConverges) {
   unsigned seed = static_cast<unsigned>(std::random_device{}());
   if (const char* given = std::getenv("KX_KILL_SEED")) {
     seed = static_cast<unsigned>(std::strtoul(given, nullptr, 10));
@@ -264,9 +266,10 @@ TEST_F(RulesApplyKill, KilledAppliesLeaveOldOrNewRulesAndTheNextApplyConverges) 
   ASSERT_EQ(holds, 1);
   const long long run_us = std::max(first.run_us, second.run_us);
   const long long write_us = std::max(first.write_us, second.write_us);
-  std::printf("a whole apply of %d rules takes %lld ms, %lld ms of it "
-              "writing\n",
-              kRules, run_us / 1000, write_us / 1000);
+  std::printf(
+      "a whole apply of %d rules takes %lld ms, %lld ms of it "
+      "writing\n",
+      kRules, run_us / 1000, write_us / 1000);
 
   int killed_in_flight = 0;
   int mixed = 0;
