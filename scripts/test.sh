@@ -2,6 +2,7 @@
 # Installs what is missing, builds and runs every test suite.
 #   scripts/test.sh            the debug build
 #   scripts/test.sh asan       the ASan + UBSan build
+#   scripts/test.sh fuzz       the clang build, running the fuzz targets
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-debug}"
