@@ -108,7 +108,16 @@ struct Reexec {
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(&arg[0]);
     argv.push_back(nullptr);
-    execv("/proc/self/exe", argv.data());
+    // By its real path: a tool that runs the binary (valgrind) answers the
+    // link with the binary's path, while /proc/self/exe itself is the tool.
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0) {
+      std::perror("whitelist_tests: finding the binary");
+      std::_Exit(2);
+    }
+    self[length] = '\0';
+    execv(self, argv.data());
     std::perror("whitelist_tests: re-executing with nss_wrapper");
     std::_Exit(2);
   }
