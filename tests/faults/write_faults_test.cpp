@@ -76,7 +76,7 @@ const std::string kConfig = "/opt/korvex/etc/aec/";
 std::vector<Scenario> Scenarios() {
   std::vector<Scenario> all;
   all.push_back({"RuleFiles",
-                 {kConfig + ".fault-", kConfig + "rules/fault-"},
+                 {kConfig + ".rules-batch.", kConfig + "rules/fault-"},
                  {"etc/aec/rules/fault-a.conf", "etc/aec/rules/fault-b.conf",
                   "etc/aec/rules/fault-c.conf"},
                  {Import(Policy("rules", "local",

@@ -12,7 +12,9 @@
 //    from the file), named <name>.conf, and is exactly one version of that
 //    rule: never a mixture, never a half-written file, and no temporary
 //    file ever lands in the rules directory;
-//  - the policy-sources record, when present, is valid JSON.
+//  - the policy-sources record, when present, is valid JSON;
+//  - at most one killed batch's staging directory is left: each batch
+//    removes those of processes that are gone.
 // After every tenth kill, and after the last, the same apply runs to its
 // end and must leave exactly the set it applies: whatever state the kills
 // left, the next apply converges.
@@ -251,14 +253,31 @@ class RulesApplyKill : public ::testing::Test {
     return -1;
   }
 
-  // What killed writers leave beside the rules directory (never in it).
-  std::size_t Temporaries() const {
-    std::size_t count = 0;
+  // What killed writers leave beside the rules directory (never in it):
+  // staging directories of the rules batch, and single temporary files
+  // (of the sources record).
+  struct Leftovers {
+    std::size_t staging_dirs = 0;
+    std::size_t staged_files = 0;
+    std::size_t other_files = 0;
+  };
+  Leftovers LeftBehind() const {
+    Leftovers found;
     for (const auto& entry :
          boost::filesystem::directory_iterator(root_ + "/etc/aec")) {
-      if (entry.path().filename().string()[0] == '.') ++count;
+      const std::string name = entry.path().filename().string();
+      if (name.rfind(".rules-batch.", 0) == 0) {
+        ++found.staging_dirs;
+        for (const auto& staged :
+             boost::filesystem::directory_iterator(entry.path())) {
+          (void)staged;
+          ++found.staged_files;
+        }
+      } else if (name[0] == '.') {
+        ++found.other_files;
+      }
     }
-    return count;
+    return found;
   }
 
   // What a rule file's content was found to be when it was first parsed.
@@ -308,6 +327,7 @@ TEST_F(RulesApplyKill,
 
   int killed_in_flight = 0;
   int mixed = 0;
+  std::size_t most_staged = 0;
   int to = 0;
   for (int kill_number = 0; kill_number < kKills; ++kill_number) {
     // Always towards the other set, so that every run has work to do.
@@ -341,18 +361,30 @@ TEST_F(RulesApplyKill,
     if (HasFailure()) return;
     if (holds < 0) ++mixed;
 
+    const Leftovers left = LeftBehind();
+    most_staged = std::max(most_staged, left.staged_files);
+    // One batch's leftovers at most: each batch removes those of batches
+    // whose process is gone.
+    EXPECT_LE(left.staging_dirs, 1u);
+
     if (kill_number % 10 == 9) {
       const auto rerun = kxharness::RunKxhost(Args(to));
       ASSERT_EQ(rerun.exit_code, 0) << rerun.err;
       holds = CheckRulesDir(to, true);
       if (HasFailure()) return;
+      // A completed apply leaves no batch leftovers; what the single-file
+      // writers leave is one file per kill at most.
+      const Leftovers after = LeftBehind();
+      EXPECT_EQ(after.staging_dirs, 0u);
+      EXPECT_LE(after.other_files, static_cast<std::size_t>(kill_number + 1));
     }
   }
+  const Leftovers left = LeftBehind();
   std::printf(
       "%d of %d runs were killed before they ended, %d of them left rules "
-      "of both sets; %zu temporary files were left in etc/aec by killed "
-      "runs\n",
-      killed_in_flight, kKills, mixed, Temporaries());
+      "of both sets; at most %zu staged rule files were left at a time, "
+      "%zu other temporary files in the end\n",
+      killed_in_flight, kKills, mixed, most_staged, left.other_files);
   // Most kills must land while kxhost runs, or the test tests nothing.
   EXPECT_GE(killed_in_flight, kKills / 2);
 }
