@@ -146,6 +146,13 @@ bool AecPolicySources::WriteConfig() const {
       "{\n    \"rules\": " + JsonString(rules_) +
       ",\n    \"exceptions\": " + JsonString(exceptions_) +
       ",\n    \"whitelist\": " + JsonString(whitelist_) + "\n}\n";
+  // Every rules or exceptions apply records its source, nearly always the
+  // one already on disk: a record that already says this costs no flush.
+  {
+    std::ifstream in(kConfigPath, std::ios::binary);
+    std::ostringstream current;
+    if (in && (current << in.rdbuf()) && current.str() == content) return true;
+  }
   boost::system::error_code ec;
   boost::filesystem::create_directories(kConfigDir, ec);
   try {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -60,6 +61,35 @@ TEST_F(PolicySourcesTest, WrittenSourcesReadBack) {
   EXPECT_EQ(sources_->GetRulesSource(), "dorvi");
   EXPECT_EQ(sources_->GetExceptionSource(), "yunko");
   EXPECT_EQ(sources_->GetWhitelistSource(), "some \"other\" source");
+}
+
+ino_t InodeOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return status.st_ino;
+}
+
+TEST_F(PolicySourcesTest, ARecordAlreadyOnDiskIsNotRewritten) {
+  sources_->SetRulesSource("dorvi");
+  ASSERT_TRUE(sources_->WriteConfig());
+  const ino_t written = InodeOf(kConfigFile);
+  ASSERT_TRUE(sources_->WriteConfig());
+  EXPECT_EQ(InodeOf(kConfigFile), written);
+
+  sources_->SetRulesSource("yunko");
+  ASSERT_TRUE(sources_->WriteConfig());
+  EXPECT_NE(InodeOf(kConfigFile), written);
+  sources_->ReadConfig();
+  EXPECT_EQ(sources_->GetRulesSource(), "yunko");
+}
+
+TEST_F(PolicySourcesTest, ARecordChangedFromOutsideIsRewritten) {
+  ASSERT_TRUE(sources_->WriteConfig());
+  kxtest::WriteFile(kConfigFile, "{ not json");
+  ASSERT_TRUE(sources_->WriteConfig());
+  sources_->ReadConfig();
+  EXPECT_EQ(sources_->GetRulesSource(), "local");
+  EXPECT_FALSE(log_.Contains("cannot read"));
 }
 
 TEST_F(PolicySourcesTest, UnreadableFileGivesTheDefaults) {
