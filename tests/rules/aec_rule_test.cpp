@@ -255,6 +255,43 @@ TEST_F(AecRuleTest, RuleNamesThatCannotBeFileNamesAreInvalidRules) {
   }
 }
 
+TEST_F(AecRuleTest, TextsThatAreNotUtf8MakeARuleFromATreeInvalid) {
+  // A truncated sequence, a byte that never starts one, an overlong "/" and
+  // a surrogate, in each of the rule's texts.
+  const std::string bad[] = {"buil\xe4-tools", "\xff\xfe", "\xc0\xaf",
+                             "\xed\xa0\x80"};
+  for (const std::string& text : bad) {
+    RuleSpec named{text};
+    RuleSpec with_user{"r"};
+    with_user.users = {"alice", text};
+    RuleSpec with_group{"r"};
+    with_group.groups = {text};
+    RuleSpec with_resource{"r"};
+    with_resource.resources = {"/usr/bin/" + text};
+    for (const RuleSpec& spec : {named, with_user, with_group, with_resource}) {
+      log_.Clear();
+      EXPECT_EQ(ThrownMessage([&] { AecRule rule(RuleTree(spec)); }),
+                std::string(error::kInvalidConfig))
+          << text;
+      EXPECT_TRUE(log_.Contains("holds bytes that are not UTF-8")) << text;
+    }
+  }
+}
+
+TEST_F(AecRuleTest, Utf8TextsSurviveSaveAndReadByteForByte) {
+  RuleSpec spec{"r\xc3\xa8gle-\xe2\x82\xac-\xf0\x9f\x94\x92"};
+  spec.users = {"j\xc3\xbcrgen"};
+  spec.groups = {"\xd0\xb0\xd0\xb4\xd0\xbc\xd0\xb8\xd0\xbd"};
+  spec.resources = {"/opt/\xe6\x97\xa5\xe6\x9c\xac/bin"};
+  AecRule rule(RuleTree(spec));
+  rule.Save();
+  ASSERT_TRUE(kxtest::Exists(AecRule::GetPath(spec.name)));
+  EXPECT_TRUE(AecRule(AecRule::GetPath(spec.name)) == rule);
+  EXPECT_NE(kxtest::ReadFile(AecRule::GetPath(spec.name)).find(spec.users[0]),
+            std::string::npos)
+      << "written as it is, not escaped";
+}
+
 TEST_F(AecRuleTest, ARuleFileNamingAnEscapingRuleIsInvalid) {
   WriteRuleFile(RuleSpec{"../../escape"}, "escape.conf");
   EXPECT_EQ(ThrownMessage([&] { AecRule rule(Path("escape.conf")); }),

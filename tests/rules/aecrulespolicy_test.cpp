@@ -146,6 +146,22 @@ TEST_F(AecRulesPolicyTest, AnUnparsableChildIsSkippedAfterItsLogLine) {
   EXPECT_FALSE(kxtest::Exists("/opt/korvex/etc/aec/escape.conf"));
 }
 
+TEST_F(AecRulesPolicyTest, ARuleThatIsNotUtf8IsLeftOutAndLaterValuesStillApply) {
+  // The file such a rule would become could not be read back, and the next
+  // value would then fail on reading the rules directory.
+  AecRulesPolicy policy;
+  policy.SetValue(Value({Rule("good"), Rule("buil\xe4-tools")}));
+  EXPECT_TRUE(log_.Contains("holds bytes that are not UTF-8"));
+  ASSERT_TRUE(policy.Apply());
+  EXPECT_EQ(RuleFiles(), Files{"good.conf"});
+
+  AecRulesPolicy next;
+  next.SetValue(Value({Rule("good"), Rule("other")}));
+  ASSERT_TRUE(next.IsChanged());
+  ASSERT_TRUE(next.Apply());
+  EXPECT_EQ(RuleFiles(), (Files{"good.conf", "other.conf"}));
+}
+
 TEST_F(AecRulesPolicyTest, AnUnparsableFileOnDiskFailsSetValueAsInvalidConfig) {
   kxtest::WriteFile(std::string(kRulesDir) + "broken.conf", "not json");
   AecRulesPolicy policy;

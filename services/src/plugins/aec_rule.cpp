@@ -9,6 +9,7 @@
 #include "aec_paths.h"
 #include "host/errors.h"
 #include "host/file_util.h"
+#include "host/utf8_text.h"
 #include "ixml_add_array.h"
 
 namespace pt = boost::property_tree;
@@ -30,6 +31,13 @@ pt::ptree ListNode(const std::set<std::string>& items) {
   return node;
 }
 
+bool AllUtf8(const std::set<std::string>& texts) {
+  for (const auto& text : texts) {
+    if (!kxtext::IsUtf8(text)) return false;
+  }
+  return true;
+}
+
 std::string FlagText(bool flag) { return flag ? "true" : "false"; }
 std::string FlagDigit(bool flag) { return std::string(1, '0' + flag); }
 
@@ -38,6 +46,16 @@ std::string FlagDigit(bool flag) { return std::string(1, '0' + flag); }
 AecRule::AecRule(const pt::ptree& tree) {
   try {
     Init(tree);
+    // The JSON writer passes bytes from 0x80 up as they are, and JSON
+    // readers refuse a file with one that is not UTF-8: such a rule (a
+    // policy's XML can carry one, a JSON file cannot) would be saved as a
+    // file that no one reads back. It is refused like any other rule that
+    // cannot become a file.
+    if (!AllUtf8({name_}) || !AllUtf8(users_) || !AllUtf8(groups_) ||
+        !AllUtf8(resources_)) {
+      throw std::invalid_argument("rule '" + name_ +
+                                  "' holds bytes that are not UTF-8");
+    }
   } catch (const std::exception& e) {
     BOOST_LOG_TRIVIAL(error) << "failed to parse AEC rule: " << e.what();
     throw PluginException(error::kInvalidConfig);

@@ -31,7 +31,9 @@
 
 class AecRule {
  public:
-  // Reads a rule object (the rule file's shape) from a tree.
+  // Reads a rule object (the rule file's shape) from a tree. A name or list
+  // item holding bytes that are not well-formed UTF-8 makes the rule
+  // invalid: it could be written but never read back.
   explicit AecRule(const boost::property_tree::ptree& tree);
   // Reads the rule file at `path` (a path, not a rule name: callers holding
   // a name pass GetPath(name)).
