@@ -278,6 +278,19 @@ TEST_F(AecRuleTest, TextsThatAreNotUtf8MakeARuleFromATreeInvalid) {
   }
 }
 
+TEST_F(AecRuleTest, ARuleFileWithAnOverlongSlashIsInvalid) {
+  // The JSON reader itself lets an overlong form through.
+  kxtest::WriteFile(Path("overlong.conf"),
+                    "{\"name\": \"overlong\", \"all_allowed\": \"false\", "
+                    "\"extended\": \"false\", \"system\": \"false\", "
+                    "\"enable\": \"true\", \"user_list\": \"\", "
+                    "\"group_list\": \"\", "
+                    "\"resource_list\": [\"\xc0\xaf..\xc0\xaf" "etc\"]}");
+  EXPECT_EQ(ThrownMessage([&] { AecRule rule(Path("overlong.conf")); }),
+            std::string(error::kInvalidConfig));
+  EXPECT_TRUE(log_.Contains("holds bytes that are not UTF-8"));
+}
+
 TEST_F(AecRuleTest, Utf8TextsSurviveSaveAndReadByteForByte) {
   RuleSpec spec{"r\xc3\xa8gle-\xe2\x82\xac-\xf0\x9f\x94\x92"};
   spec.users = {"j\xc3\xbcrgen"};

@@ -46,16 +46,6 @@ std::string FlagDigit(bool flag) { return std::string(1, '0' + flag); }
 AecRule::AecRule(const pt::ptree& tree) {
   try {
     Init(tree);
-    // The JSON writer passes bytes from 0x80 up as they are, and JSON
-    // readers refuse a file with one that is not UTF-8: such a rule (a
-    // policy's XML can carry one, a JSON file cannot) would be saved as a
-    // file that no one reads back. It is refused like any other rule that
-    // cannot become a file.
-    if (!AllUtf8({name_}) || !AllUtf8(users_) || !AllUtf8(groups_) ||
-        !AllUtf8(resources_)) {
-      throw std::invalid_argument("rule '" + name_ +
-                                  "' holds bytes that are not UTF-8");
-    }
   } catch (const std::exception& e) {
     BOOST_LOG_TRIVIAL(error) << "failed to parse AEC rule: " << e.what();
     throw PluginException(error::kInvalidConfig);
@@ -88,6 +78,17 @@ void AecRule::Init(const pt::ptree& tree) {
   ReadList(tree, "user_list", users_);
   ReadList(tree, "group_list", groups_);
   ReadList(tree, "resource_list", resources_);
+  // The JSON writer passes bytes from 0x80 up as they are, and the JSON
+  // reader refuses a file with most bytes that are not UTF-8: such a rule (a
+  // policy's XML can carry one) would be saved as a file that no one reads
+  // back. The forms the reader lets through (overlong, surrogates: an
+  // overlong "/" among them) are refused as well, from a file too, so that a
+  // rule is the same rule whichever way it is read.
+  if (!AllUtf8({name_}) || !AllUtf8(users_) || !AllUtf8(groups_) ||
+      !AllUtf8(resources_)) {
+    throw std::invalid_argument("rule '" + name_ +
+                                "' holds bytes that are not UTF-8");
+  }
 }
 
 std::string AecRule::Name() const { return name_; }

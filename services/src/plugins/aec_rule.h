@@ -31,9 +31,7 @@
 
 class AecRule {
  public:
-  // Reads a rule object (the rule file's shape) from a tree. A name or list
-  // item holding bytes that are not well-formed UTF-8 makes the rule
-  // invalid: it could be written but never read back.
+  // Reads a rule object (the rule file's shape) from a tree.
   explicit AecRule(const boost::property_tree::ptree& tree);
   // Reads the rule file at `path` (a path, not a rule name: callers holding
   // a name pass GetPath(name)).
@@ -41,7 +39,9 @@ class AecRule {
 
   // Reads name, the four flags and the three lists, in the file's key order.
   // List items are added to the sets already held; a missing key throws
-  // Boost's missing-node error, an unconvertible flag its bad-data error.
+  // Boost's missing-node error, an unconvertible flag its bad-data error, a
+  // name that cannot be a file name or a name or list item that is not
+  // well-formed UTF-8 std::invalid_argument.
   void Init(const boost::property_tree::ptree& tree);
 
   std::string Name() const;
