@@ -13,8 +13,8 @@
 // Properties checked after every apply, whatever the document:
 //  - every rule file the apply left parses, and no temporary file is left
 //    in the configuration directory;
-//  - the whitelist file still reads (the plug-in could start again) and the
-//    policy-sources record is valid JSON;
+//  - the whitelist file still reads (the plug-in could start again), and
+//    the exceptions file and the policy-sources record are valid JSON;
 //  - a new policy set can be built from what is on disk: plugin_init would
 //    succeed after any policy update.
 #include <dirent.h>
@@ -75,13 +75,15 @@ void CheckDisk() {
   } catch (const PluginException&) {
     KXFUZZ_CHECK(false, "the apply left an unreadable whitelist");
   }
-  std::ifstream sources(kConfigDir + "policy-sources.conf");
-  if (sources) {
+  for (const char* file : {"policy-sources.conf", "resource-exception.conf"}) {
+    std::ifstream written(kConfigDir + file);
+    if (!written) continue;
     pt::ptree tree;
     try {
-      pt::read_json(sources, tree);
+      pt::read_json(written, tree);
     } catch (const pt::json_parser_error& e) {
-      KXFUZZ_CHECK(false, std::string("broken policy sources: ") + e.what());
+      KXFUZZ_CHECK(false, std::string("the apply left an unreadable ") +
+                              file + ": " + e.what());
     }
   }
   try {

@@ -136,6 +136,19 @@ TEST_F(AecExceptionsPolicyTest,
 }
 
 TEST_F(AecExceptionsPolicyTest,
+       APathThatIsNotUtf8IsLeftOutAndTheFileStaysReadable) {
+  AecExceptionsPolicy policy(manager_);
+  policy.SetValue(List({"/opt/a\xff-b", "/opt/\xc0\xaf", "/opt/caf\xc3\xa9"}));
+  EXPECT_TRUE(
+      log_.Contains("exception '/opt/a\xff-b' is not UTF-8 text: left out"));
+  EXPECT_TRUE(log_.Contains("exception '/opt/\xc0\xaf' is not UTF-8 text"));
+  ASSERT_TRUE(policy.IsChanged());
+  ASSERT_TRUE(policy.Apply());
+  EXPECT_EQ(Paths{"/opt/caf\xc3\xa9"},
+            AecExceptionsPolicy(manager_).Exceptions());
+}
+
+TEST_F(AecExceptionsPolicyTest,
        AnEmptyImportWritesTheEmptyStringAndReadsBackEmpty) {
   kxtest::WriteFile(kPath, "{\"resource_list\": [\"/a\"]}");
   AecExceptionsPolicy policy(manager_);

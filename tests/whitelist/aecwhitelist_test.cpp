@@ -92,6 +92,17 @@ TEST_F(AECWhiteListTest, WritesBothListsPrettyPrintedInListOrder) {
   EXPECT_EQ(std::vector<std::string>{"wheel"}, back.groups);
 }
 
+TEST_F(AECWhiteListTest, ANameThatIsNotUtf8IsLeftOutAndTheFileStaysReadable) {
+  // A local account named in Latin-1, say; UTF-8 names pass as they are.
+  AECWhiteList("local").Apply(
+      Make({"j\xfcrgen", "j\xc3\xbcrgen"}, {"staff\xe4-", "wheel"}));
+  EXPECT_TRUE(log_.Contains("user_list item 'j\xfcrgen' is not UTF-8 text"));
+  EXPECT_TRUE(log_.Contains("group_list item 'staff\xe4-' is not UTF-8 text"));
+  const UsersAndGroups back = AECWhiteList::Get();
+  EXPECT_EQ(std::vector<std::string>{"j\xc3\xbcrgen"}, back.users);
+  EXPECT_EQ(std::vector<std::string>{"wheel"}, back.groups);
+}
+
 TEST_F(AECWhiteListTest, FileWithOnlyUserListFailsWithInvalidConfig) {
   kxtest::WriteFile(kPath, "{\"user_list\": [\"alice\"]}");
   ExpectInvalidConfig();

@@ -9,6 +9,7 @@
 #include "aec_paths.h"
 #include "host/errors.h"
 #include "host/policy_sources.h"
+#include "host/utf8_text.h"
 #include "json_config_file.h"
 
 namespace {
@@ -23,6 +24,15 @@ void AppendList(boost::property_tree::ptree& tree, const std::string& key,
                 const std::vector<std::string>& items) {
   boost::property_tree::ptree list;
   for (const std::string& item : items) {
+    // The JSON writer keeps bytes from 0x80 up as they are and the reader
+    // refuses most that are not UTF-8. One such name (a local account can
+    // have one) would leave a whitelist no one can read, and the plug-in
+    // would not start again. Leaving it out only narrows the whitelist.
+    if (!kxtext::IsUtf8(item)) {
+      BOOST_LOG_TRIVIAL(warning) << "AEC whitelist: " << key << " item '"
+                                 << item << "' is not UTF-8 text: left out";
+      continue;
+    }
     boost::property_tree::ptree element;
     element.put_value(item);
     list.push_back(std::make_pair(std::string(), element));

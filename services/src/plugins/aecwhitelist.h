@@ -28,7 +28,8 @@ class AECWhiteList {
   // a missing key raises boost::property_tree::ptree_bad_path.
   static UsersAndGroups Get(const boost::property_tree::ptree& tree);
 
-  // Replaces the file with `value` (atomically), records this instance's
+  // Replaces the file with `value` (atomically; a name that is not
+  // well-formed UTF-8 is logged and left out), records this instance's
   // source unless it is already the current one, and has the tool reload the
   // whitelist. A failed write raises boost::property_tree::json_parser_error
   // ("write error"); then the file, the source record and the kernel state

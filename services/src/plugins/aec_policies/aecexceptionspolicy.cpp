@@ -7,6 +7,7 @@
 #include "aec_log.h"
 #include "aec_paths.h"
 #include "host/policy_sources.h"
+#include "host/utf8_text.h"
 #include "json_config_file.h"
 
 namespace {
@@ -52,7 +53,22 @@ std::set<std::string> AecExceptionsPolicy::Get(
 
 void AecExceptionsPolicy::SetValue(const boost::property_tree::ptree& value) {
   std::set<std::string> incoming;
-  for (const auto& element : value) incoming.insert(element.second.data());
+  for (const auto& element : value) {
+    const std::string& path = element.second.data();
+    // The JSON writer keeps bytes from 0x80 up as they are and the reader
+    // refuses most that are not UTF-8: one such path (a policy's XML can
+    // carry it) would make the whole file unreadable, and every exception
+    // would be gone at the next start. Leaving it out only narrows what is
+    // excepted.
+    if (!kxtext::IsUtf8(path)) {
+      log_message(kLogFile, __LINE__, 4, aec::kLogFacility, aec::kLogIdent,
+                  "[%d] %s: exception '%s' is not UTF-8 text: left out",
+                  aec::LogCode(aec::kPolicyLogId, 4), log_tag_.c_str(),
+                  path.c_str());
+      continue;
+    }
+    incoming.insert(path);
+  }
   if (incoming == exceptions_) return;
   exceptions_ = std::move(incoming);
   changed_ = true;

@@ -27,7 +27,8 @@ class AecExceptionsPolicy : public LocalPolicy {
   // again as the exception source and the rule set's checksum recomputed.
   void ResetSource() override;
   void ResetSourceByName(const std::string& source) override;
-  // Import form: the tree's children are the paths (keys ignored).
+  // Import form: the tree's children are the paths (keys ignored); a path
+  // that is not well-formed UTF-8 is logged and left out.
   void SetValue(const boost::property_tree::ptree& value) override;
   using LocalPolicy::SetValue;
   // True when the rule reload succeeded (then the changed flag is lowered).
