@@ -6,8 +6,9 @@
 // read from /opt/korvex/etc/aec/policy-sources.conf the first time Get() is
 // called; WriteConfig() replaces that file atomically (temporary file, flush,
 // rename) and returns false, after logging, when it could not (the previous
-// file stays); a file that already holds the record is left untouched. Defaults when the file is missing or unreadable: rules
-// "local", exceptions "local", whitelist "" (no central control).
+// file stays); a file that already holds the record is left untouched.
+// Defaults when the file is missing or unreadable: rules "local",
+// exceptions "local", whitelist "" (no central control).
 // Not thread-safe.
 #pragma once
 
