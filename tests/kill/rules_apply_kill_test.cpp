@@ -25,6 +25,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -268,11 +269,9 @@ class RulesApplyKill : public ::testing::Test {
       const std::string name = entry.path().filename().string();
       if (name.rfind(".rules-batch.", 0) == 0) {
         ++found.staging_dirs;
-        for (const auto& staged :
-             boost::filesystem::directory_iterator(entry.path())) {
-          (void)staged;
-          ++found.staged_files;
-        }
+        found.staged_files += static_cast<std::size_t>(
+            std::distance(boost::filesystem::directory_iterator(entry.path()),
+                          boost::filesystem::directory_iterator()));
       } else if (name[0] == '.') {
         ++found.other_files;
       }

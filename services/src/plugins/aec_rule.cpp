@@ -84,7 +84,7 @@ void AecRule::Init(const pt::ptree& tree) {
   // back. The forms the reader lets through (overlong, surrogates: an
   // overlong "/" among them) are refused as well, from a file too, so that a
   // rule is the same rule whichever way it is read.
-  if (!AllUtf8({name_}) || !AllUtf8(users_) || !AllUtf8(groups_) ||
+  if (!kxtext::IsUtf8(name_) || !AllUtf8(users_) || !AllUtf8(groups_) ||
       !AllUtf8(resources_)) {
     throw std::invalid_argument("rule '" + name_ +
                                 "' holds bytes that are not UTF-8");

@@ -24,10 +24,10 @@ namespace aec {
 // Replaces the file of every rule in `rules`, in order.
 // Failure: boost::property_tree::json_parser_error "write error" with the
 // path of the rule that failed (the first rule's when the common flush
-// fails). No temporary is left behind (nor the staging directory). A failure before step 3 changes no
-// rule file; a failed rename leaves the rules before it replaced and the
-// others untouched. A rule whose name cannot be a file name fails the batch
-// before anything is written.
+// fails). No temporary is left behind, nor the staging directory. A failure
+// before step 3 changes no rule file; a failed rename leaves the rules before
+// it replaced and the others untouched. A rule whose name cannot be a file
+// name fails the batch before anything is written.
 void SaveRuleFiles(const std::vector<const AecRule*>& rules);
 
 }  // namespace aec
