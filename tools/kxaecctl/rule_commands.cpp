@@ -115,6 +115,19 @@ void AddToLists(const Invocation& invocation) {
   Commit(config);
 }
 
+// What add and update check alike before they read the configuration: -a
+// excludes -u and -g, every named account exists. Returns the resources the
+// invocation names (with their dependencies unless -N), empty when it names
+// none.
+std::set<std::string> CheckedMembersAndResources(const Invocation& invocation) {
+  if (invocation.all_users && invocation.HasMembers()) {
+    Invalid("-a (all users) and -u/-g exclude each other");
+  }
+  RequireAccounts(invocation.users, invocation.groups);
+  if (!WantsResources(invocation)) return {};
+  return CollectResources(ResourcesOf(invocation, !invocation.no_depend));
+}
+
 }  // namespace
 
 void RunAdd(const Invocation& invocation) {
@@ -125,15 +138,8 @@ void RunAdd(const Invocation& invocation) {
   if (invocation.names.size() > 1) Invalid("add takes one rule name");
   const std::string& name = invocation.names[0];
   RequireValidName(name);
-  if (invocation.all_users && invocation.HasMembers()) {
-    Invalid("-a (all users) and -u/-g exclude each other");
-  }
-  RequireAccounts(invocation.users, invocation.groups);
-  std::set<std::string> resources;
-  if (WantsResources(invocation)) {
-    resources =
-        CollectResources(ResourcesOf(invocation, !invocation.no_depend));
-  }
+  const std::set<std::string> resources =
+      CheckedMembersAndResources(invocation);
   Configuration config = Configuration::Load();
 
   const AecRule* existing = config.FindRule(name);
@@ -174,18 +180,11 @@ void RunAdd(const Invocation& invocation) {
 
 void RunUpdate(const Invocation& invocation) {
   if (invocation.names.empty()) Invalid("update needs a rule (-n)");
-  if (invocation.all_users && invocation.HasMembers()) {
-    Invalid("-a (all users) and -u/-g exclude each other");
-  }
-  RequireAccounts(invocation.users, invocation.groups);
-  std::set<std::string> resources;
-  if (WantsResources(invocation)) {
-    resources =
-        CollectResources(ResourcesOf(invocation, !invocation.no_depend));
-    if (resources.empty()) {
-      throw ToolError(KxAecCtl::kResourceListEmpty,
-                      "a rule needs at least one resource");
-    }
+  const std::set<std::string> resources =
+      CheckedMembersAndResources(invocation);
+  if (WantsResources(invocation) && resources.empty()) {
+    throw ToolError(KxAecCtl::kResourceListEmpty,
+                    "a rule needs at least one resource");
   }
   Configuration config = Configuration::Load();
   RequireChangeableRules(config, invocation.names);

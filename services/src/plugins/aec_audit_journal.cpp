@@ -17,6 +17,7 @@
 #include "aec_log.h"
 #include "aec_paths.h"
 #include "aec_replies.h"
+#include "aec_request_switch.h"
 #include "host/errors.h"
 #include "ixml_add_array.h"
 
@@ -128,7 +129,7 @@ class Param {
  public:
   Param(IXml& xml, const char* name) : value_(xml.GetParam(name)) {}
   const char* get() const { return value_.get(); }
-  bool IsOne() const { return value_ && std::strcmp(value_.get(), "1") == 0; }
+  bool IsOne() const { return IsSwitchOn(value_); }
 
  private:
   std::unique_ptr<char[]> value_;

@@ -11,6 +11,7 @@
 
 #include "aec_commands.h"
 #include "aec_replies.h"
+#include "aec_request_switch.h"
 #include "aec_rule.h"
 #include "host/errors.h"
 #include "kxaecctl.h"
@@ -21,10 +22,6 @@ namespace {
 std::unique_ptr<char[]> Attribute(const boost::shared_ptr<IXml>& doc,
                                   const std::string& name) {
   return std::unique_ptr<char[]>(doc->GetAttribute(name));
-}
-
-bool IsOne(const std::unique_ptr<char[]>& value) {
-  return value && std::string(value.get()) == "1";
 }
 
 // The rule name of a request; a missing or empty one is reported as the
@@ -55,7 +52,7 @@ void BuildToolArgs(const boost::shared_ptr<IXml>& document, KxAecCtl& tool,
   const auto extended = Attribute(document, "extended");
   const auto all_users = Attribute(document, "all-users");
 
-  if (allowAllUsers && IsOne(all_users)) {
+  if (allowAllUsers && aec::IsSwitchOn(all_users)) {
     tool.SetAllUseres();
   } else {
     tool.AddUsers(users);
@@ -65,10 +62,10 @@ void BuildToolArgs(const boost::shared_ptr<IXml>& document, KxAecCtl& tool,
   if (resource_file && resource_file[0] != '\0') {
     tool.AddResourceFile(resource_file.get());
   }
-  if (IsOne(recursive)) tool.SetRecursive();
-  if (IsOne(no_depend)) tool.SetNoDepend();
-  if (IsOne(disable)) tool.SetDisable();
-  if (!allowAllUsers && IsOne(extended)) tool.SetExtended();
+  if (aec::IsSwitchOn(recursive)) tool.SetRecursive();
+  if (aec::IsSwitchOn(no_depend)) tool.SetNoDepend();
+  if (aec::IsSwitchOn(disable)) tool.SetDisable();
+  if (!allowAllUsers && aec::IsSwitchOn(extended)) tool.SetExtended();
 }
 
 void HandleAdd(parsed_xml_data_t* request) {

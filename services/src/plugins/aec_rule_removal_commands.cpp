@@ -8,6 +8,7 @@
 
 #include "aec_commands.h"
 #include "aec_replies.h"
+#include "aec_request_switch.h"
 #include "host/errors.h"
 #include "kxaecctl.h"
 
@@ -38,7 +39,7 @@ void HandleRemove(parsed_xml_data_t* request) {
   const std::vector<std::string> resources = ArrayOf(exceptions, "r");
   auto result = XMLParserBoost::CreateEmptyXML();
 
-  if (all_rules && std::string(all_rules.get()) == "1") {
+  if (aec::IsSwitchOn(all_rules)) {
     KxAecCtl tool("rm", true);
     tool.SetAllRules();
     result->AddNode("all_rules", MakeToolReply(tool), true);
