@@ -110,6 +110,25 @@ void AddResult(const boost::shared_ptr<IXml>& result, const std::string& name,
   result->AddNode("policy", item, true);
 }
 
+// Sets a policy's value (through `set_value`) and then its source. A policy
+// refuses a value by throwing; that is logged as "rejected its value" and
+// answered false.
+template <class SetValue>
+bool Offer(const PolicyManager& manager, IPolicy& policy,
+           const std::string& name, const std::string& source,
+           SetValue set_value) {
+  try {
+    set_value(policy);
+    policy.SetSource(source);
+  } catch (const std::exception& e) {
+    KX_HOST_CODED_LOG(kLogFile, 3, manager.LogId(), manager.Plugin().c_str(),
+                      "[%d] %s: policy '%s' rejected its value: %s",
+                      name.c_str(), e.what());
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------- PolicyManager
@@ -198,24 +217,18 @@ bool PolicyManager::SetOne(std::string group, std::string name,
     AddResult(result, sent_name, false);
     return false;
   }
-  try {
-    // A filter that rewrote the text has decided the value: the text wins
-    // over the tree it was read from.
-    if (tree != nullptr && text == sent_text) {
-      policy->SetValue(*tree);
+  // A filter that rewrote the text has decided the value: the text wins
+  // over the tree it was read from.
+  const bool from_tree = tree != nullptr && text == sent_text;
+  const bool ok = Offer(*this, *policy, name, source, [&](IPolicy& target) {
+    if (from_tree) {
+      target.SetValue(*tree);
     } else {
-      policy->SetValue(text);
+      target.SetValue(text);
     }
-    policy->SetSource(source);
-  } catch (const std::exception& e) {
-    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
-                      "[%d] %s: policy '%s' rejected its value: %s",
-                      name.c_str(), e.what());
-    AddResult(result, sent_name, false);
-    return false;
-  }
-  AddResult(result, sent_name, true);
-  return true;
+  });
+  AddResult(result, sent_name, ok);
+  return ok;
 }
 
 void PolicyManager::AddPolicy(const std::shared_ptr<IPolicy>& policy) {
@@ -342,16 +355,8 @@ bool PolicyManager::SetValueToPolicy<std::string>(const std::string& policy,
                       "[%d] %s: unknown policy '%s'", policy.c_str());
     return false;
   }
-  try {
-    target->SetValue(value);
-    target->SetSource(source);
-  } catch (const std::exception& e) {
-    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
-                      "[%d] %s: policy '%s' rejected its value: %s",
-                      policy.c_str(), e.what());
-    return false;
-  }
-  return true;
+  return Offer(*this, *target, policy, source,
+               [&](IPolicy& chosen) { chosen.SetValue(value); });
 }
 
 // ---------------------------------------------------- KernelPolicyManager

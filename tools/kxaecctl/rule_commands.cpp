@@ -40,30 +40,6 @@ void RequireValidName(const std::string& name) {
   }
 }
 
-// The named rules must all exist and none may be a system rule; all that
-// do not (or are) are reported together.
-void RequireChangeableRules(const Configuration& config,
-                            const std::vector<std::string>& names) {
-  std::vector<std::string> missing, system;
-  for (const auto& name : names) {
-    const AecRule* rule = config.FindRule(name);
-    if (rule == nullptr) {
-      missing.push_back(name);
-    } else if (rule->System()) {
-      system.push_back(name);
-    }
-  }
-  if (!missing.empty()) {
-    throw ToolError(KxAecCtl::kRuleMissing,
-                    WithObjects("no such rules", missing), missing);
-  }
-  if (!system.empty()) {
-    throw ToolError(KxAecCtl::kSystemRule,
-                    WithObjects("system rules cannot be changed", system),
-                    system);
-  }
-}
-
 std::set<std::string> Union(std::set<std::string> items,
                             const std::vector<std::string>& more) {
   items.insert(more.begin(), more.end());
@@ -151,7 +127,7 @@ void RunAdd(const Invocation& invocation) {
     }
   } else {
     // The rule exists: its "add" is the edit command's adding of members.
-    RequireChangeableRules(config, {name});
+    config.RequireChangeable({name});
     if (invocation.HasMembers() && edit.Flag(rule_key::kAllAllowed) &&
         !invocation.all_users) {
       throw ToolError(KxAecCtl::kAllowedForAll,
@@ -187,7 +163,7 @@ void RunUpdate(const Invocation& invocation) {
                     "a rule needs at least one resource");
   }
   Configuration config = Configuration::Load();
-  RequireChangeableRules(config, invocation.names);
+  config.RequireChangeable(invocation.names);
   for (const auto& name : invocation.names) {
     RuleEdit edit(*config.FindRule(name));
     // Users and groups are one membership: giving either replaces both.
@@ -213,7 +189,7 @@ void RunUpdate(const Invocation& invocation) {
 void RunSwitch(const Invocation& invocation, bool enable) {
   if (invocation.names.empty()) Invalid(invocation.word + " needs a rule (-n)");
   Configuration config = Configuration::Load();
-  RequireChangeableRules(config, invocation.names);
+  config.RequireChangeable(invocation.names);
   for (const auto& name : invocation.names) {
     RuleEdit edit(*config.FindRule(name));
     edit.SetFlag(rule_key::kEnable, enable);
@@ -230,7 +206,7 @@ void RunRename(const Invocation& invocation) {
   const std::string& new_name = *invocation.new_name;
   RequireValidName(new_name);
   Configuration config = Configuration::Load();
-  RequireChangeableRules(config, {old_name});
+  config.RequireChangeable({old_name});
   if (new_name == old_name) return;
   if (config.FindRule(new_name) != nullptr) {
     throw ToolError(KxAecCtl::kRuleExists,

@@ -135,6 +135,18 @@ class Param {
   std::unique_ptr<char[]> value_;
 };
 
+// The values by which both journal commands choose their events: the time
+// window and the outcome.
+struct EventWindow {
+  explicit EventWindow(IXml& xml)
+      : inittime(xml, "inittime"),
+        finaltime(xml, "finaltime"),
+        operationresult(xml, "operationresult") {}
+  const Param inittime;
+  const Param finaltime;
+  const Param operationresult;
+};
+
 // Adds the row's program and, when asked, its object to `texts`. A row
 // without a program contributes no program (there is nothing to name).
 void CollectRow(const AuditRow& row, bool with_object, DistinctTexts& texts) {
@@ -292,15 +304,14 @@ std::string_view UnframeObjectName(std::string_view object_name) {
 
 void HandleLogList(parsed_xml_data_t* request) {
   IXml& xml = *request->xml;
-  const Param inittime(xml, "inittime");
-  const Param finaltime(xml, "finaltime");
+  const EventWindow window(xml);
   const Param execfiles(xml, "execfiles");
   const Param users(xml, "users");
   const Param groups(xml, "groups");
-  const Param operationresult(xml, "operationresult");
   try {
     const std::string where =
-        LogListWhere(inittime.get(), finaltime.get(), operationresult.get());
+        LogListWhere(window.inittime.get(), window.finaltime.get(),
+                     window.operationresult.get());
     auto result = XMLParserBoost::CreateEmptyXML();
     result->AddValue("result", kResultOk, false);
     if (users.IsOne()) {
@@ -320,21 +331,19 @@ void HandleLogList(parsed_xml_data_t* request) {
 
 void HandleLog(parsed_xml_data_t* request) {
   IXml& xml = *request->xml;
-  const Param inittime(xml, "inittime");
-  const Param finaltime(xml, "finaltime");
+  const EventWindow window(xml);
   const Param execfile(xml, "execfile");
   const Param user(xml, "user");
   const Param group(xml, "group");
-  const Param operationresult(xml, "operationresult");
   const bool openfiles = Param(xml, "openfiles").IsOne();
   try {
     LogFilter filter;
-    filter.inittime = inittime.get();
-    filter.finaltime = finaltime.get();
+    filter.inittime = window.inittime.get();
+    filter.finaltime = window.finaltime.get();
     filter.execfile = execfile.get();
     filter.user = user.get();
     filter.group = group.get();
-    filter.operationresult = operationresult.get();
+    filter.operationresult = window.operationresult.get();
     const std::string conditions = LogConditions(filter);
 
     boost::shared_ptr<IXml> list = CollectResources(conditions, openfiles);
