@@ -40,6 +40,15 @@ class Statement {
   sqlite3_stmt* statement_ = nullptr;
 };
 
+// Runs `sql` once with ?1 and ?2 bound to the two texts.
+void RunBound(sqlite3* db, const char* sql, const std::string& first,
+              const std::string& second) {
+  Statement statement(db, sql);
+  statement.Bind(1, first);
+  statement.Bind(2, second);
+  statement.Run();
+}
+
 }  // namespace
 
 void StoreNetworkSetting(const std::string& name, const std::string& value) {
@@ -48,19 +57,15 @@ void StoreNetworkSetting(const std::string& name, const std::string& value) {
             "CREATE TABLE IF NOT EXISTS conf.network_plugin_config "
             "(name TEXT, value TEXT)")
       .Run();
-  Statement update(db,
-                   "UPDATE conf.network_plugin_config SET value = ?1 "
-                   "WHERE name = ?2");
-  update.Bind(1, value);
-  update.Bind(2, name);
-  update.Run();
+  RunBound(db,
+           "UPDATE conf.network_plugin_config SET value = ?1 "
+           "WHERE name = ?2",
+           value, name);
   if (sqlite3_changes(db) > 0) return;
-  Statement insert(db,
-                   "INSERT INTO conf.network_plugin_config (name, value) "
-                   "VALUES (?1, ?2)");
-  insert.Bind(1, name);
-  insert.Bind(2, value);
-  insert.Run();
+  RunBound(db,
+           "INSERT INTO conf.network_plugin_config (name, value) "
+           "VALUES (?1, ?2)",
+           name, value);
 }
 
 }  // namespace kxhost

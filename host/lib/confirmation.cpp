@@ -16,18 +16,11 @@
 
 #include "host/file_util.h"
 #include "host/log.h"
+#include "host_log.h"
 
 namespace {
 
 constexpr const char* kLogFile = "confirmation";
-// The state machine belongs to the host, not to a plug-in's policy set, so
-// it logs under the host's own identifier and name.
-constexpr int kLogId = 0x01;
-constexpr const char* kLogName = "kxhost";
-
-#define KX_CONFIRMATION_LOG(priority, format, ...)                 \
-  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format, \
-              (kLogId << 24) | (priority), kLogName, ##__VA_ARGS__)
 
 constexpr int kAwaitingAfterReboot = 0;
 constexpr int kAwaiting = 1;
@@ -180,17 +173,17 @@ void Confirmation::Enter(int state) {
   }
   for (int i = 0; i < count; ++i) {
     if (!(this->*steps[i].handler)()) {
-      KX_CONFIRMATION_LOG(4,
-                          "[%d] %s: confirmation handler %s failed (state %d)",
-                          steps[i].name, state);
+      KX_HOST_CODED_LOG(kLogFile, 4, kxhost::kHostLogId, kxhost::kHostLogName,
+                        "[%d] %s: confirmation handler %s failed (state %d)",
+                        steps[i].name, state);
     }
   }
 }
 
 bool Confirmation::Persist() {
   if (!CanModifyState()) {
-    KX_CONFIRMATION_LOG(3, "[%d] %s: cannot keep the confirmation state %d",
-                        state_);
+    KX_HOST_CODED_LOG(kLogFile, 3, kxhost::kHostLogId, kxhost::kHostLogName,
+                      "[%d] %s: cannot keep the confirmation state %d", state_);
     return false;
   }
   return WriteState();
@@ -207,7 +200,8 @@ LockFileConfirmation::~LockFileConfirmation() = default;
 bool LockFileConfirmation::WriteState() {
   const std::string dir = DirName(state_file_);
   if (!MakeDirs(dir)) {
-    KX_CONFIRMATION_LOG(3, "[%d] %s: cannot make %s", dir.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 3, kxhost::kHostLogId, kxhost::kHostLogName,
+                      "[%d] %s: cannot make %s", dir.c_str());
     return false;
   }
   const std::string content = "state=" + std::to_string(state_) +
@@ -217,8 +211,9 @@ bool LockFileConfirmation::WriteState() {
     // sees the old record or the new one, never half of one.
     kxfs::ReplaceFile(state_file_, content, dir, 0644);
   } catch (const std::system_error& e) {
-    KX_CONFIRMATION_LOG(3, "[%d] %s: cannot write %s: %s", state_file_.c_str(),
-                        e.what());
+    KX_HOST_CODED_LOG(kLogFile, 3, kxhost::kHostLogId, kxhost::kHostLogName,
+                      "[%d] %s: cannot write %s: %s", state_file_.c_str(),
+                      e.what());
     return false;
   }
   MarkBoot();
@@ -259,8 +254,9 @@ void LockFileConfirmation::LoadState() {
     }
   }
   if (malformed || !have_state || !have_required) {
-    KX_CONFIRMATION_LOG(4, "[%d] %s: unreadable confirmation state in %s",
-                        state_file_.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 4, kxhost::kHostLogId, kxhost::kHostLogName,
+                      "[%d] %s: unreadable confirmation state in %s",
+                      state_file_.c_str());
     return;
   }
   // Any number is kept as it stands (the plug-in reports unknown states);
@@ -280,14 +276,16 @@ bool LockFileConfirmation::IsFreshBoot() const {
 void LockFileConfirmation::MarkBoot() {
   const std::string dir = DirName(lock_file_);
   if (!MakeDirs(dir)) {
-    KX_CONFIRMATION_LOG(3, "[%d] %s: cannot make %s", dir.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 3, kxhost::kHostLogId, kxhost::kHostLogName,
+                      "[%d] %s: cannot make %s", dir.c_str());
     return;
   }
   const int fd = open(lock_file_.c_str(),
                       O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) {
-    KX_CONFIRMATION_LOG(3, "[%d] %s: cannot create %s: %s", lock_file_.c_str(),
-                        std::strerror(errno));
+    KX_HOST_CODED_LOG(kLogFile, 3, kxhost::kHostLogId, kxhost::kHostLogName,
+                      "[%d] %s: cannot create %s: %s", lock_file_.c_str(),
+                      std::strerror(errno));
     return;
   }
   close(fd);

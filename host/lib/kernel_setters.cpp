@@ -4,6 +4,19 @@
 
 #include "host/sysctl.h"
 
+namespace {
+
+// Stores one half of a setter's value with its set-flag; true when that
+// changes what is pending (the value differs or was never set).
+bool Store(int value, int* field, bool* set) {
+  const bool changed = !*set || *field != value;
+  *field = value;
+  *set = true;
+  return changed;
+}
+
+}  // namespace
+
 // ------------------------------------------------------ IKernelStateSetter
 
 IKernelStateSetter::IKernelStateSetter(const std::string& name) : name_(name) {}
@@ -27,9 +40,7 @@ KernelStateSetter::KernelStateSetter(const std::string& name)
 KernelStateSetter::~KernelStateSetter() = default;
 
 void KernelStateSetter::SetState(int state) {
-  if (!state_set_ || state_ != state) SetChanged(true);
-  state_ = state;
-  state_set_ = true;
+  if (Store(state, &state_, &state_set_)) SetChanged(true);
 }
 
 // --------------------------------------------------- KernelModeStateSetter
@@ -40,9 +51,7 @@ KernelModeStateSetter::KernelModeStateSetter(const std::string& name)
 KernelModeStateSetter::~KernelModeStateSetter() = default;
 
 void KernelModeStateSetter::SetMode(int mode) {
-  if (!mode_set_ || mode_ != mode) SetChanged(true);
-  mode_ = mode;
-  mode_set_ = true;
+  if (Store(mode, &mode_, &mode_set_)) SetChanged(true);
 }
 
 bool KernelModeStateSetter::ChildApply() {

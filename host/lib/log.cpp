@@ -142,3 +142,17 @@ void log_message(const char* file, int line, int priority, int facility,
   const std::string text = needed < 0 ? std::string(format) : buffer.data();
   kxhost::WriteLogLine(file, line, priority, facility, ident, text);
 }
+
+void log_trivial(int priority, const std::string& text) {
+  if (priority <= LOG_CRIT) {
+    BOOST_LOG_TRIVIAL(fatal) << text;
+  } else if (priority == LOG_ERR) {
+    BOOST_LOG_TRIVIAL(error) << text;
+  } else if (priority == LOG_WARNING) {
+    BOOST_LOG_TRIVIAL(warning) << text;
+  } else if (priority < LOG_DEBUG) {
+    BOOST_LOG_TRIVIAL(info) << text;
+  } else {
+    BOOST_LOG_TRIVIAL(debug) << text;
+  }
+}

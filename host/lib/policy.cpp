@@ -12,6 +12,7 @@
 #include "host/log.h"
 #include "host/policy_manager.h"
 #include "getter_table.h"
+#include "host_log.h"
 #include "kernel_int.h"
 #include "settings_db.h"
 
@@ -48,9 +49,9 @@ std::string StoredSource(const std::string& plugin, const std::string& policy,
   try {
     db = kxhost::SettingsDb();
   } catch (const std::runtime_error& e) {
-    log_message(kLogFile, __LINE__, 3, 24, "kx_serv",
-                "[%d] %s: cannot read the source of policy '%s': %s",
-                (log_id << 24) | 3, plugin.c_str(), policy.c_str(), e.what());
+    KX_HOST_CODED_LOG(kLogFile, 3, log_id, plugin.c_str(),
+                      "[%d] %s: cannot read the source of policy '%s': %s",
+                      policy.c_str(), e.what());
     return std::string();
   }
   sqlite3_stmt* statement = nullptr;
@@ -58,10 +59,9 @@ std::string StoredSource(const std::string& plugin, const std::string& policy,
                          "SELECT source FROM conf.kxhost_policy_source "
                          "WHERE plugin = ?1 AND policy = ?2",
                          -1, &statement, nullptr) != SQLITE_OK) {
-    log_message(kLogFile, __LINE__, 3, 24, "kx_serv",
-                "[%d] %s: cannot read the source of policy '%s': %s",
-                (log_id << 24) | 3, plugin.c_str(), policy.c_str(),
-                sqlite3_errmsg(db));
+    KX_HOST_CODED_LOG(kLogFile, 3, log_id, plugin.c_str(),
+                      "[%d] %s: cannot read the source of policy '%s': %s",
+                      policy.c_str(), sqlite3_errmsg(db));
     return std::string();
   }
   sqlite3_bind_text(statement, 1, plugin.c_str(), -1, SQLITE_TRANSIENT);

@@ -14,6 +14,7 @@
 
 #include "host/log.h"
 #include "getter_table.h"
+#include "host_log.h"
 #include "kernel_int.h"
 #include "policy_documents.h"
 #include "settings_db.h"
@@ -24,12 +25,6 @@ namespace {
 
 constexpr const char* kLogFile = "policy_manager";
 constexpr const char* kSourceTable = "conf.kxhost_policy_source";
-
-// The plug-in's convention: "[%d] %s: " with the message code and the name.
-#define KX_MANAGER_LOG(priority, format, ...)                      \
-  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format, \
-              (LogId() << 24) | (priority), Plugin().c_str(), ##__VA_ARGS__)
-
 
 // One bound parameter: text or integer. Values never enter the SQL text.
 struct Bound {
@@ -115,6 +110,25 @@ void AddResult(const boost::shared_ptr<IXml>& result, const std::string& name,
   result->AddNode("policy", item, true);
 }
 
+// Sets a policy's value (through `set_value`) and then its source. A policy
+// refuses a value by throwing; that is logged as "rejected its value" and
+// answered false.
+template <class SetValue>
+bool Offer(const PolicyManager& manager, IPolicy& policy,
+           const std::string& name, const std::string& source,
+           SetValue set_value) {
+  try {
+    set_value(policy);
+    policy.SetSource(source);
+  } catch (const std::exception& e) {
+    KX_HOST_CODED_LOG(kLogFile, 3, manager.LogId(), manager.Plugin().c_str(),
+                      "[%d] %s: policy '%s' rejected its value: %s",
+                      name.c_str(), e.what());
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------- PolicyManager
@@ -144,8 +158,9 @@ bool PolicyManager::SetPoliciesXml(const boost::shared_ptr<IXml>& xml) {
   std::vector<kxhost::PolicyEntry> entries;
   std::string error;
   if (!xml || !kxhost::ReadPoliciesXml(*xml, group_, &entries, &error)) {
-    KX_MANAGER_LOG(3, "[%d] %s: cannot read the policies document: %s",
-                   xml ? error.c_str() : "no document");
+    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                      "[%d] %s: cannot read the policies document: %s",
+                      xml ? error.c_str() : "no document");
     return false;
   }
   bool ok = true;
@@ -163,8 +178,9 @@ bool PolicyManager::SetPoliciesJson(const parsed_json_data_t& data,
   std::vector<kxhost::PolicyEntry> entries;
   std::string error;
   if (!kxhost::ReadPoliciesJson(data.tree, group_, &entries, &error)) {
-    KX_MANAGER_LOG(3, "[%d] %s: cannot read the policies to import: %s",
-                   error.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                      "[%d] %s: cannot read the policies to import: %s",
+                      error.c_str());
     return false;
   }
   bool ok = true;
@@ -183,38 +199,36 @@ bool PolicyManager::SetOne(std::string group, std::string name,
   const std::string sent_name = name;
   const std::string sent_text = text;
   if (!FilterParams(group, name, source, text)) {
-    KX_MANAGER_LOG(7, "[%d] %s: policy '%s' dropped by the filter",
-                   sent_name.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 7, LogId(), Plugin().c_str(),
+                      "[%d] %s: policy '%s' dropped by the filter",
+                      sent_name.c_str());
     return true;
   }
   if (group != group_) {
-    KX_MANAGER_LOG(7, "[%d] %s: policy '%s' of group '%s' is not ours",
-                   name.c_str(), group.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 7, LogId(), Plugin().c_str(),
+                      "[%d] %s: policy '%s' of group '%s' is not ours",
+                      name.c_str(), group.c_str());
     return true;
   }
   const auto policy = GetPolicy(name);
   if (!policy) {
-    KX_MANAGER_LOG(3, "[%d] %s: unknown policy '%s'", name.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                      "[%d] %s: unknown policy '%s'", name.c_str());
     AddResult(result, sent_name, false);
     return false;
   }
-  try {
-    // A filter that rewrote the text has decided the value: the text wins
-    // over the tree it was read from.
-    if (tree != nullptr && text == sent_text) {
-      policy->SetValue(*tree);
+  // A filter that rewrote the text has decided the value: the text wins
+  // over the tree it was read from.
+  const bool from_tree = tree != nullptr && text == sent_text;
+  const bool ok = Offer(*this, *policy, name, source, [&](IPolicy& target) {
+    if (from_tree) {
+      target.SetValue(*tree);
     } else {
-      policy->SetValue(text);
+      target.SetValue(text);
     }
-    policy->SetSource(source);
-  } catch (const std::exception& e) {
-    KX_MANAGER_LOG(3, "[%d] %s: policy '%s' rejected its value: %s",
-                   name.c_str(), e.what());
-    AddResult(result, sent_name, false);
-    return false;
-  }
-  AddResult(result, sent_name, true);
-  return true;
+  });
+  AddResult(result, sent_name, ok);
+  return ok;
 }
 
 void PolicyManager::AddPolicy(const std::shared_ptr<IPolicy>& policy) {
@@ -247,11 +261,13 @@ void PolicyManager::ApplyPolicies() {
     const std::string name = policy->Name();
     try {
       if (!policy->Apply()) {
-        KX_MANAGER_LOG(4, "[%d] %s: policy '%s' was not applied", name.c_str());
+        KX_HOST_CODED_LOG(kLogFile, 4, LogId(), Plugin().c_str(),
+                          "[%d] %s: policy '%s' was not applied", name.c_str());
       }
     } catch (const std::exception& e) {
-      KX_MANAGER_LOG(3, "[%d] %s: policy '%s' failed to apply: %s",
-                     name.c_str(), e.what());
+      KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                        "[%d] %s: policy '%s' failed to apply: %s",
+                        name.c_str(), e.what());
     }
   }
   SavePolicies(policies_);
@@ -262,8 +278,9 @@ void PolicyManager::ResetSource() {
     try {
       policy->ResetSource();
     } catch (const std::exception& e) {
-      KX_MANAGER_LOG(3, "[%d] %s: policy '%s' failed to reset its source: %s",
-                     policy->Name().c_str(), e.what());
+      KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                        "[%d] %s: policy '%s' failed to reset its source: %s",
+                        policy->Name().c_str(), e.what());
     }
   }
   ApplyPolicies();
@@ -272,14 +289,16 @@ void PolicyManager::ResetSource() {
 void PolicyManager::ResetPolicySource(const std::string& name) {
   const auto policy = GetPolicy(name);
   if (!policy) {
-    KX_MANAGER_LOG(3, "[%d] %s: unknown policy '%s'", name.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                      "[%d] %s: unknown policy '%s'", name.c_str());
     return;
   }
   try {
     policy->ResetSource();
   } catch (const std::exception& e) {
-    KX_MANAGER_LOG(3, "[%d] %s: policy '%s' failed to reset its source: %s",
-                   name.c_str(), e.what());
+    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                      "[%d] %s: policy '%s' failed to reset its source: %s",
+                      name.c_str(), e.what());
   }
   ApplyPolicies();
 }
@@ -289,8 +308,9 @@ void PolicyManager::ResetSourceByName(const std::string& source) {
     try {
       policy->ResetSourceByName(source);
     } catch (const std::exception& e) {
-      KX_MANAGER_LOG(3, "[%d] %s: policy '%s' failed to reset its source: %s",
-                     policy->Name().c_str(), e.what());
+      KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                        "[%d] %s: policy '%s' failed to reset its source: %s",
+                        policy->Name().c_str(), e.what());
     }
   }
   ApplyPolicies();
@@ -308,7 +328,8 @@ void PolicyManager::SavePolicies(
   try {
     db = kxhost::SettingsDb();
   } catch (const std::runtime_error& e) {
-    KX_MANAGER_LOG(3, "[%d] %s: cannot store the policies: %s", e.what());
+    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                      "[%d] %s: cannot store the policies: %s", e.what());
     return;
   }
   // One transaction per policy: a table that is missing for one policy
@@ -317,8 +338,9 @@ void PolicyManager::SavePolicies(
     if (!policy) continue;
     std::string error;
     if (!SaveOne(db, plugin_, *policy, &error)) {
-      KX_MANAGER_LOG(3, "[%d] %s: cannot store policy '%s': %s",
-                     policy->Name().c_str(), error.c_str());
+      KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                        "[%d] %s: cannot store policy '%s': %s",
+                        policy->Name().c_str(), error.c_str());
     }
   }
 }
@@ -329,18 +351,12 @@ bool PolicyManager::SetValueToPolicy<std::string>(const std::string& policy,
                                                   const std::string& value) {
   const auto target = GetPolicy(policy);
   if (!target) {
-    KX_MANAGER_LOG(3, "[%d] %s: unknown policy '%s'", policy.c_str());
+    KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
+                      "[%d] %s: unknown policy '%s'", policy.c_str());
     return false;
   }
-  try {
-    target->SetValue(value);
-    target->SetSource(source);
-  } catch (const std::exception& e) {
-    KX_MANAGER_LOG(3, "[%d] %s: policy '%s' rejected its value: %s",
-                   policy.c_str(), e.what());
-    return false;
-  }
-  return true;
+  return Offer(*this, *target, policy, source,
+               [&](IPolicy& chosen) { chosen.SetValue(value); });
 }
 
 // ---------------------------------------------------- KernelPolicyManager

@@ -12,16 +12,11 @@
 #include "host/file_util.h"
 #include "host/log.h"
 #include "host/utf8_text.h"
+#include "host_log.h"
 
 namespace {
 
 constexpr const char* kLogFile = "policy_sources";
-constexpr int kLogId = 0x01;
-constexpr const char* kLogName = "kxhost";
-
-#define KX_SOURCES_LOG(priority, format, ...)                      \
-  log_message(kLogFile, __LINE__, priority, 24, "kx_serv", format, \
-              (kLogId << 24) | (priority), kLogName, ##__VA_ARGS__)
 
 // Plain literals: usable whenever Get() is first called, even from another
 // library's static initialisation.
@@ -133,7 +128,8 @@ bool AecPolicySources::WriteConfig() const {
     // rule-control tool reads every entry as a rule.
     kxfs::ReplaceFile(kConfigPath, content, kConfigDir, 0644);
   } catch (const std::system_error& e) {
-    KX_SOURCES_LOG(3, "[%d] %s: cannot write %s: %s", kConfigPath, e.what());
+    KX_HOST_CODED_LOG(kLogFile, 3, kxhost::kHostLogId, kxhost::kHostLogName,
+                      "[%d] %s: cannot write %s: %s", kConfigPath, e.what());
     return false;
   }
   return true;
@@ -149,7 +145,8 @@ void AecPolicySources::ReadConfig() {
   try {
     boost::property_tree::read_json(in, tree);
   } catch (const boost::property_tree::json_parser_error& e) {
-    KX_SOURCES_LOG(3, "[%d] %s: cannot read %s: %s", kConfigPath, e.what());
+    KX_HOST_CODED_LOG(kLogFile, 3, kxhost::kHostLogId, kxhost::kHostLogName,
+                      "[%d] %s: cannot read %s: %s", kConfigPath, e.what());
     return;
   }
   rules_ = StringOr(tree, "rules", kDefaultRules);

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <utility>
 
+#include "host/line_escape.h"
 #include "host/policy_sources.h"
 #include "host_events.h"
 #include "log_sink.h"
@@ -24,33 +25,6 @@ struct RuntimeState {
 RuntimeState& State() {
   static auto* state = new RuntimeState;
   return *state;
-}
-
-// One event a line: the kind, then each argument after a tab. Tabs, line
-// breaks and backslashes inside arguments are escaped so that a reply
-// document (which spans lines) stays on its event's line.
-std::string EscapeField(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
 }
 
 }  // namespace
@@ -103,8 +77,8 @@ StatementObserver CurrentStatementObserver() {
 // Declared in host_events.h.
 void RecordEvent(const std::string& kind, std::vector<std::string> args) {
   std::string events_file;
-  std::string line = EscapeField(kind);
-  for (const auto& arg : args) line += "\t" + EscapeField(arg);
+  std::string line = kxtext::EscapeLine(kind);
+  for (const auto& arg : args) line += "\t" + kxtext::EscapeLine(arg);
   {
     std::lock_guard<std::mutex> lock(State().mutex);
     State().events.push_back(HostEvent{kind, std::move(args)});

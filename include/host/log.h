@@ -11,9 +11,19 @@
 // the plug-in's short name.
 #pragma once
 
+#include <string>
+
 #include "host/host_api.h"
 
 KX_HOST_API void log_message(const char* file, int line, int priority,
                              int facility, const char* ident,
                              const char* format, ...)
     __attribute__((format(printf, 6, 7)));
+
+// Writes `text` as one record of the process's Boost.Log trivial logger, at
+// the severity matching the syslog `priority` (2 fatal, 3 error, 4 warning,
+// 5 and 6 info, 7 debug). The host owns the logger and its sink, so a
+// plug-in or tool reports its configuration-reading failures this way
+// without linking Boost.Log itself. Only the logger's own failures (memory
+// exhaustion) leave it.
+KX_HOST_API void log_trivial(int priority, const std::string& text);

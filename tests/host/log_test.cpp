@@ -82,6 +82,25 @@ TEST_F(HostLog, TrivialLoggerDoesNotPrintOnItsOwn) {
   ASSERT_EQ(seen_.size(), 1u);
 }
 
+TEST_F(HostLog, LogTrivialWritesTrivialLoggerRecordsAtTheGivenPriority) {
+  log_trivial(3, "failed to parse AEC rule: No such node (system)");
+  log_trivial(4, "w");
+  log_trivial(5, "n");
+  log_trivial(6, "i");
+  log_trivial(7, "d");
+  log_trivial(2, "f");
+  ASSERT_EQ(seen_.size(), 6u);
+  EXPECT_EQ(seen_[0].first, 3);
+  EXPECT_EQ(seen_[0].second,
+            "trivial:0: failed to parse AEC rule: No such node (system)");
+  EXPECT_EQ(seen_[1].first, 4);
+  EXPECT_EQ(seen_[2].first, 6);  // the logger has no level between
+  EXPECT_EQ(seen_[3].first, 6);
+  EXPECT_EQ(seen_[4].first, 7);
+  EXPECT_EQ(seen_[5].first, 2);
+  EXPECT_EQ(seen_[5].second, "trivial:0: f");
+}
+
 TEST_F(HostLog, MirrorWritesSyslogLikeLinesToStderr) {
   Mirror(true);
   ::testing::internal::CaptureStderr();

@@ -57,30 +57,34 @@ bool ReadJson(const std::string& path, pt::ptree* tree) {
   }
 }
 
-// Fills `whitelist`; false when the file does not parse (missing files are
-// the caller's to tell apart).
-bool ReadWhitelist(UsersAndGroups* whitelist) {
+// Reads the JSON file `path` and fills `*model` from its tree with
+// `from_tree`; false (the reason on standard error) when the file does not
+// parse or its tree is not the model's (missing files are the caller's to
+// tell apart).
+template <class Model, class FromTree>
+bool ReadModel(const std::string& path, FromTree from_tree, Model* model) {
   pt::ptree tree;
-  if (!ReadJson(WhitelistPath(), &tree)) return false;
+  if (!ReadJson(path, &tree)) return false;
   try {
-    *whitelist = AECWhiteList::Get(tree);
+    *model = from_tree(tree);
     return true;
   } catch (const std::exception& e) {
-    Refuse(WhitelistPath(), e.what());
+    Refuse(path, e.what());
     return false;
   }
 }
 
+bool ReadWhitelist(UsersAndGroups* whitelist) {
+  return ReadModel(
+      WhitelistPath(),
+      [](const pt::ptree& tree) { return AECWhiteList::Get(tree); }, whitelist);
+}
+
 bool ReadExceptions(std::set<std::string>* exceptions) {
-  pt::ptree tree;
-  if (!ReadJson(ExceptionsPath(), &tree)) return false;
-  try {
-    *exceptions = AecExceptionsPolicy::Get(tree);
-    return true;
-  } catch (const std::exception& e) {
-    Refuse(ExceptionsPath(), e.what());
-    return false;
-  }
+  return ReadModel(
+      ExceptionsPath(),
+      [](const pt::ptree& tree) { return AecExceptionsPolicy::Get(tree); },
+      exceptions);
 }
 
 [[noreturn]] void Missing(const std::string& path) {
@@ -151,6 +155,34 @@ UsersAndGroups Configuration::LoadWhitelist() {
   UsersAndGroups whitelist;
   if (!ReadWhitelist(&whitelist)) Invalid({WhitelistPath()});
   return whitelist;
+}
+
+void Configuration::RequireChangeable(
+    const std::vector<std::string>& names) const {
+  std::vector<std::string> missing, system;
+  const auto add_once = [](std::vector<std::string>& list,
+                           const std::string& name) {
+    if (std::find(list.begin(), list.end(), name) == list.end()) {
+      list.push_back(name);
+    }
+  };
+  for (const auto& name : names) {
+    const AecRule* rule = FindRule(name);
+    if (rule == nullptr) {
+      add_once(missing, name);
+    } else if (rule->System()) {
+      add_once(system, name);
+    }
+  }
+  if (!missing.empty()) {
+    throw ToolError(KxAecCtl::kRuleMissing,
+                    WithObjects("no such rules", missing), missing);
+  }
+  if (!system.empty()) {
+    throw ToolError(KxAecCtl::kSystemRule,
+                    WithObjects("system rules cannot be changed", system),
+                    system);
+  }
 }
 
 const AecRule* Configuration::FindRule(const std::string& name) const {

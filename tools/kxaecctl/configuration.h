@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "aec_rule.h"
 #include "users_and_groups.h"
@@ -33,6 +34,10 @@ class Configuration {
   const std::map<std::string, AecRule>& Rules() const { return rules_; }
   // Null when there is no such rule.
   const AecRule* FindRule(const std::string& name) const;
+  // The named rules must all exist and none may be a system rule. Throws
+  // ToolError kRuleMissing with every missing name (each once) as an
+  // object, else kSystemRule with every system rule named.
+  void RequireChangeable(const std::vector<std::string>& names) const;
   // Adds or replaces the rule (under its name) and marks it to be written.
   void PutRule(const AecRule& rule);
   // Drops the rule and marks its file to be removed.

@@ -12,6 +12,7 @@
 
 #include "accounts.h"
 #include "host/file_util.h"
+#include "host/line_escape.h"
 #include "resources.h"
 #include "rule_edit.h"
 #include "tool_error.h"
@@ -25,34 +26,11 @@ constexpr const char* kHeader =
     "# Written by kxaecctl; docs/tools.md describes it. Do not edit.\n"
     "format\t1\n";
 
-std::string Field(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
 std::string Record(std::initializer_list<std::string> fields) {
   std::string line;
   for (const auto& field : fields) {
     if (!line.empty()) line += '\t';
-    line += Field(field);
+    line += kxtext::EscapeLine(field);
   }
   return line + "\n";
 }

@@ -56,35 +56,13 @@ std::set<std::string> Without(std::set<std::string> items,
   return items;
 }
 
-void RequireChangeable(const Configuration& config,
-                       const std::vector<std::string>& names) {
-  std::vector<std::string> missing, system;
-  for (const auto& name : names) {
-    const AecRule* rule = config.FindRule(name);
-    if (rule == nullptr) {
-      if (std::find(missing.begin(), missing.end(), name) == missing.end()) {
-        missing.push_back(name);
-      }
-    } else if (rule->System() &&
-               std::find(system.begin(), system.end(), name) == system.end()) {
-      system.push_back(name);
-    }
-  }
-  RequirePresent(missing, KxAecCtl::kRuleMissing, "no such rules");
-  if (!system.empty()) {
-    throw ToolError(KxAecCtl::kSystemRule,
-                    WithObjects("system rules cannot be changed", system),
-                    system);
-  }
-}
-
 void RemoveFromRule(const Invocation& invocation) {
   if (invocation.names.size() != 1) {
     Invalid("members are removed from one rule at a time");
   }
   const std::string& name = invocation.names[0];
   Configuration config = Configuration::Load();
-  RequireChangeable(config, {name});
+  config.RequireChangeable({name});
   RuleEdit edit(*config.FindRule(name));
   if (invocation.HasMembers() && edit.Flag(rule_key::kAllAllowed)) {
     throw ToolError(KxAecCtl::kAllowedForAll,
@@ -115,7 +93,7 @@ void RemoveFromRule(const Invocation& invocation) {
 
 void RemoveRules(const Invocation& invocation) {
   Configuration config = Configuration::Load();
-  RequireChangeable(config, invocation.names);
+  config.RequireChangeable(invocation.names);
   for (const auto& name : invocation.names) config.RemoveRule(name);
   Commit(config);
 }

@@ -40,30 +40,6 @@ void RequireValidName(const std::string& name) {
   }
 }
 
-// The named rules must all exist and none may be a system rule; all that
-// do not (or are) are reported together.
-void RequireChangeableRules(const Configuration& config,
-                            const std::vector<std::string>& names) {
-  std::vector<std::string> missing, system;
-  for (const auto& name : names) {
-    const AecRule* rule = config.FindRule(name);
-    if (rule == nullptr) {
-      missing.push_back(name);
-    } else if (rule->System()) {
-      system.push_back(name);
-    }
-  }
-  if (!missing.empty()) {
-    throw ToolError(KxAecCtl::kRuleMissing,
-                    WithObjects("no such rules", missing), missing);
-  }
-  if (!system.empty()) {
-    throw ToolError(KxAecCtl::kSystemRule,
-                    WithObjects("system rules cannot be changed", system),
-                    system);
-  }
-}
-
 std::set<std::string> Union(std::set<std::string> items,
                             const std::vector<std::string>& more) {
   items.insert(more.begin(), more.end());
@@ -115,6 +91,19 @@ void AddToLists(const Invocation& invocation) {
   Commit(config);
 }
 
+// What add and update check alike before they read the configuration: -a
+// excludes -u and -g, every named account exists. Returns the resources the
+// invocation names (with their dependencies unless -N), empty when it names
+// none.
+std::set<std::string> CheckedMembersAndResources(const Invocation& invocation) {
+  if (invocation.all_users && invocation.HasMembers()) {
+    Invalid("-a (all users) and -u/-g exclude each other");
+  }
+  RequireAccounts(invocation.users, invocation.groups);
+  if (!WantsResources(invocation)) return {};
+  return CollectResources(ResourcesOf(invocation, !invocation.no_depend));
+}
+
 }  // namespace
 
 void RunAdd(const Invocation& invocation) {
@@ -125,15 +114,8 @@ void RunAdd(const Invocation& invocation) {
   if (invocation.names.size() > 1) Invalid("add takes one rule name");
   const std::string& name = invocation.names[0];
   RequireValidName(name);
-  if (invocation.all_users && invocation.HasMembers()) {
-    Invalid("-a (all users) and -u/-g exclude each other");
-  }
-  RequireAccounts(invocation.users, invocation.groups);
-  std::set<std::string> resources;
-  if (WantsResources(invocation)) {
-    resources =
-        CollectResources(ResourcesOf(invocation, !invocation.no_depend));
-  }
+  const std::set<std::string> resources =
+      CheckedMembersAndResources(invocation);
   Configuration config = Configuration::Load();
 
   const AecRule* existing = config.FindRule(name);
@@ -145,7 +127,7 @@ void RunAdd(const Invocation& invocation) {
     }
   } else {
     // The rule exists: its "add" is the edit command's adding of members.
-    RequireChangeableRules(config, {name});
+    config.RequireChangeable({name});
     if (invocation.HasMembers() && edit.Flag(rule_key::kAllAllowed) &&
         !invocation.all_users) {
       throw ToolError(KxAecCtl::kAllowedForAll,
@@ -174,21 +156,14 @@ void RunAdd(const Invocation& invocation) {
 
 void RunUpdate(const Invocation& invocation) {
   if (invocation.names.empty()) Invalid("update needs a rule (-n)");
-  if (invocation.all_users && invocation.HasMembers()) {
-    Invalid("-a (all users) and -u/-g exclude each other");
-  }
-  RequireAccounts(invocation.users, invocation.groups);
-  std::set<std::string> resources;
-  if (WantsResources(invocation)) {
-    resources =
-        CollectResources(ResourcesOf(invocation, !invocation.no_depend));
-    if (resources.empty()) {
-      throw ToolError(KxAecCtl::kResourceListEmpty,
-                      "a rule needs at least one resource");
-    }
+  const std::set<std::string> resources =
+      CheckedMembersAndResources(invocation);
+  if (WantsResources(invocation) && resources.empty()) {
+    throw ToolError(KxAecCtl::kResourceListEmpty,
+                    "a rule needs at least one resource");
   }
   Configuration config = Configuration::Load();
-  RequireChangeableRules(config, invocation.names);
+  config.RequireChangeable(invocation.names);
   for (const auto& name : invocation.names) {
     RuleEdit edit(*config.FindRule(name));
     // Users and groups are one membership: giving either replaces both.
@@ -214,7 +189,7 @@ void RunUpdate(const Invocation& invocation) {
 void RunSwitch(const Invocation& invocation, bool enable) {
   if (invocation.names.empty()) Invalid(invocation.word + " needs a rule (-n)");
   Configuration config = Configuration::Load();
-  RequireChangeableRules(config, invocation.names);
+  config.RequireChangeable(invocation.names);
   for (const auto& name : invocation.names) {
     RuleEdit edit(*config.FindRule(name));
     edit.SetFlag(rule_key::kEnable, enable);
@@ -231,7 +206,7 @@ void RunRename(const Invocation& invocation) {
   const std::string& new_name = *invocation.new_name;
   RequireValidName(new_name);
   Configuration config = Configuration::Load();
-  RequireChangeableRules(config, {old_name});
+  config.RequireChangeable({old_name});
   if (new_name == old_name) return;
   if (config.FindRule(new_name) != nullptr) {
     throw ToolError(KxAecCtl::kRuleExists,

@@ -2,46 +2,26 @@
 
 #include <cstddef>
 
+#include "host/line_escape.h"
+
 namespace kxaide {
 namespace {
 
 constexpr std::size_t kDigestLength = 64;
 
+// The checksum list's own set: only backslash and line break are escaped.
+constexpr const char* kPathSpecials = "\\\n";
+
 bool NeedsEscape(const std::string& path) {
-  return path.find_first_of("\\\n") != std::string::npos;
+  return path.find_first_of(kPathSpecials) != std::string::npos;
 }
 
 std::string Escape(const std::string& path) {
-  std::string out;
-  for (char c : path) {
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c == '\n') {
-      out += "\\n";
-    } else {
-      out += c;
-    }
-  }
-  return out;
+  return kxtext::EscapeLine(path, kPathSpecials);
 }
 
 bool Unescape(const std::string& text, std::string* path) {
-  path->clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\') {
-      *path += text[i];
-      continue;
-    }
-    if (++i == text.size()) return false;
-    if (text[i] == '\\') {
-      *path += '\\';
-    } else if (text[i] == 'n') {
-      *path += '\n';
-    } else {
-      return false;
-    }
-  }
-  return true;
+  return kxtext::UnescapeLine(text, path, kPathSpecials);
 }
 
 bool IsLowerHex(const std::string& text) {

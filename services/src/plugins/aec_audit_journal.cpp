@@ -17,6 +17,7 @@
 #include "aec_log.h"
 #include "aec_paths.h"
 #include "aec_replies.h"
+#include "aec_request_switch.h"
 #include "host/errors.h"
 #include "ixml_add_array.h"
 
@@ -128,10 +129,22 @@ class Param {
  public:
   Param(IXml& xml, const char* name) : value_(xml.GetParam(name)) {}
   const char* get() const { return value_.get(); }
-  bool IsOne() const { return value_ && std::strcmp(value_.get(), "1") == 0; }
+  bool IsOne() const { return IsSwitchOn(value_); }
 
  private:
   std::unique_ptr<char[]> value_;
+};
+
+// The values by which both journal commands choose their events: the time
+// window and the outcome.
+struct EventWindow {
+  explicit EventWindow(IXml& xml)
+      : inittime(xml, "inittime"),
+        finaltime(xml, "finaltime"),
+        operationresult(xml, "operationresult") {}
+  const Param inittime;
+  const Param finaltime;
+  const Param operationresult;
 };
 
 // Adds the row's program and, when asked, its object to `texts`. A row
@@ -291,15 +304,14 @@ std::string_view UnframeObjectName(std::string_view object_name) {
 
 void HandleLogList(parsed_xml_data_t* request) {
   IXml& xml = *request->xml;
-  const Param inittime(xml, "inittime");
-  const Param finaltime(xml, "finaltime");
+  const EventWindow window(xml);
   const Param execfiles(xml, "execfiles");
   const Param users(xml, "users");
   const Param groups(xml, "groups");
-  const Param operationresult(xml, "operationresult");
   try {
     const std::string where =
-        LogListWhere(inittime.get(), finaltime.get(), operationresult.get());
+        LogListWhere(window.inittime.get(), window.finaltime.get(),
+                     window.operationresult.get());
     auto result = XMLParserBoost::CreateEmptyXML();
     result->AddValue("result", kResultOk, false);
     if (users.IsOne()) {
@@ -319,21 +331,19 @@ void HandleLogList(parsed_xml_data_t* request) {
 
 void HandleLog(parsed_xml_data_t* request) {
   IXml& xml = *request->xml;
-  const Param inittime(xml, "inittime");
-  const Param finaltime(xml, "finaltime");
+  const EventWindow window(xml);
   const Param execfile(xml, "execfile");
   const Param user(xml, "user");
   const Param group(xml, "group");
-  const Param operationresult(xml, "operationresult");
   const bool openfiles = Param(xml, "openfiles").IsOne();
   try {
     LogFilter filter;
-    filter.inittime = inittime.get();
-    filter.finaltime = finaltime.get();
+    filter.inittime = window.inittime.get();
+    filter.finaltime = window.finaltime.get();
     filter.execfile = execfile.get();
     filter.user = user.get();
     filter.group = group.get();
-    filter.operationresult = operationresult.get();
+    filter.operationresult = window.operationresult.get();
     const std::string conditions = LogConditions(filter);
 
     boost::shared_ptr<IXml> list = CollectResources(conditions, openfiles);

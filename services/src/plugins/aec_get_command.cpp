@@ -2,9 +2,9 @@
 // each section with its own result and source so that one failing section
 // does not spoil the others.
 #include <libintl.h>
+#include <syslog.h>
 
 #include <boost/filesystem.hpp>
-#include <boost/log/trivial.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <exception>
@@ -15,19 +15,16 @@
 #include "aec_commands.h"
 #include "aec_paths.h"
 #include "aec_replies.h"
+#include "aec_request_switch.h"
 #include "aec_rule.h"
 #include "aecwhitelist.h"
 #include "host/errors.h"
+#include "host/log.h"
 #include "host/policy_sources.h"
 #include "ixml_add_array.h"
 
 namespace aec {
 namespace {
-
-// A switch of the request is on only when its text is exactly "1".
-bool IsOn(const std::unique_ptr<char[]>& value) {
-  return value && std::string(value.get()) == "1";
-}
 
 boost::shared_ptr<IXml> RulesSection(const std::string& name, bool extended) {
   auto rules = XMLParserBoost::CreateEmptyXML();
@@ -84,14 +81,14 @@ void HandleGet(parsed_xml_data_t* request) {
   if (rule) {
     try {
       AddOkResult(result, "rules",
-                   RulesSection(rule.get(), IsOn(rule_resource)));
+                  RulesSection(rule.get(), IsSwitchOn(rule_resource)));
     } catch (const PluginException& e) {
       // Nothing of the rules read before the failure is kept.
       result->AddNode("rules", MakeErrorReply(e.what()), true);
     }
   }
 
-  if (IsOn(whitelist)) {
+  if (IsSwitchOn(whitelist)) {
     try {
       AddOkResult(result, "whitelist", WhitelistSection());
     } catch (const PluginException& e) {
@@ -99,14 +96,16 @@ void HandleGet(parsed_xml_data_t* request) {
     }
   }
 
-  if (IsOn(exceptions)) {
+  if (IsSwitchOn(exceptions)) {
     try {
       AddOkResult(result, "resource-exception", ExceptionSection());
     } catch (const std::exception& e) {
       // The client gets the host's fixed text; the parser's message is for
       // the log only.
-      BOOST_LOG_TRIVIAL(error)
-          << "failed to parse AEC resource-exception config: " << e.what();
+      log_trivial(
+          LOG_ERR,
+          std::string("failed to parse AEC resource-exception config: ") +
+              e.what());
       result->AddNode("resource-exception",
                       MakeErrorReply(error::kInvalidConfig), true);
     }

@@ -1,7 +1,8 @@
 #include "aec_rule.h"
 
+#include <syslog.h>
+
 #include <boost/filesystem.hpp>
-#include <boost/log/trivial.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <sstream>
 #include <system_error>
@@ -9,6 +10,7 @@
 #include "aec_paths.h"
 #include "host/errors.h"
 #include "host/file_util.h"
+#include "host/log.h"
 #include "host/utf8_text.h"
 #include "ixml_add_array.h"
 
@@ -47,7 +49,7 @@ AecRule::AecRule(const pt::ptree& tree) {
   try {
     Init(tree);
   } catch (const std::exception& e) {
-    BOOST_LOG_TRIVIAL(error) << "failed to parse AEC rule: " << e.what();
+    log_trivial(LOG_ERR, std::string("failed to parse AEC rule: ") + e.what());
     throw PluginException(error::kInvalidConfig);
   }
 }
@@ -58,8 +60,8 @@ AecRule::AecRule(const std::string& path) : path_(path) {
     pt::read_json(path, tree);
     Init(tree);
   } catch (const std::exception& e) {
-    BOOST_LOG_TRIVIAL(error)
-        << "failed to parse AEC config " << path << ": " << e.what();
+    log_trivial(LOG_ERR,
+                "failed to parse AEC config " + path + ": " + e.what());
     throw PluginException(error::kInvalidConfig);
   }
 }

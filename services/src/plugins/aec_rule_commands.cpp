@@ -11,6 +11,7 @@
 
 #include "aec_commands.h"
 #include "aec_replies.h"
+#include "aec_request_switch.h"
 #include "aec_rule.h"
 #include "host/errors.h"
 #include "kxaecctl.h"
@@ -21,10 +22,6 @@ namespace {
 std::unique_ptr<char[]> Attribute(const boost::shared_ptr<IXml>& doc,
                                   const std::string& name) {
   return std::unique_ptr<char[]>(doc->GetAttribute(name));
-}
-
-bool IsOne(const std::unique_ptr<char[]>& value) {
-  return value && std::string(value.get()) == "1";
 }
 
 // The rule name of a request; a missing or empty one is reported as the
@@ -42,6 +39,20 @@ std::string RequiredRuleName(const boost::shared_ptr<IXml>& rule) {
 }  // namespace
 
 namespace aec {
+namespace {
+
+// One sub-operation of "edit": a run of `command` on the rule with the
+// arguments of `document`, its reply under the command's name.
+void RunOnRule(const std::string& command, const std::string& rule_name,
+               const boost::shared_ptr<IXml>& document, bool allowAllUsers,
+               const boost::shared_ptr<IXml>& result) {
+  KxAecCtl tool(command, true);
+  tool.AddRules({rule_name});
+  BuildToolArgs(document, tool, allowAllUsers);
+  result->AddNode(command, MakeToolReply(tool), true);
+}
+
+}  // namespace
 
 void BuildToolArgs(const boost::shared_ptr<IXml>& document, KxAecCtl& tool,
                    bool allowAllUsers) {
@@ -55,7 +66,7 @@ void BuildToolArgs(const boost::shared_ptr<IXml>& document, KxAecCtl& tool,
   const auto extended = Attribute(document, "extended");
   const auto all_users = Attribute(document, "all-users");
 
-  if (allowAllUsers && IsOne(all_users)) {
+  if (allowAllUsers && aec::IsSwitchOn(all_users)) {
     tool.SetAllUseres();
   } else {
     tool.AddUsers(users);
@@ -65,10 +76,28 @@ void BuildToolArgs(const boost::shared_ptr<IXml>& document, KxAecCtl& tool,
   if (resource_file && resource_file[0] != '\0') {
     tool.AddResourceFile(resource_file.get());
   }
-  if (IsOne(recursive)) tool.SetRecursive();
-  if (IsOne(no_depend)) tool.SetNoDepend();
-  if (IsOne(disable)) tool.SetDisable();
-  if (!allowAllUsers && IsOne(extended)) tool.SetExtended();
+  if (aec::IsSwitchOn(recursive)) tool.SetRecursive();
+  if (aec::IsSwitchOn(no_depend)) tool.SetNoDepend();
+  if (aec::IsSwitchOn(disable)) tool.SetDisable();
+  if (!allowAllUsers && aec::IsSwitchOn(extended)) tool.SetExtended();
+}
+
+void RunListTools(const std::string& command,
+                  const std::vector<std::string>& users,
+                  const std::vector<std::string>& groups,
+                  const std::vector<std::string>& resources,
+                  const boost::shared_ptr<IXml>& result) {
+  if (!users.empty() || !groups.empty()) {
+    KxAecCtl tool(command, true);
+    tool.AddUsers(users);
+    tool.AddGroups(groups);
+    result->AddNode("whitelist", MakeToolReply(tool), true);
+  }
+  if (!resources.empty()) {
+    KxAecCtl tool(command, true);
+    tool.AddResources(resources);
+    result->AddNode("resource-exception", MakeToolReply(tool), true);
+  }
 }
 
 void HandleAdd(parsed_xml_data_t* request) {
@@ -93,25 +122,11 @@ void HandleAdd(parsed_xml_data_t* request) {
   }
 
   // Whitelist members and resource exceptions are added by runs of their
-  // own, without a rule name; an empty list is no request at all.
-  if (whitelist) {
-    const std::vector<std::string> users = whitelist->GetArray("u");
-    const std::vector<std::string> groups = whitelist->GetArray("g");
-    if (!users.empty() || !groups.empty()) {
-      KxAecCtl tool("add", true);
-      tool.AddUsers(users);
-      tool.AddGroups(groups);
-      result->AddNode("whitelist", MakeToolReply(tool), true);
-    }
-  }
-  if (exceptions) {
-    const std::vector<std::string> resources = exceptions->GetArray("r");
-    if (!resources.empty()) {
-      KxAecCtl tool("add", true);
-      tool.AddResources(resources);
-      result->AddNode("resource-exception", MakeToolReply(tool), true);
-    }
-  }
+  // own, without a rule name.
+  const std::vector<std::string> none;
+  RunListTools("add", whitelist ? whitelist->GetArray("u") : none,
+               whitelist ? whitelist->GetArray("g") : none,
+               exceptions ? exceptions->GetArray("r") : none, result);
 
   request->reply->AddNode("add", result, false);
 }
@@ -140,12 +155,7 @@ void HandleEdit(parsed_xml_data_t* request) {
     // Each sub-operation is a run of its own with its own outcome; one that
     // fails does not stop the later ones, and nothing is rolled back. The
     // rename comes last so the others still find the rule by its old name.
-    if (add_doc) {
-      KxAecCtl tool("add", true);
-      tool.AddRules({rule_name});
-      BuildToolArgs(add_doc, tool, false);
-      result->AddNode("add", MakeToolReply(tool), true);
-    }
+    if (add_doc) RunOnRule("add", rule_name, add_doc, false, result);
     if (remove_doc) {
       const auto resources = remove_doc->GetArray("r");
       const auto users = remove_doc->GetArray("u");
@@ -165,12 +175,7 @@ void HandleEdit(parsed_xml_data_t* request) {
         result->AddNode("remove", MakeToolReply(tool), true);
       }
     }
-    if (update_doc) {
-      KxAecCtl tool("update", true);
-      tool.AddRules({rule_name});
-      BuildToolArgs(update_doc, tool, true);
-      result->AddNode("update", MakeToolReply(tool), true);
-    }
+    if (update_doc) RunOnRule("update", rule_name, update_doc, true, result);
     if (state) {
       const std::string wanted = state.get();
       if (wanted == "1" || wanted == "0") {

@@ -1,8 +1,11 @@
-// The shared step of the "add" and "edit" commands: request values to
-// rule-control tool arguments.
+// The shared steps of the rule commands: request values to rule-control
+// tool arguments ("add" and "edit"), and the runs for the whitelist and the
+// resource exceptions ("add" and "remove").
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <string>
+#include <vector>
 
 #include "host/ixml.h"
 
@@ -19,5 +22,15 @@ namespace aec {
 // "1" counts as unset. Never throws for request content.
 void BuildToolArgs(const boost::shared_ptr<IXml>& document, KxAecCtl& tool,
                    bool allowAllUsers);
+
+// Runs the tool with `command` and no rule name once for `users` and
+// `groups` together and once for `resources`, each only when it has
+// something to pass (an empty list is no request at all). The replies go to
+// `result` as "whitelist" and "resource-exception", in that order.
+void RunListTools(const std::string& command,
+                  const std::vector<std::string>& users,
+                  const std::vector<std::string>& groups,
+                  const std::vector<std::string>& resources,
+                  const boost::shared_ptr<IXml>& result);
 
 }  // namespace aec

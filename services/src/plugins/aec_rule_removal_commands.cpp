@@ -8,6 +8,8 @@
 
 #include "aec_commands.h"
 #include "aec_replies.h"
+#include "aec_request_switch.h"
+#include "aec_rule_commands.h"
 #include "host/errors.h"
 #include "kxaecctl.h"
 
@@ -38,7 +40,7 @@ void HandleRemove(parsed_xml_data_t* request) {
   const std::vector<std::string> resources = ArrayOf(exceptions, "r");
   auto result = XMLParserBoost::CreateEmptyXML();
 
-  if (all_rules && std::string(all_rules.get()) == "1") {
+  if (aec::IsSwitchOn(all_rules)) {
     KxAecCtl tool("rm", true);
     tool.SetAllRules();
     result->AddNode("all_rules", MakeToolReply(tool), true);
@@ -52,17 +54,7 @@ void HandleRemove(parsed_xml_data_t* request) {
     outcome->AddValue("name", name, false);
     result->AddNode("rule", outcome, true);
   }
-  if (!users.empty() || !groups.empty()) {
-    KxAecCtl tool("rm", true);
-    tool.AddUsers(users);
-    tool.AddGroups(groups);
-    result->AddNode("whitelist", MakeToolReply(tool), true);
-  }
-  if (!resources.empty()) {
-    KxAecCtl tool("rm", true);
-    tool.AddResources(resources);
-    result->AddNode("resource-exception", MakeToolReply(tool), true);
-  }
+  RunListTools("rm", users, groups, resources, result);
 
   request->reply->AddNode("remove", result, false);
 }

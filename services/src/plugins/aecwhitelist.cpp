@@ -1,6 +1,7 @@
 #include "aecwhitelist.h"
 
-#include <boost/log/trivial.hpp>
+#include <syslog.h>
+
 #include <boost/property_tree/json_parser.hpp>
 #include <cstdlib>
 #include <exception>
@@ -8,6 +9,7 @@
 #include "aec_helper.h"
 #include "aec_paths.h"
 #include "host/errors.h"
+#include "host/log.h"
 #include "host/policy_sources.h"
 #include "host/utf8_text.h"
 #include "json_config_file.h"
@@ -29,8 +31,8 @@ void AppendList(boost::property_tree::ptree& tree, const std::string& key,
     // have one) would leave a whitelist no one can read, and the plug-in
     // would not start again. Leaving it out only narrows the whitelist.
     if (!kxtext::IsUtf8(item)) {
-      BOOST_LOG_TRIVIAL(warning) << "AEC whitelist: " << key << " item '"
-                                 << item << "' is not UTF-8 text: left out";
+      log_trivial(LOG_WARNING, "AEC whitelist: " + key + " item '" + item +
+                                   "' is not UTF-8 text: left out");
       continue;
     }
     boost::property_tree::ptree element;
@@ -59,8 +61,8 @@ UsersAndGroups AECWhiteList::Get() {
     boost::property_tree::read_json(kWhiteListPath, tree);
     return Get(tree);
   } catch (const std::exception& e) {
-    BOOST_LOG_TRIVIAL(error)
-        << "failed to parse AEC whitelist config: " << e.what();
+    log_trivial(LOG_ERR, std::string("failed to parse AEC whitelist config: ") +
+                             e.what());
     throw PluginException(error::kInvalidConfig);
   }
 }

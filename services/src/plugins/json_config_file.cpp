@@ -1,11 +1,13 @@
 #include "json_config_file.h"
 
-#include <boost/log/trivial.hpp>
+#include <syslog.h>
+
 #include <boost/property_tree/json_parser.hpp>
 #include <sstream>
 #include <system_error>
 
 #include "host/file_util.h"
+#include "host/log.h"
 
 namespace aec {
 
@@ -19,7 +21,7 @@ void WriteJsonConfig(const std::string& path,
   } catch (const std::system_error& e) {
     // Callers and their logs know the writer's own failure; keep the reason
     // (no space, read-only, ...) for whoever reads the host's log.
-    BOOST_LOG_TRIVIAL(error) << "failed to write " << path << ": " << e.what();
+    log_trivial(LOG_ERR, "failed to write " + path + ": " + e.what());
     throw boost::property_tree::json_parser_error("write error", path, 0);
   }
 }

@@ -4,9 +4,9 @@
 #include <libintl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
-#include <boost/log/trivial.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <map>
@@ -14,6 +14,7 @@
 
 #include "aec_paths.h"
 #include "host/errors.h"
+#include "host/log.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ namespace {
 constexpr int kLineBufferSize = 4096;
 
 [[noreturn]] void CannotStart(int error_number) {
-  BOOST_LOG_TRIVIAL(error) << "kxaecctl popen error " << error_number;
+  log_trivial(LOG_ERR, "kxaecctl popen error " + std::to_string(error_number));
   throw PluginException(error::kUnknown);
 }
 
@@ -229,8 +230,8 @@ std::string KxAecCtl::GetErrorDescription() const {
   const auto& table = DescriptionTable();
   const auto found = table.find(error_);
   if (found == table.end()) {
-    BOOST_LOG_TRIVIAL(error)
-        << "unknown kxaecctl error " << static_cast<int>(error_);
+    log_trivial(LOG_ERR, "unknown kxaecctl error " +
+                             std::to_string(static_cast<int>(error_)));
     return error::kUnknown;
   }
   std::string text = found->second;

@@ -21,7 +21,8 @@ bool g_takeLogExceed = false;
 namespace {
 
 constexpr const char* kLogFile = "networkconfig";
-constexpr int kNetworkLogId = 0x47;
+// The name in the store's lines: "[code] network: ...".
+constexpr const char* kLogName = "network";
 
 const std::string kTable = "conf.network_plugin_config";
 
@@ -60,11 +61,6 @@ const std::string kMaxRowInJournal = "MaxRowInJournalDBs";
 db_response_t g_readResponse;
 db_response_t g_writeResponse;
 
-#define NETWORK_LOG(priority, code_priority, format, ...)        \
-  log_message(kLogFile, __LINE__, priority, ::aec::kLogFacility, \
-              ::aec::kLogIdent, format,                          \
-              ::aec::LogCode(kNetworkLogId, code_priority), ##__VA_ARGS__)
-
 void FreeTable(db_response_t& response) {
   if (response.table != nullptr) sqlite3_free_table(response.table);
   response.table = nullptr;
@@ -78,16 +74,16 @@ bool NetworkConfig::Initialize() {
     FreeTable(g_writeResponse);
     return true;
   }
-  NETWORK_LOG(4, 4,
-              "[%d] network: configuration table does not exist, creating it");
+  AEC_LOG_CODED(kLogFile, 4, aec::LogCode(aec::kNetworkLogId, 4), kLogName,
+                "[%d] %s: configuration table does not exist, creating it");
   db_execute(("CREATE TABLE " + kTable + " (name TEXT, value TEXT)").c_str(),
              &g_writeResponse);
   if (g_writeResponse.table == nullptr) {
     // Priority 2 with the error code: the text and its numbers are what the
     // agent's log readers know.
-    NETWORK_LOG(2, 3,
-                "[%d] network: failed to create configuration table. AIDE "
-                "plugin is not initialized");
+    AEC_LOG_CODED(kLogFile, 2, aec::LogCode(aec::kNetworkLogId, 3), kLogName,
+                  "[%d] %s: failed to create configuration table. AIDE "
+                  "plugin is not initialized");
     return false;
   }
   FreeTable(g_writeResponse);
@@ -115,8 +111,8 @@ std::string NetworkConfig::settings(const std::string& name) {
     if (name == kDomainPassword) return decrypt_password(value);
     return value;
   }
-  NETWORK_LOG(7, 7, "[%d] network: cannot load setting %s from DB",
-              name.c_str());
+  AEC_LOG_CODED(kLogFile, 7, aec::LogCode(aec::kNetworkLogId, 7), kLogName,
+                "[%d] %s: cannot load setting %s from DB", name.c_str());
   FreeTable(r);
   return "";
 }
@@ -126,7 +122,8 @@ bool NetworkConfig::settings(const std::string& name,
   db_execute(("SELECT * FROM " + kTable + " WHERE name='" + name + "'").c_str(),
              &g_writeResponse);
   if (g_writeResponse.table == nullptr) {
-    NETWORK_LOG(3, 3, "[%d] network: Error save config");
+    AEC_LOG_CODED(kLogFile, 3, aec::LogCode(aec::kNetworkLogId, 3), kLogName,
+                  "[%d] %s: Error save config");
     return false;
   }
   const bool exists = g_writeResponse.rows != 0;
@@ -138,7 +135,8 @@ bool NetworkConfig::settings(const std::string& name,
                                        "', '" + value + "')";
   db_execute(sql.c_str(), &g_writeResponse);
   if (g_writeResponse.table == nullptr) {
-    NETWORK_LOG(3, 3, "[%d] network: Error save config");
+    AEC_LOG_CODED(kLogFile, 3, aec::LogCode(aec::kNetworkLogId, 3), kLogName,
+                  "[%d] %s: Error save config");
     return false;
   }
   FreeTable(g_writeResponse);

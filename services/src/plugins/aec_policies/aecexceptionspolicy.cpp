@@ -17,8 +17,7 @@ constexpr const char* kLogFile = "aecexceptionspolicy";
 }  // namespace
 
 AecExceptionsPolicy::AecExceptionsPolicy(const KernelPolicyManager& manager)
-    : LocalPolicy("exceptions", "string", "AEC resource exceptions"),
-      log_tag_(manager.Plugin()) {
+    : AecFilePolicy("exceptions", "AEC resource exceptions", manager) {
   // May be empty: the host's record as it stands, not a default.
   source_ = AecPolicySources::Get()->GetExceptionSource();
   try {
@@ -28,10 +27,9 @@ AecExceptionsPolicy::AecExceptionsPolicy(const KernelPolicyManager& manager)
   } catch (const std::exception& e) {
     // The format has one conversion more than there are values; the last
     // one is given an empty text so the line stays well-defined.
-    log_message(kLogFile, __LINE__, 7, aec::kLogFacility, aec::kLogIdent,
-                "[%d] %s: failed o parse %s: %s",
-                aec::LogCode(aec::kPolicyLogId, 3), log_tag_.c_str(), e.what(),
-                "");
+    AEC_LOG_CODED(kLogFile, 7, aec::LogCode(aec::kPolicyLogId, 3),
+                  log_tag_.c_str(), "[%d] %s: failed o parse %s: %s", e.what(),
+                  "");
     exceptions_.clear();
   }
 }
@@ -61,10 +59,9 @@ void AecExceptionsPolicy::SetValue(const boost::property_tree::ptree& value) {
     // would be gone at the next start. Leaving it out only narrows what is
     // excepted.
     if (!kxtext::IsUtf8(path)) {
-      log_message(kLogFile, __LINE__, 4, aec::kLogFacility, aec::kLogIdent,
-                  "[%d] %s: exception '%s' is not UTF-8 text: left out",
-                  aec::LogCode(aec::kPolicyLogId, 4), log_tag_.c_str(),
-                  path.c_str());
+      AEC_LOG_CODED(
+          kLogFile, 4, aec::LogCode(aec::kPolicyLogId, 4), log_tag_.c_str(),
+          "[%d] %s: exception '%s' is not UTF-8 text: left out", path.c_str());
       continue;
     }
     incoming.insert(path);
@@ -90,22 +87,12 @@ bool AecExceptionsPolicy::Apply() {
   return ok;
 }
 
-void AecExceptionsPolicy::SetSource(const std::string& source) {
-  const std::string before = Source();
-  LocalPolicy::SetSource(source);
-  if (Source() != before) changed_ = true;
-}
-
 void AecExceptionsPolicy::ResetSource() {
   if (Source() == aec::kPolicySourceLocal) return;
-  RecordSource();
-  aec::recalc_common_crc();
+  SourceWasReset();
 }
 
-void AecExceptionsPolicy::ResetSourceByName(const std::string& source) {
-  const std::string before = Source();
-  LocalPolicy::ResetSourceByName(source);
-  if (Source() == before) return;
+void AecExceptionsPolicy::SourceWasReset() {
   RecordSource();
   // The sources file is checksummed with the rule configuration.
   aec::recalc_common_crc();

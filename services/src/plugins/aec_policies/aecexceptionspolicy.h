@@ -14,19 +14,17 @@
 #include <set>
 #include <string>
 
-#include "host/policy.h"
+#include "aec_policies/aecfilepolicy.h"
 #include "host/policy_manager.h"
 
-class AecExceptionsPolicy : public LocalPolicy {
+class AecExceptionsPolicy : public AecFilePolicy {
  public:
   explicit AecExceptionsPolicy(const KernelPolicyManager& manager);
   ~AecExceptionsPolicy() override;
 
-  void SetSource(const std::string& source) override;
   // Keeps the policy's own source on purpose: a non-"local" source is written
   // again as the exception source and the rule set's checksum recomputed.
   void ResetSource() override;
-  void ResetSourceByName(const std::string& source) override;
   // Import form: the tree's children are the paths (keys ignored); a path
   // that is not well-formed UTF-8 is logged and left out.
   void SetValue(const boost::property_tree::ptree& value) override;
@@ -42,8 +40,9 @@ class AecExceptionsPolicy : public LocalPolicy {
   const std::set<std::string>& Exceptions() const { return exceptions_; }
 
  private:
+  // Records the source again and recomputes the checksum it is part of.
+  void SourceWasReset() override;
   void RecordSource();
 
   std::set<std::string> exceptions_;
-  std::string log_tag_;
 };

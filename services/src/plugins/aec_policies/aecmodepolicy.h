@@ -9,10 +9,11 @@
 #include <string>
 
 #include "aec_policies/aeckernelsetters.h"
+#include "aec_policies/aecswitchpolicy.h"
 #include "host/policy.h"
 #include "host/request_getters.h"
 
-class AecModePolicy : public KernelPolicy {
+class AecModePolicy : public AecSwitchPolicy {
  public:
   // The default value is "0": soft mode.
   AecModePolicy(const KernelPolicyManager& manager,
@@ -23,14 +24,5 @@ class AecModePolicy : public KernelPolicy {
   std::string Name() const override;         // "mode"
   std::string Description() const override;  // "AEC mode"
   std::map<std::string, std::string> ValueDescriptions() const override;
-  std::shared_ptr<PolicyDbRequestGetter> RequestGetter() const override;
   std::string DbPolicyName() const override;  // "aec_mode"
-  // Sets and applies the mode. When the confirmation refuses hard mode the
-  // policy falls back to "0" (soft mode) and logs why; other exceptions pass
-  // through.
-  void ApplyKernelValue(int value) override;
-
- private:
-  std::shared_ptr<AecKernelModeStateSetter> setter_;
-  std::shared_ptr<ControlPolicyDbRequestGetter> getter_;
 };

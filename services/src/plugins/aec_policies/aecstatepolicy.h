@@ -8,10 +8,11 @@
 #include <string>
 
 #include "aec_policies/aeckernelsetters.h"
+#include "aec_policies/aecswitchpolicy.h"
 #include "host/policy.h"
 #include "host/request_getters.h"
 
-class AecStatePolicy : public KernelPolicy {
+class AecStatePolicy : public AecSwitchPolicy {
  public:
   // The default value is "0": control is off until someone switches it on.
   AecStatePolicy(const KernelPolicyManager& manager,
@@ -25,14 +26,5 @@ class AecStatePolicy : public KernelPolicy {
   std::string Name() const override;         // "state"
   std::string Description() const override;  // "AEC state"
   std::map<std::string, std::string> ValueDescriptions() const override;
-  std::shared_ptr<PolicyDbRequestGetter> RequestGetter() const override;
   std::string DbPolicyName() const override;  // "aec_state"
-  // Sets and applies the state. When the confirmation refuses hard mode the
-  // policy falls back to "0" (control off) and logs why; other exceptions
-  // pass through.
-  void ApplyKernelValue(int value) override;
-
- private:
-  std::shared_ptr<AecKernelModeStateSetter> setter_;
-  std::shared_ptr<ControlPolicyDbRequestGetter> getter_;
 };

@@ -18,29 +18,25 @@ constexpr const char* kLogFile = "aecwhitelistpolicy";
 const std::string kGlobalCataloguePort = "3268";
 constexpr int kGlobalCatalogueStorage = 1;
 
-#define WHITELIST_LOG(format, ...)                                          \
-  log_message(kLogFile, __LINE__, 3, ::aec::kLogFacility, ::aec::kLogIdent, \
-              format, ::aec::LogCode(::aec::kPolicyLogId, 3),               \
-              log_tag_.c_str(), ##__VA_ARGS__)
+std::string UserNamed(const std::string& name) {
+  const passwd* entry = getpwnam(name.c_str());
+  return entry != nullptr ? entry->pw_name : "";
+}
+
+std::string GroupNamed(const std::string& name) {
+  const group* entry = getgrnam(name.c_str());
+  return entry != nullptr ? entry->gr_name : "";
+}
 
 // Local accounts of directory members are known either as "name@DOMAIN" or
 // as "DOMAIN\name", depending on how the machine joined the directory.
-std::string FindLocalUser(const std::string& name, const std::string& domain) {
-  if (const passwd* entry = getpwnam((name + "@" + domain).c_str())) {
-    return entry->pw_name;
-  }
-  if (const passwd* entry = getpwnam((domain + "\\" + name).c_str())) {
-    return entry->pw_name;
-  }
-  return "";
-}
-
-std::string FindLocalGroup(const std::string& name, const std::string& domain) {
-  if (const group* entry = getgrnam((name + "@" + domain).c_str())) {
-    return entry->gr_name;
-  }
-  if (const group* entry = getgrnam((domain + "\\" + name).c_str())) {
-    return entry->gr_name;
+// `lookup` answers the local entry's own name for a spelling, "" for none.
+std::string FindLocal(const std::string& name, const std::string& domain,
+                      std::string (*lookup)(const std::string&)) {
+  for (const std::string& spelling :
+       {name + "@" + domain, domain + "\\" + name}) {
+    std::string local = lookup(spelling);
+    if (!local.empty()) return local;
   }
   return "";
 }
@@ -48,8 +44,7 @@ std::string FindLocalGroup(const std::string& name, const std::string& domain) {
 }  // namespace
 
 AecWhitelistPolicy::AecWhitelistPolicy(const KernelPolicyManager& manager)
-    : LocalPolicy("whitelist", "string", "AEC whitelist"),
-      log_tag_(manager.Plugin()) {
+    : AecFilePolicy("whitelist", "AEC whitelist", manager) {
   source_ = AECWhiteList::CurrentSource();
   value_list_ = AECWhiteList::Get();
   applied_ = value_list_;
@@ -78,12 +73,13 @@ UsersAndGroups AecWhitelistPolicy::ParseFromServer(const std::string& text) {
 
     const std::string account = directory.GetSAMAccountNameBySid(sid);
     if (!account.empty()) {
-      const std::string local = FindLocalUser(account, short_domain);
+      const std::string local = FindLocal(account, short_domain, UserNamed);
       if (!local.empty()) result.users.push_back(local);
     } else {
       const std::string group_name = directory.GetGroupNameBySid(sid);
       if (!group_name.empty()) {
-        const std::string local = FindLocalGroup(group_name, short_domain);
+        const std::string local =
+            FindLocal(group_name, short_domain, GroupNamed);
         if (!local.empty()) result.groups.push_back(local);
       }
     }
@@ -98,7 +94,9 @@ void AecWhitelistPolicy::SetValue(const std::string& value) {
   try {
     parsed = ParseFromServer(value);
   } catch (const std::exception& e) {
-    WHITELIST_LOG("[%d] %s:AEC whitelist is not parse: %s", e.what());
+    AEC_LOG_CODED(kLogFile, 3, aec::LogCode(aec::kPolicyLogId, 3),
+                  log_tag_.c_str(), "[%d] %s:AEC whitelist is not parse: %s",
+                  e.what());
     return;
   }
   Store(std::move(parsed));
@@ -128,7 +126,9 @@ bool AecWhitelistPolicy::Apply() {
   try {
     AECWhiteList(Source()).Apply(value_list_);
   } catch (const std::runtime_error& e) {
-    WHITELIST_LOG("[%d] %s:AEC whitelist is not applied: %s", e.what());
+    AEC_LOG_CODED(kLogFile, 3, aec::LogCode(aec::kPolicyLogId, 3),
+                  log_tag_.c_str(), "[%d] %s:AEC whitelist is not applied: %s",
+                  e.what());
     return false;
   }
   applied_ = value_list_;
@@ -136,20 +136,9 @@ bool AecWhitelistPolicy::Apply() {
   return true;
 }
 
-void AecWhitelistPolicy::SetSource(const std::string& source) {
-  const std::string before = Source();
-  LocalPolicy::SetSource(source);
-  // A new source must rewrite the whitelist under its own name.
-  if (Source() != before) changed_ = true;
-}
-
 void AecWhitelistPolicy::ResetSource() {
   LocalPolicy::ResetSource();
-  AECWhiteList::DisableCC();
+  SourceWasReset();
 }
 
-void AecWhitelistPolicy::ResetSourceByName(const std::string& source) {
-  const std::string before = Source();
-  LocalPolicy::ResetSourceByName(source);
-  if (Source() != before) AECWhiteList::DisableCC();
-}
+void AecWhitelistPolicy::SourceWasReset() { AECWhiteList::DisableCC(); }

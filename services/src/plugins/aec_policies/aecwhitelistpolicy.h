@@ -22,22 +22,19 @@
 #include <boost/property_tree/ptree.hpp>
 #include <string>
 
-#include "host/policy.h"
+#include "aec_policies/aecfilepolicy.h"
 #include "host/policy_manager.h"
 #include "users_and_groups.h"
 
-class AecWhitelistPolicy : public LocalPolicy {
+class AecWhitelistPolicy : public AecFilePolicy {
  public:
   // Raises PluginException (error::kInvalidConfig) when the whitelist file
   // is missing or broken.
   explicit AecWhitelistPolicy(const KernelPolicyManager& manager);
   ~AecWhitelistPolicy() override;
 
-  void SetSource(const std::string& source) override;
   // Returns to the default source and switches centralized control off.
   void ResetSource() override;
-  // Switches centralized control off only when the source changed.
-  void ResetSourceByName(const std::string& source) override;
   void SetValue(const std::string& value) override;
   void SetValue(const boost::property_tree::ptree& value) override;
   bool Apply() override;
@@ -50,9 +47,10 @@ class AecWhitelistPolicy : public LocalPolicy {
   const UsersAndGroups& Applied() const { return applied_; }
 
  private:
+  // Switches centralized control off.
+  void SourceWasReset() override;
   void Store(UsersAndGroups parsed);
 
   UsersAndGroups value_list_;
   UsersAndGroups applied_;
-  std::string log_tag_;
 };
