@@ -16,8 +16,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <mutex>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -25,6 +27,7 @@
 #include <vector>
 
 #include "kxtest.h"
+#include "lib/sandbox.h"
 
 #ifndef TMPFS_MAGIC
 #define TMPFS_MAGIC 0x01021994
@@ -70,6 +73,12 @@ struct Outcome {
 
 enum class Act { kExec, kDlopen, kOpen };
 
+// Held around fork() and around every write of a file that is then
+// started: a child forked while another thread had a file open for
+// writing would hold that descriptor and make its start fail with
+// ETXTBSY, which is the test's doing, not the engine's.
+std::mutex g_fork_mu;
+
 // Runs `act` on `path` in a child with the given real/effective ids and
 // supplementary groups. Waits at most `limit`; a child still waiting then
 // is killed and reported as -SIGKILL.
@@ -77,14 +86,18 @@ Outcome RunAs(std::uint32_t uid, std::uint32_t gid, std::vector<gid_t> groups,
               Act act, const std::string& path,
               std::chrono::seconds limit = std::chrono::seconds(20)) {
   const auto start = Clock::now();
-  const pid_t child = fork();
+  pid_t child;
+  {
+    std::lock_guard<std::mutex> lock(g_fork_mu);
+    child = fork();
+  }
   if (child == 0) {
     if (setgroups(groups.size(), groups.data()) != 0) _exit(124);
     if (setresgid(gid, gid, gid) != 0) _exit(124);
     if (setresuid(uid, uid, uid) != 0) _exit(124);
     if (act == Act::kExec) {
       execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
-      _exit(errno == EPERM ? 126 : 125);
+      _exit(errno == EPERM ? 126 : errno == ETXTBSY ? 123 : 125);
     }
     if (act == Act::kDlopen) {
       void* handle = dlopen(path.c_str(), RTLD_NOW);
@@ -147,10 +160,12 @@ class EnforcementTest : public kxtest::SandboxTest {
     if (geteuid() != 0) GTEST_SKIP() << "needs root for fanotify permission events";
     // Never on the machine's own mounts: this process must be in a mount
     // namespace of its own.
-    char mine[64] = {0}, init[64] = {0};
-    if (readlink("/proc/self/ns/mnt", mine, sizeof mine - 1) < 0 ||
-        readlink("/proc/1/ns/mnt", init, sizeof init - 1) < 0 ||
-        std::string(mine) == init) {
+    char mine[64] = {0}, parent[64] = {0};
+    const std::string parent_ns = "/proc/" + std::to_string(getppid()) + "/ns/mnt";
+    if (!kxhost::InSandbox() ||
+        readlink("/proc/self/ns/mnt", mine, sizeof mine - 1) < 0 ||
+        (readlink(parent_ns.c_str(), parent, sizeof parent - 1) > 0 &&
+         std::string(mine) == parent)) {
       GTEST_SKIP() << "not in a private mount namespace; refusing to mark anything";
     }
     const int probe = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
@@ -162,6 +177,7 @@ class EnforcementTest : public kxtest::SandboxTest {
     char tmpl[] = "/tmp/kx-engine-XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     base_ = tmpl;
+    ASSERT_EQ(chmod(base_.c_str(), 0755), 0);
     watched_ = base_ + "/w";
     ASSERT_EQ(mkdir(watched_.c_str(), 0755), 0);
     ASSERT_EQ(mount("kxengine", watched_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
@@ -441,9 +457,13 @@ TEST_F(EnforcementTest, ReloadSwitchesARuleWhileStartsGoOn) {
   std::thread loop([&] {
     while (!stop) {
       const int code = RunAs(kAlice, kNobodyGroup, {}, Act::kExec, allowed_).code;
-      if (code == 0) ++allowed;
-      else if (code == 126) ++refused;
-      else ++odd;
+      if (code == 0) {
+        ++allowed;
+      } else if (code == 126) {
+        ++refused;
+      } else {
+        ++odd;
+      }
     }
   });
   for (int i = 0; i < 6; ++i) {
@@ -553,6 +573,7 @@ TEST_F(EnforcementTest, FileChurnNeverDeniesAnAllowedProgram) {
       int round = 0;
       while (Clock::now() < end) {
         // Rewrite in place, replace by rename, delete and create anew.
+        std::unique_lock<std::mutex> lock(g_fork_mu);
         switch (round++ % 3) {
           case 0: {
             std::ofstream f(path, std::ios::trunc);
@@ -571,10 +592,14 @@ TEST_F(EnforcementTest, FileChurnNeverDeniesAnAllowedProgram) {
             { std::ofstream(path) << "#!/bin/sh\nexit 0\n"; }
             chmod(path.c_str(), 0755);
         }
+        lock.unlock();
         const int code = RunAs(kAlice, kNobodyGroup, {}, Act::kExec, path).code;
         ++starts;
-        if (code == 126) ++refused;
-        else if (code != 0) ++other;
+        if (code == 126) {
+          ++refused;
+        } else if (code != 0) {
+          ++other;
+        }
       }
     });
   }
