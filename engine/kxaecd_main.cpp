@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "enforcer.h"
+#include "file_events.h"
 #include "host/log.h"
 #include "journal/journal_writer.h"
 #include "lib/runtime.h"
@@ -76,6 +78,13 @@ const char kHelp[] =
     "  --test-stall-file FILE  tests: no decision while FILE exists\n"
     "  -v                      mirror log lines to standard error\n"
     "\n"
+    "Decision only (no fanotify, nothing marked):\n"
+    "  kxaecd --decide-list FILE [--uid N] [--gid N]... [--hard] [--loaded-set F]\n"
+    "      decide a start or library load of each path of FILE (one a line;\n"
+    "      \"-\" standard input) by that identity under state 1; prints\n"
+    "      \"allow|deny<TAB>reason<TAB>path\" and the time of Decide() per file\n"
+    "      on standard error\n"
+    "\n"
     "Exit status: 0 stopped by a signal; 1 cannot run (fanotify, marks);\n"
     "2 bad command line; --status: 0 running, 3 not running.\n";
 
@@ -97,6 +106,10 @@ struct Options {
   bool fail_deny = true;
   bool ignore_marks = true;
   std::string stall_file;
+  std::string decide_list;
+  std::uint32_t uid = 0;
+  std::vector<std::uint32_t> gids;
+  bool hard = false;
 };
 
 void Log(int priority, const std::string& text) {
@@ -176,14 +189,28 @@ int ParseArgs(int argc, char** argv, Options* o) {
       o->fail_deny = v == "deny";
     } else if (a == "--no-ignore-marks") {
       o->ignore_marks = false;
+    } else if (a == "--decide-list") {
+      if (!value(&o->decide_list)) return Usage("--decide-list needs a file");
+    } else if (a == "--uid" || a == "--gid") {
+      if (!value(&v) || !ParseNumber(v, 0, 0xFFFFFFFFLL, &n)) {
+        return Usage(a + " needs a number");
+      }
+      if (a == "--uid") {
+        o->uid = static_cast<std::uint32_t>(n);
+      } else {
+        o->gids.push_back(static_cast<std::uint32_t>(n));
+      }
+    } else if (a == "--hard") {
+      o->hard = true;
     } else if (a == "--test-stall-file") {
       if (!value(&o->stall_file)) return Usage("--test-stall-file needs a file");
     } else {
       return Usage("unknown argument '" + a + "'");
     }
   }
-  if (o->foreground == o->status) {
-    return Usage("give --foreground (to run) or --status");
+  const int modes = o->foreground + o->status + !o->decide_list.empty();
+  if (modes != 1) {
+    return Usage("give one of --foreground (to run), --status, --decide-list");
   }
   if (!o->root.empty() && o->foreground && o->watch.empty()) {
     // A sandboxed run must never mark the machine's own file systems.
@@ -210,6 +237,58 @@ void MakeDirs(const std::string& dir) {
     mkdir(part.c_str(), 0755);
     if (slash == std::string::npos) break;
   }
+}
+
+int DecideList(const Options& o) {
+  RuleSetSpec spec;
+  std::string why;
+  if (!aec::engine::ReadRuleSetFile(o.loaded_set, &spec, &why)) {
+    std::fprintf(stderr, "kxaecd: %s\n", why.c_str());
+    return 1;
+  }
+  const auto tables = Tables::Build(spec, aec::engine::StatResolver);
+  std::ifstream file;
+  if (o.decide_list != "-") {
+    file.open(o.decide_list);
+    if (!file) {
+      std::fprintf(stderr, "kxaecd: cannot read %s\n", o.decide_list.c_str());
+      return 1;
+    }
+  }
+  std::istream& in = o.decide_list == "-" ? std::cin : file;
+  std::vector<aec::engine::Event> events;
+  std::string path;
+  std::size_t skipped = 0;
+  while (std::getline(in, path)) {
+    if (path.empty()) continue;
+    aec::engine::Event e;
+    if (aec::engine::EventForFile(path, o.uid, o.gids, &e)) {
+      events.push_back(std::move(e));
+    } else {
+      ++skipped;
+    }
+  }
+  const aec::engine::Control control{true, o.hard};
+  std::vector<aec::engine::Decision> decisions(events.size());
+  const auto start = std::chrono::steady_clock::now();
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    decisions[i] = aec::engine::Decide(events[i], *tables, control);
+  }
+  const double ns = std::chrono::duration<double, std::nano>(
+                        std::chrono::steady_clock::now() - start).count();
+  std::size_t denied = 0;
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    const bool deny = decisions[i].rules_deny;
+    denied += deny;
+    std::printf("%s\t%s\t%s\n", deny ? "deny" : "allow",
+                aec::engine::ReasonName(decisions[i].reason), events[i].path.c_str());
+  }
+  std::fprintf(stderr,
+               "kxaecd: %zu files decided (%zu denied, %zu not regular files "
+               "skipped), %.3f us per decision\n",
+               events.size(), denied, skipped,
+               events.empty() ? 0.0 : ns / 1000.0 / static_cast<double>(events.size()));
+  return 0;
 }
 
 int ShowStatus(const Options& o) {
@@ -469,6 +548,7 @@ int main(int argc, char** argv) {
     }
   }
   if (o.status) return ShowStatus(o);
+  if (!o.decide_list.empty()) return DecideList(o);
   kxhost::RuntimeOptions runtime;
   runtime.mirror_to_stderr = o.verbose;
   kxhost::Configure(runtime);
