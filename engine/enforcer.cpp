@@ -366,6 +366,22 @@ bool Enforcer::IsSharedObjectCached(int fd, const struct stat& st) {
   return shared;
 }
 
+bool Enforcer::DigestCached(int fd, const struct stat& st, Digest* digest) {
+  const ElfKey key{static_cast<std::uint64_t>(st.st_dev),
+                   static_cast<std::uint64_t>(st.st_ino),
+                   static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 +
+                       st.st_ctim.tv_nsec};
+  auto found = digest_cache_.find(key);
+  if (found != digest_cache_.end()) {
+    *digest = found->second;
+    return true;
+  }
+  if (!DigestOfFd(fd, digest)) return false;
+  if (digest_cache_.size() > 100000) digest_cache_.clear();
+  digest_cache_.emplace(key, *digest);
+  return true;
+}
+
 void Enforcer::Process(const std::shared_ptr<Pending>& p) {
   const Control control = Control::FromParameter(environment_.load());
   if (!control.enabled) {
@@ -401,6 +417,12 @@ void Enforcer::Process(const std::shared_ptr<Pending>& p) {
     event.is_shared_object = IsSharedObjectCached(p->fd, st);
   }
   tables->Verify(event.file, event.path, StatResolver);
+  if (tables->integrity() && tables->RulesOf(event.file) != nullptr) {
+    const Digest* recorded = tables->RecordedDigest(event.file);
+    Digest now;
+    event.content_changed = recorded == nullptr || !DigestCached(p->fd, st, &now) ||
+                            now != *recorded;
+  }
   const auto decide_start = std::chrono::steady_clock::now();
   const Decision d = Decide(event, *tables, control);
   const auto decide_end = std::chrono::steady_clock::now();

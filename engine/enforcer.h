@@ -108,6 +108,9 @@ class Enforcer {
   void Process(const std::shared_ptr<Pending>& p);
   void RecordLatency(double total_us, double decide_us);
   bool IsSharedObjectCached(int fd, const struct stat& st);
+  // SHA-256 of the file, cached by (dev, ino, ctime): an unchanged file is
+  // never hashed twice (a write changes the ctime).
+  bool DigestCached(int fd, const struct stat& st, Digest* digest);
   void Log(int priority, const std::string& text) const;
 
   EnforcerOptions options_;
@@ -150,6 +153,7 @@ class Enforcer {
     }
   };
   std::unordered_map<ElfKey, bool, ElfKeyHash> elf_cache_;
+  std::unordered_map<ElfKey, Digest, ElfKeyHash> digest_cache_;
 };
 
 }  // namespace aec::engine

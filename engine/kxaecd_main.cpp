@@ -75,6 +75,8 @@ const char kHelp[] =
     "  --deadline-ms N         answer every event within N ms (default 250)\n"
     "  --fail-action allow|deny  hard mode, decision late (default deny)\n"
     "  --no-ignore-marks       do not cache uncontrolled opens in the kernel\n"
+    "  --integrity             record each resource's SHA-256 at load; a\n"
+    "                          resource whose content changed is not allowed\n"
     "  --test-stall-file FILE  tests: no decision while FILE exists\n"
     "  -v                      mirror log lines to standard error\n"
     "\n"
@@ -105,6 +107,7 @@ struct Options {
   long deadline_ms = 250;
   bool fail_deny = true;
   bool ignore_marks = true;
+  bool integrity = false;
   std::string stall_file;
   std::string decide_list;
   std::uint32_t uid = 0;
@@ -187,6 +190,8 @@ int ParseArgs(int argc, char** argv, Options* o) {
         return Usage("--fail-action takes allow or deny");
       }
       o->fail_deny = v == "deny";
+    } else if (a == "--integrity") {
+      o->integrity = true;
     } else if (a == "--no-ignore-marks") {
       o->ignore_marks = false;
     } else if (a == "--decide-list") {
@@ -397,7 +402,7 @@ class Daemon {
       Log(LOG_ERR, "loaded set not taken, the previous one stays: " + why);
       return;
     }
-    auto tables = Tables::Build(spec, aec::engine::StatResolver);
+    auto tables = Tables::Build(spec, aec::engine::StatResolver, o_.integrity);
     tables_.Set(tables);
     if (enforcer_) enforcer_->FlushIgnoreMarks();
     Log(LOG_INFO, "loaded set " + spec.version + ": " +

@@ -612,6 +612,26 @@ TEST_F(EnforcementTest, FileChurnNeverDeniesAnAllowedProgram) {
   EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kExec, watched_ + "/stranger").code, 126);
 }
 
+TEST_F(EnforcementTest, IntegrityRefusesAResourceWhoseContentChanged) {
+  const std::string script = watched_ + "/job";
+  Put(script, "#!/bin/sh\nexit 0\n", 0755);
+  WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_, script}}}));
+  StartEngine({"--integrity"});
+  EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kExec, script).code, 0);
+  EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kExec, allowed_).code, 0);
+  {
+    std::ofstream f(script, std::ios::trunc);
+    f << "#!/bin/sh\nexit 0\n# changed\n";
+  }
+  EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kExec, script).code, 126);
+  // The same content again is the recorded one.
+  {
+    std::ofstream f(script, std::ios::trunc);
+    f << "#!/bin/sh\nexit 0\n";
+  }
+  EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kExec, script).code, 0);
+}
+
 TEST_F(EnforcementTest, StatusShowsTheSetAndTheCounts) {
   WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_, lib_}}}));
   StartEngine();
