@@ -39,7 +39,7 @@ using aec::engine::Enforcer;
 using aec::engine::EnforcerOptions;
 using aec::engine::JournalEvent;
 using aec::engine::JournalWriter;
-using aec::engine::RuleSetSpec;
+using aec::engine::RuleSetInput;
 using aec::engine::Tables;
 using aec::engine::TablesHolder;
 
@@ -245,13 +245,13 @@ void MakeDirs(const std::string& dir) {
 }
 
 int DecideList(const Options& o) {
-  RuleSetSpec spec;
+  RuleSetInput input;
   std::string why;
-  if (!aec::engine::ReadRuleSetFile(o.loaded_set, &spec, &why)) {
+  if (!aec::engine::ReadRuleSetFile(o.loaded_set, &input, &why)) {
     std::fprintf(stderr, "kxaecd: %s\n", why.c_str());
     return 1;
   }
-  const auto tables = Tables::Build(spec, aec::engine::StatResolver);
+  const auto tables = Tables::Build(input, aec::engine::StatResolver);
   std::ifstream file;
   if (o.decide_list != "-") {
     file.open(o.decide_list);
@@ -335,7 +335,7 @@ class Daemon {
 
     // The first set: an empty one when there is none yet (with control on
     // that denies every start; the tool writes a set before control is on).
-    tables_.Set(Tables::Build(RuleSetSpec{}, aec::engine::StatResolver));
+    tables_.Set(Tables::Build(RuleSetInput{}, aec::engine::StatResolver));
     ReloadSet();
 
     if (!o_.no_journal) {
@@ -396,16 +396,16 @@ class Daemon {
 
  private:
   void ReloadSet() {
-    RuleSetSpec spec;
+    RuleSetInput input;
     std::string why;
-    if (!aec::engine::ReadRuleSetFile(o_.loaded_set, &spec, &why)) {
+    if (!aec::engine::ReadRuleSetFile(o_.loaded_set, &input, &why)) {
       Log(LOG_ERR, "loaded set not taken, the previous one stays: " + why);
       return;
     }
-    auto tables = Tables::Build(spec, aec::engine::StatResolver, o_.integrity);
+    auto tables = Tables::Build(input, aec::engine::StatResolver, o_.integrity);
     tables_.Set(tables);
     if (enforcer_) enforcer_->FlushIgnoreMarks();
-    Log(LOG_INFO, "loaded set " + spec.version + ": " +
+    Log(LOG_INFO, "loaded set " + input.version + ": " +
                       std::to_string(tables->rules().size()) + " rules, " +
                       std::to_string(tables->resource_count()) + " resources");
   }

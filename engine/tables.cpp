@@ -24,13 +24,13 @@ bool StatResolver(const std::string& path, FileId* id) {
   return true;
 }
 
-std::shared_ptr<const Tables> Tables::Build(const RuleSetSpec& spec,
+std::shared_ptr<const Tables> Tables::Build(const RuleSetInput& input,
                                             const Resolver& resolve, bool integrity) {
   std::shared_ptr<Tables> t(new Tables());
-  t->version_ = spec.version;
+  t->version_ = input.version;
   t->integrity_ = integrity;
-  t->rules_.reserve(spec.rules.size());
-  for (const RuleSetSpec::Rule& in : spec.rules) {
+  t->rules_.reserve(input.rules.size());
+  for (const RuleSetInput::Rule& in : input.rules) {
     CompiledRule rule;
     rule.name = in.name;
     rule.enabled = in.enabled;
@@ -89,9 +89,9 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetSpec& spec,
       if (t->resource_extended_[r]) t->resource_extended_[first] = true;
     }
   }
-  for (std::uint32_t uid : spec.whitelist_uids) t->whitelist_uids_.insert(uid);
-  for (std::uint32_t gid : spec.whitelist_gids) t->whitelist_gids_.insert(gid);
-  for (const std::string& path : spec.exceptions) {
+  for (std::uint32_t uid : input.whitelist_uids) t->whitelist_uids_.insert(uid);
+  for (std::uint32_t gid : input.whitelist_gids) t->whitelist_gids_.insert(gid);
+  for (const std::string& path : input.exceptions) {
     t->exception_paths_.insert(path);
     FileId id;
     if (resolve(path, &id)) t->exception_ids_.insert(id);

@@ -47,7 +47,7 @@ struct CompiledRule {
 
 // What a rule set says before its files are resolved; tests fill it in,
 // the daemon makes it from the loaded set.
-struct RuleSetSpec {
+struct RuleSetInput {
   struct Rule {
     std::string name;
     bool enabled = false;
@@ -72,12 +72,12 @@ bool StatResolver(const std::string& path, FileId* id);
 
 class Tables {
  public:
-  // Compiles `spec`; resources that do not resolve are kept by path only
+  // Compiles `input`; resources that do not resolve are kept by path only
   // and resolved on the first event that names their path. With
   // `integrity`, the SHA-256 of each resource that resolves is recorded
   // (a resource that cannot be read then has none, and its rules do not
   // allow it).
-  static std::shared_ptr<const Tables> Build(const RuleSetSpec& spec,
+  static std::shared_ptr<const Tables> Build(const RuleSetInput& input,
                                              const Resolver& resolve,
                                              bool integrity = false);
 

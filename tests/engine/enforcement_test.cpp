@@ -632,6 +632,20 @@ TEST_F(EnforcementTest, IntegrityRefusesAResourceWhoseContentChanged) {
   EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kExec, script).code, 0);
 }
 
+TEST_F(EnforcementTest, UnwritableJournalLosesNoAnswer) {
+  // A journal below a regular file can never be created.
+  const std::string blocker = base_ + "/not-a-dir";
+  std::ofstream(blocker) << "x";
+  WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_}}}));
+  StartEngine({"--journal", blocker + "/audit_logs.db"});
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kExec, allowed_).code, 0);
+    EXPECT_EQ(RunAs(kBob, kNobodyGroup, {}, Act::kExec, allowed_).code, 126);
+  }
+  usleep(1500000);
+  EXPECT_NE(Slurp(log_path_).find("journal"), std::string::npos) << Slurp(log_path_);
+}
+
 TEST_F(EnforcementTest, StatusShowsTheSetAndTheCounts) {
   WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_, lib_}}}));
   StartEngine();
