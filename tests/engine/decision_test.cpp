@@ -260,7 +260,9 @@ TEST(DecisionTest, RandomSetsKeepTheInvariants) {
       if (hard.controlled && hard.reason == Reason::kRuleAllows) {
         ASSERT_TRUE(SomeRulePermits(input, e));
       }
-      if (hard.controlled && hard.rules_deny) ASSERT_FALSE(SomeRulePermits(input, e));
+      if (hard.controlled && hard.rules_deny) {
+        ASSERT_FALSE(SomeRulePermits(input, e));
+      }
     }
   }
 }
