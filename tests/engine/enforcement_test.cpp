@@ -389,6 +389,21 @@ TEST_F(EnforcementTest, ExtendedRuleOpenIsOnlyForItsUsers) {
   ASSERT_TRUE(WaitForRow("1055|0|"));
 }
 
+TEST_F(EnforcementTest, NewSetDropsTheIgnoreMarksOfUncontrolledFiles) {
+  WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_}}}));
+  StartEngine();
+  const std::string version = WaitForSet(1);
+  // Not controlled yet: the kernel is told to stop asking about it.
+  EXPECT_EQ(RunAs(kBob, kNobodyGroup, {}, Act::kOpen, data_).code, 0);
+  EXPECT_EQ(RunAs(kBob, kNobodyGroup, {}, Act::kOpen, data_).code, 0);
+  EXPECT_NE(Slurp(kStatus).find("ignore marks: "), std::string::npos);
+  WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_}},
+                          {"secret", true, false, true, {kAlice}, {}, {data_}}}));
+  WaitForSet(2, version);
+  EXPECT_EQ(RunAs(kBob, kNobodyGroup, {}, Act::kOpen, data_).code, 126);
+  EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kOpen, data_).code, 0);
+}
+
 TEST_F(EnforcementTest, SoftModeAllowsAndJournalsWhatHardModeWouldDeny) {
   SetParams(1, 63);
   WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_}}}));
