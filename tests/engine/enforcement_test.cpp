@@ -420,6 +420,20 @@ TEST_F(EnforcementTest, SoftModeAllowsAndJournalsWhatHardModeWouldDeny) {
   EXPECT_EQ(code, 126);
 }
 
+TEST_F(EnforcementTest, LoglistThroughThePluginShowsTheDeniedProgram) {
+  WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_}}}));
+  StartEngine();
+  EXPECT_EQ(RunAs(kBob, kNobodyGroup, {}, Act::kExec, denied_).code, 126);
+  ASSERT_TRUE(WaitForRow("1051|0|" + denied_));
+  // While the engine runs and holds the journal open for writing.
+  const kxtest::RunResult run = kxtest::RunKxhost(
+      {"--root", root_.dir(), "--plugin", KX_PLUGIN_PATH, "exec", "-"},
+      "<request command=\"loglist\"><execfiles>1</execfiles></request>");
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_NE(run.out.find("<r>" + denied_ + "</r>"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("<r>" + allowed_ + "</r>"), std::string::npos) << run.out;
+}
+
 TEST_F(EnforcementTest, StateZeroControlsNothingAndJournalsNothing) {
   SetParams(2, 63);  // hard mode chosen, control off
   WriteSet(LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_}}}));
