@@ -18,7 +18,7 @@ namespace aec::engine {
 namespace {
 
 class TablesTest : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     char tmpl[] = "/tmp/kx-tables-XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -28,12 +28,12 @@ class TablesTest : public ::testing::Test {
     std::string cmd = "rm -rf '" + dir_ + "'";
     ASSERT_EQ(system(cmd.c_str()), 0);
   }
-  std::string Write(const std::string& name, const std::string& text) {
+  std::string Write(const std::string &name, const std::string &text) {
     const std::string path = dir_ + "/" + name;
     std::ofstream(path) << text;
     return path;
   }
-  static FileId IdOf(const std::string& path) {
+  static FileId IdOf(const std::string &path) {
     FileId id;
     EXPECT_TRUE(StatResolver(path, &id)) << path;
     return id;
@@ -120,7 +120,8 @@ TEST_F(TablesTest, ADecisionSeesTheOldSetOrTheNewOneNeverAMix) {
   holder.Set(ta);
   std::atomic<bool> stop{false};
   std::thread writer([&] {
-    for (int i = 0; i < 20000; ++i) holder.Set(i % 2 ? ta : tb);
+    for (int i = 0; i < 20000; ++i)
+      holder.Set(i % 2 ? ta : tb);
     stop = true;
   });
   long seen = 0;
@@ -140,11 +141,12 @@ TEST_F(TablesTest, ADecisionSeesTheOldSetOrTheNewOneNeverAMix) {
 TEST_F(TablesTest, IntegrityRecordsTheContentOfEachResource) {
   const std::string tool = Write("tool", "abc");
   RuleSetInput input;
-  input.rules.push_back({"r", true, true, false, {}, {}, {tool, dir_ + "/missing"}});
+  input.rules.push_back(
+      {"r", true, true, false, {}, {}, {tool, dir_ + "/missing"}});
   const auto plain = Tables::Build(input, StatResolver);
   EXPECT_EQ(plain->RecordedDigest(IdOf(tool)), nullptr);
   const auto checked = Tables::Build(input, StatResolver, true);
-  const Digest* recorded = checked->RecordedDigest(IdOf(tool));
+  const Digest *recorded = checked->RecordedDigest(IdOf(tool));
   ASSERT_NE(recorded, nullptr);
   // sha256("abc")
   const unsigned char abc[4] = {0xba, 0x78, 0x16, 0xbf};
@@ -155,5 +157,5 @@ TEST_F(TablesTest, IntegrityRecordsTheContentOfEachResource) {
   EXPECT_NE(now, *recorded);
 }
 
-}  // namespace
-}  // namespace aec::engine
+} // namespace
+} // namespace aec::engine
