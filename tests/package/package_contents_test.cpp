@@ -88,7 +88,10 @@ TEST_F(PackageContentsTest,
                        "./opt/korvex/bin/kxhost",
                        "./opt/korvex/lib/libaec.so",
                        "./opt/korvex/lib/libkxhost.so",
+                       "./opt/korvex/lib/systemd/system/kxaecd.service",
+                       "./opt/korvex/sbin/kxaecd",
                        "./opt/korvex/share/locale/korvex-aec.pot",
+                       "./opt/korvex/share/man/man8/kxaecd.8",
                    }));
 }
 
