@@ -8,7 +8,7 @@
 #include <iostream>
 
 #include "command_line.h"
-#include "plugin_loader.h"
+#include "lib/plugin_loader.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
 #include "steps.h"
