@@ -85,6 +85,25 @@ std::string Service::Log() const {
   return text.str();
 }
 
+RunResult RunKxserv(const std::vector<std::string>& args) {
+  // Arguments are test-controlled paths and options without quotes.
+  std::string command = std::string(KX_KXSERV_PATH) + " --plugin " +
+                        KX_PLUGIN_PATH;
+  for (const auto& arg : args) command += " '" + arg + "'";
+  command += " 2>&1 </dev/null";
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) throw std::runtime_error("popen failed");
+  RunResult result;
+  char buffer[4096];
+  std::size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+    result.output.append(buffer, n);
+  }
+  const int status = pclose(pipe);
+  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
 std::string Ask(const std::string& socket, const std::string& request) {
   const int fd = kxserv::ConnectTo(socket);
   try {

@@ -35,6 +35,14 @@ class Service {
   std::string log_;
 };
 
+// Runs the built kxserv with `args` (and --plugin) to its end; standard
+// output and error together.
+struct RunResult {
+  int exit_code = -1;
+  std::string output;
+};
+RunResult RunKxserv(const std::vector<std::string>& args);
+
 // One request over a new connection; the reply payload.
 std::string Ask(const std::string& socket, const std::string& request);
 
