@@ -46,12 +46,15 @@ TEST_F(ServiceTest, PluginIsInitialisedOnceForManyRequests) {
 TEST_F(ServiceTest, SigtermLetsTheRunningRequestFinish) {
   // The rule-control tool takes a second: the request is still running when
   // the signal comes.
-  kxtest::WriteFile("/opt/korvex/bin/kxaecctl", "#!/bin/sh\nsleep 1\nexit 0\n",
+  kxtest::WriteFile("/opt/korvex/bin/kxaecctl",
+                    "#!/bin/sh\ntouch /opt/korvex/var/tmp/tool-started\n"
+                    "sleep 1\nexit 0\n",
                     0755);
   Service service(root_.dir());
   const int fd = kxserv::ConnectTo(socket());
   kxserv::SendFrame(fd, SetPoliciesRequest(StatePolicies(1, 0)));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  ASSERT_TRUE(WaitFor(
+      [] { return kxtest::Exists("/opt/korvex/var/tmp/tool-started"); }));
   kill(service.pid(), SIGTERM);
   const std::string reply = kxserv::ReadFrame(fd, 10000);
   close(fd);
