@@ -441,7 +441,11 @@ void Server::DrainCompletions() {
   for (auto& done : completions) {
     // The client may have gone while its request ran.
     if (!clients_.count(done.client)) continue;
-    clients_.at(done.client).busy = false;
+    Client& client = clients_.at(done.client);
+    client.busy = false;
+    // The silence that may time a client out starts with its answer: the
+    // time its request waited and ran is the service's, not the client's.
+    client.last_read = Clock::now();
     if (!Send(done.client, done.reply)) continue;
     if (stopping_) continue;
     // Data that arrived while it was busy is still in the socket.

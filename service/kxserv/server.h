@@ -58,7 +58,7 @@ class Server {
     bool busy = false;        // a request of it is on the worker
     bool subscribed = false;
     bool closing = false;     // close once `out` is written
-    Clock::time_point last_read;
+    Clock::time_point last_read;    // or the last reply, when later
     Clock::time_point write_since;  // when `out` last became non-empty
   };
   struct Completion {

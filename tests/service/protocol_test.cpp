@@ -132,6 +132,21 @@ TEST_F(ServiceTest, SilentClientTimesOutWithAReason) {
   close(fd);
 }
 
+TEST_F(ServiceTest, TimeSpentOnTheRequestDoesNotCountAsSilence) {
+  Configure("read_timeout_ms = 300\n");
+  kxtest::WriteFile("/opt/korvex/bin/kxaecctl", "#!/bin/sh\nsleep 1\nexit 0\n",
+                    0755);
+  Service service(root_.dir());
+  const int fd = ConnectTo(socket());
+  SendFrame(fd, "<kxserv command=\"set-policies\"><policies><policy "
+                "group=\"aec\" name=\"state\" source=\"local\"><type>1</type>"
+                "</policy></policies></kxserv>");
+  EXPECT_EQ(Field(ReadFrame(fd, 10000), "result"), "1");
+  SendFrame(fd, kInfo);
+  EXPECT_EQ(Field(ReadFrame(fd, 5000), "name"), "aec");
+  close(fd);
+}
+
 TEST_F(ServiceTest, SilentClientDoesNotStallOthers) {
   Service service(root_.dir());
   // Half a frame, then nothing.
