@@ -141,14 +141,13 @@ int main(int argc, char** argv) {
   runtime.keep_events = false;
   runtime.host_ident = "kx_serv";
   if (!options.root.empty()) {
+    // No events file: a long-running service would grow it with every
+    // reply; the events reach the observer below.
     try {
-      kxhost::SeedFreshInstall(options.root);
-      kxhost::EnterSandbox(options.root);
+      kxhost::EnterSandboxedRoot(options.root, &runtime);
     } catch (const std::runtime_error& e) {
       return Fail(e.what());
     }
-    runtime.sysctl_root = "/opt/korvex/var/run/sysctl";
-    runtime.events_file = "/opt/korvex/var/log/kxhost-events.log";
   }
   kxhost::Configure(runtime);
 

@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -85,6 +86,10 @@ void Server::Open(const std::string& socket_path) {
     throw std::runtime_error("another kxserv is serving " + socket_path);
   } catch (const SocketError&) {
   }
+  // var/run is the service's own; a fresh installation need not have it.
+  boost::system::error_code made;
+  boost::filesystem::create_directories(
+      boost::filesystem::path(socket_path).parent_path(), made);
   struct stat info;
   if (lstat(socket_path.c_str(), &info) == 0) {
     if (!S_ISSOCK(info.st_mode)) {

@@ -78,14 +78,15 @@ TEST_F(PackageInstallTest, PostinstMakesWhatTheHostSeedsForAFreshInstall) {
             ReadFile(seeded + "/etc/aec/white-list.config"));
   EXPECT_EQ(ReadFile(kCrcList), ReadFile(seeded + "/etc/aec/crc-rule.conf"));
   // The host's seed has var/run/sysctl, its stand-in for /proc/sys; the
-  // package's root has lib/ and share/ with its files.
+  // package's root has lib/, sbin/ and share/ with its files.
   std::vector<std::string> expected;
   for (const auto& dir : Directories(seeded)) {
     if (dir.rfind("var/run", 0) != 0) expected.push_back(dir);
   }
   std::vector<std::string> installed;
   for (const auto& dir : Directories(kRoot)) {
-    if (dir.rfind("lib", 0) != 0 && dir.rfind("share", 0) != 0) {
+    if (dir.rfind("lib", 0) != 0 && dir.rfind("share", 0) != 0 &&
+        dir != "sbin") {
       installed.push_back(dir);
     }
   }
