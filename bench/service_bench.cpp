@@ -208,9 +208,8 @@ int main(int argc, char** argv) {
     const int each = static_cast<int>(socket_requests / clients);
     const Figures f = OverSocket(socket, clients, each, &failures);
     if (clients == 1) one = f;
-    const std::string label =
-        "kxserv, " + std::to_string(clients) + " client" +
-        (clients == 1 ? "" : "s");
+    const std::string label = "kxserv, " + std::to_string(clients) + " client" +
+                              (clients == 1 ? "" : "s");
     Print(label.c_str(), f);
   }
   const Figures shot = OneShot(root, 20);
@@ -224,9 +223,10 @@ int main(int argc, char** argv) {
   const long each = memory_requests / clients;
   OverSocket(socket, clients, static_cast<int>(each), &failures);
   const long rss_after = RssKib(service);
-  std::printf("kxserv VmRSS: %ld KiB before, %ld KiB after %ld more requests "
-              "(%+ld KiB)\n",
-              rss_before, rss_after, each * clients, rss_after - rss_before);
+  std::printf(
+      "kxserv VmRSS: %ld KiB before, %ld KiB after %ld more requests "
+      "(%+ld KiB)\n",
+      rss_before, rss_after, each * clients, rss_after - rss_before);
   if (failures.load() != 0) {
     std::printf("%d replies did not list the rules\n", failures.load());
   }

@@ -73,8 +73,7 @@ int ConnectTo(const std::string& path) {
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) throw SocketError(Errno("socket"));
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) !=
-      0) {
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     const std::string reason = Errno("cannot connect to " + path);
     close(fd);
     throw SocketError(reason);

@@ -30,7 +30,8 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
 const char kUsage[] =
-    "Usage: kxserv [--foreground] [--root DIR] [--plugin PATH] [--config FILE]\n"
+    "Usage: kxserv [--foreground] [--root DIR] [--plugin PATH] [--config "
+    "FILE]\n"
     "              [-v]\n"
     "The Korvex agent's service: loads the execution control plug-in once and\n"
     "serves management clients on /opt/korvex/var/run/kxserv.sock.\n"
@@ -203,8 +204,7 @@ int main(int argc, char** argv) {
   std::string reason;
   if (kxserv::ReadStationBlock(&reason)) {
     kxserv::Log(LOG_CRIT, "the station is blocked: " + reason + " (remove " +
-                              std::string(kxserv::kBlockFile) +
-                              " to lift it)");
+                              std::string(kxserv::kBlockFile) + " to lift it)");
   }
   kxserv::Log(LOG_INFO, "serving " + kxserv::SocketPath("/opt/korvex"));
   kxserv::NotifyReady();

@@ -53,10 +53,9 @@ int NotifyTerminals(const std::string& utmp_file, const std::string& title,
   if (localtime_r(&now, &local) != nullptr) {
     std::strftime(stamp, sizeof stamp, "%a %b %e %H:%M:%S %Y", &local);
   }
-  const std::string notice = "\r\n\aNotice from the Korvex agent (" +
-                             std::string(stamp) + "):\r\n\r\n" +
-                             Printable(title) + "\r\n" + Printable(text) +
-                             "\r\n";
+  const std::string notice =
+      "\r\n\aNotice from the Korvex agent (" + std::string(stamp) +
+      "):\r\n\r\n" + Printable(title) + "\r\n" + Printable(text) + "\r\n";
   int reached = 0;
   std::vector<std::string> done;
   struct utmp entry;
@@ -73,7 +72,8 @@ int NotifyTerminals(const std::string& utmp_file, const std::string& title,
                         O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) continue;
     struct stat info;
-    if (fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) && WriteAll(fd, notice)) {
+    if (fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) &&
+        WriteAll(fd, notice)) {
       ++reached;
     }
     close(fd);

@@ -13,8 +13,8 @@ bool MayTalk(uid_t uid, gid_t gid, const std::string& group) {
   std::vector<char> buffer(16384);
   struct group entry;
   struct group* found = nullptr;
-  if (getgrnam_r(group.c_str(), &entry, buffer.data(), buffer.size(),
-                 &found) != 0 ||
+  if (getgrnam_r(group.c_str(), &entry, buffer.data(), buffer.size(), &found) !=
+          0 ||
       found == nullptr) {
     return false;
   }

@@ -26,10 +26,9 @@ bool NotifyReady() {
   const std::string message = "READY=1\nSTATUS=serving\n";
   const socklen_t size =
       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
-  const bool sent =
-      sendto(fd, message.data(), message.size(), MSG_NOSIGNAL,
-             reinterpret_cast<sockaddr*>(&address), size) ==
-      static_cast<ssize_t>(message.size());
+  const bool sent = sendto(fd, message.data(), message.size(), MSG_NOSIGNAL,
+                           reinterpret_cast<sockaddr*>(&address),
+                           size) == static_cast<ssize_t>(message.size());
   close(fd);
   return sent;
 }

@@ -102,8 +102,7 @@ std::string State(const kxhost::PluginEntryPoints& plugin,
   reply->AddValue("subscribers", std::to_string(status.subscribers), false);
   reply->AddValue("requests", std::to_string(status.requests), false);
   reply->AddValue("refused", std::to_string(status.refused), false);
-  reply->AddValue("station_blocked", status.station_blocked ? "1" : "0",
-                  false);
+  reply->AddValue("station_blocked", status.station_blocked ? "1" : "0", false);
   if (status.station_blocked) {
     reply->AddValue("block_reason", status.block_reason, false);
   }

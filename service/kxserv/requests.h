@@ -36,8 +36,9 @@ std::string ErrorReply(const std::string& code, const std::string& text);
 
 // plugin_exec with the document; the plug-in's reply document, or an
 // "unanswered" error when it released the request without one.
-std::string RunPluginRequest(const kxhost::PluginEntryPoints& plugin,
-                             const boost::shared_ptr<kxhost::XmlDocument>& request);
+std::string RunPluginRequest(
+    const kxhost::PluginEntryPoints& plugin,
+    const boost::shared_ptr<kxhost::XmlDocument>& request);
 
 // policies, set-policies, import-policies, info, state. (subscribe never
 // reaches the worker.) Unknown commands get an "unknown_command" error.

@@ -131,9 +131,8 @@ void Server::Open(const std::string& socket_path) {
 void Server::Run(const Worker::Job& last) {
   std::vector<epoll_event> ready(64);
   while (!stopping_) {
-    const int count =
-        epoll_wait(epoll_fd_, ready.data(), static_cast<int>(ready.size()),
-                   kTickMs);
+    const int count = epoll_wait(epoll_fd_, ready.data(),
+                                 static_cast<int>(ready.size()), kTickMs);
     if (count < 0 && errno != EINTR) {
       Log(LOG_ERR, Errno("epoll_wait"));
       break;
@@ -233,10 +232,9 @@ void Server::Accept() {
       continue;
     }
     if (static_cast<int>(clients_.size()) > config_.max_clients) {
-      Log(LOG_WARNING, "refused a connection from uid " +
-                           std::to_string(peer.uid) + ": " +
-                           std::to_string(config_.max_clients) +
-                           " clients are connected");
+      Log(LOG_WARNING,
+          "refused a connection from uid " + std::to_string(peer.uid) + ": " +
+              std::to_string(config_.max_clients) + " clients are connected");
       Refuse(id, "busy",
              "the service already serves its limit of " +
                  std::to_string(config_.max_clients) + " clients");
@@ -244,15 +242,15 @@ void Server::Accept() {
     }
     if (!MayTalk(peer.uid, peer.gid, config_.admin_group)) {
       ++refused_;
-      Log(LOG_WARNING, "refused a connection from uid " +
-                           std::to_string(peer.uid) +
-                           " (pid " + std::to_string(peer.pid) +
-                           "): not root and not a member of group " +
-                           config_.admin_group);
+      Log(LOG_WARNING,
+          "refused a connection from uid " + std::to_string(peer.uid) +
+              " (pid " + std::to_string(peer.pid) +
+              "): not root and not a member of group " + config_.admin_group);
       Refuse(id, "refused",
              "uid " + std::to_string(peer.uid) +
                  " may not use this service: only root and members of "
-                 "group " + config_.admin_group + " may");
+                 "group " +
+                 config_.admin_group + " may");
     }
   }
 }
@@ -277,9 +275,10 @@ bool Server::ReadFrom(std::uint64_t id) {
     if (!NextRequest(id)) return false;
     Client& still = clients_.at(id);
     if (still.busy) return true;
-    Close(id, still.in.empty() ? "" : "connection ended inside a frame (" +
-                                          std::to_string(still.in.size()) +
-                                          " bytes unread)");
+    Close(id, still.in.empty()
+                  ? ""
+                  : "connection ended inside a frame (" +
+                        std::to_string(still.in.size()) + " bytes unread)");
     return false;
   }
   return NextRequest(id);
@@ -427,8 +426,8 @@ void Server::Close(std::uint64_t id, const std::string& why) {
   auto it = clients_.find(id);
   if (it == clients_.end()) return;
   if (!why.empty()) {
-    Log(LOG_WARNING, "dropped client uid " + std::to_string(it->second.uid) +
-                         ": " + why);
+    Log(LOG_WARNING,
+        "dropped client uid " + std::to_string(it->second.uid) + ": " + why);
   }
   epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, it->second.fd, nullptr);
   close(it->second.fd);
@@ -475,7 +474,8 @@ void Server::SweepTimeouts() {
   for (const auto& entry : clients_) {
     const Client& client = entry.second;
     if (client.out.size() > client.out_done) {
-      if (now - client.write_since > write_limit) stalled.push_back(entry.first);
+      if (now - client.write_since > write_limit)
+        stalled.push_back(entry.first);
       continue;
     }
     if (!client.busy && !client.subscribed && !client.closing &&
@@ -489,11 +489,10 @@ void Server::SweepTimeouts() {
   }
   for (auto id : silent) {
     const bool partial = !clients_.at(id).in.empty();
-    Log(LOG_WARNING, "client uid " + std::to_string(clients_.at(id).uid) +
-                         (partial ? " left a frame unfinished"
-                                  : " sent nothing") +
-                         " for " + std::to_string(config_.read_timeout_ms) +
-                         " ms");
+    Log(LOG_WARNING,
+        "client uid " + std::to_string(clients_.at(id).uid) +
+            (partial ? " left a frame unfinished" : " sent nothing") + " for " +
+            std::to_string(config_.read_timeout_ms) + " ms");
     Refuse(id, "timeout",
            std::string(partial ? "the request frame was not completed"
                                : "no request arrived") +
@@ -516,8 +515,8 @@ void Server::Signal() {
 void Server::Reload() {
   try {
     config_ = ReadConfig(config_path_);
-    Log(LOG_INFO, "configuration re-read from " + config_path_ +
-                      " (group " + config_.admin_group + ")");
+    Log(LOG_INFO, "configuration re-read from " + config_path_ + " (group " +
+                      config_.admin_group + ")");
   } catch (const ConfigError& e) {
     Log(LOG_ERR, std::string("configuration not changed: ") + e.what());
   }
@@ -526,7 +525,8 @@ void Server::Reload() {
 ServiceStatus Server::Status() const {
   ServiceStatus status;
   status.clients = static_cast<int>(clients_.size());
-  for (const auto& entry : clients_) status.subscribers += entry.second.subscribed;
+  for (const auto& entry : clients_)
+    status.subscribers += entry.second.subscribed;
   status.requests = requests_;
   status.refused = refused_;
   status.station_blocked = ReadStationBlock(&status.block_reason);

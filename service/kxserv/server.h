@@ -55,9 +55,9 @@ class Server {
     std::string in;
     std::string out;
     std::size_t out_done = 0;  // bytes of `out` already written
-    bool busy = false;        // a request of it is on the worker
+    bool busy = false;         // a request of it is on the worker
     bool subscribed = false;
-    bool closing = false;     // close once `out` is written
+    bool closing = false;           // close once `out` is written
     Clock::time_point last_read;    // or the last reply, when later
     Clock::time_point write_since;  // when `out` last became non-empty
   };

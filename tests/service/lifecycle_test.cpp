@@ -69,9 +69,8 @@ TEST_F(ServiceTest, TellsSystemdWhenReady) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, path.c_str());
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address),
-                 sizeof address),
-            0);
+  ASSERT_EQ(
+      bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   Service service(root_.dir(), {"NOTIFY_SOCKET=" + path});
   char buffer[256] = {};
   timeval wait{5, 0};
@@ -84,8 +83,8 @@ TEST_F(ServiceTest, TellsSystemdWhenReady) {
 
 TEST_F(ServiceTest, SighupRereadsTheConfiguration) {
   Service service(root_.dir());
-  const std::string request = "<kxserv command=\"info\"/>" +
-                              std::string(200, ' ');
+  const std::string request =
+      "<kxserv command=\"info\"/>" + std::string(200, ' ');
   EXPECT_EQ(Field(Ask(socket(), request), "result"), "1");
   Configure("max_request = 100\n");
   kill(service.pid(), SIGHUP);
@@ -100,8 +99,7 @@ TEST_F(ServiceTest, BadConfigurationOnSighupKeepsTheOldOne) {
   Configure("max_requests = 100\n");
   kill(service.pid(), SIGHUP);
   ASSERT_TRUE(WaitFor([&] {
-    return service.Log().find("configuration not changed") !=
-           std::string::npos;
+    return service.Log().find("configuration not changed") != std::string::npos;
   }));
   EXPECT_EQ(Field(Ask(socket(), "<kxserv command=\"info\"/>"), "result"), "1");
 }
@@ -129,7 +127,8 @@ TEST_F(ServiceTest, HelpDescribesTheOptions) {
   EXPECT_EQ(RunKxserv({"--bogus"}).exit_code, 2);
 }
 
-TEST_F(ServiceTest, KillNineAndRestartKeepsRulesWhitelistSettingsAndConfirmation) {
+TEST_F(ServiceTest,
+       KillNineAndRestartKeepsRulesWhitelistSettingsAndConfirmation) {
   std::string before;
   {
     Service service(root_.dir());
@@ -139,9 +138,9 @@ TEST_F(ServiceTest, KillNineAndRestartKeepsRulesWhitelistSettingsAndConfirmation
                           "</json></kxserv>");
     ASSERT_EQ(Field(import, "result"), "1") << import;
     // Control on, hard mode: waits for confirmation; then confirmed.
-    ASSERT_EQ(Field(Ask(socket(), SetPoliciesRequest(StatePolicies(1, 1))),
-                    "result"),
-              "1");
+    ASSERT_EQ(
+        Field(Ask(socket(), SetPoliciesRequest(StatePolicies(1, 1))), "result"),
+        "1");
     const std::string confirm =
         Ask(socket(), "<request command=\"confirm_hard_mode\"/>");
     ASSERT_EQ(Field(confirm, "result"), "1") << confirm;
@@ -165,8 +164,9 @@ TEST_F(ServiceTest, KillNineAndRestartKeepsRulesWhitelistSettingsAndConfirmation
   EXPECT_EQ(after, before);
   const std::string policies = Ask(socket(), "<kxserv command=\"policies\"/>");
   EXPECT_NE(policies.find("name=\"state\""), std::string::npos);
-  EXPECT_EQ(kxtest::ReadFile("/opt/korvex/var/run/sysctl/korvex/secure/environment"),
-            "3");
+  EXPECT_EQ(
+      kxtest::ReadFile("/opt/korvex/var/run/sysctl/korvex/secure/environment"),
+      "3");
 }
 
 }  // namespace

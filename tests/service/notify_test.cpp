@@ -81,9 +81,9 @@ TEST_F(ServiceTest, NoticeReachesLoggedInUsersTerminals) {
   Configure("utmp_file = /opt/korvex/var/run/test-utmp\n");
   {
     Service before_reboot(root_.dir());
-    ASSERT_EQ(Field(Ask(socket(), SetPoliciesRequest(StatePolicies(1, 1))),
-                    "result"),
-              "1");
+    ASSERT_EQ(
+        Field(Ask(socket(), SetPoliciesRequest(StatePolicies(1, 1))), "result"),
+        "1");
   }
   // Hard mode waits for its confirmation across a reboot (which empties
   // var/tmp/rm); the plug-in then tells every logged-in user as the service
@@ -103,7 +103,8 @@ TEST_F(ServiceTest, NoticeReachesLoggedInUsersTerminals) {
   })) << shown;
   EXPECT_NE(shown.find("ALERT"), std::string::npos);
   EXPECT_TRUE(WaitFor([&] {
-    return service.Log().find("notice to logged-in users (1 terminals): ALERT") !=
+    return service.Log().find(
+               "notice to logged-in users (1 terminals): ALERT") !=
            std::string::npos;
   })) << service.Log();
   close(slave);

@@ -24,11 +24,13 @@ inline std::string ImportDocument(const std::string& rule,
                                   const std::string& user) {
   return R"({"policies": [
   {"group": "aec", "name": "rules", "source": "local", "value": [
-    {"name": ")" + rule + R"(", "all_allowed": "false", "extended": "false",
+    {"name": ")" +
+         rule + R"(", "all_allowed": "false", "extended": "false",
      "system": "false", "enable": "true", "user_list": ["root"],
      "group_list": "", "resource_list": ["/bin/ls", "/bin/cat"]}]},
   {"group": "aec", "name": "whitelist", "source": "local", "value": [
-    {"name": ")" + user + R"(", "type": "user"}]},
+    {"name": ")" +
+         user + R"(", "type": "user"}]},
   {"group": "aec", "name": "exceptions", "source": "local",
    "value": ["/usr/lib/libexample.so"]}
 ]})";

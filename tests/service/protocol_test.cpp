@@ -1,8 +1,8 @@
 // The management socket: framing, limits, timeouts, bad input, many clients.
 #include <grp.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -138,9 +138,10 @@ TEST_F(ServiceTest, TimeSpentOnTheRequestDoesNotCountAsSilence) {
                     0755);
   Service service(root_.dir());
   const int fd = ConnectTo(socket());
-  SendFrame(fd, "<kxserv command=\"set-policies\"><policies><policy "
-                "group=\"aec\" name=\"state\" source=\"local\"><type>1</type>"
-                "</policy></policies></kxserv>");
+  SendFrame(fd,
+            "<kxserv command=\"set-policies\"><policies><policy "
+            "group=\"aec\" name=\"state\" source=\"local\"><type>1</type>"
+            "</policy></policies></kxserv>");
   EXPECT_EQ(Field(ReadFrame(fd, 10000), "result"), "1");
   SendFrame(fd, kInfo);
   EXPECT_EQ(Field(ReadFrame(fd, 5000), "name"), "aec");
@@ -184,10 +185,10 @@ TEST_F(ServiceTest, ManyClientsGetTheirOwnRepliesInOrder) {
       for (int i = 0; i < kRequests; ++i) {
         // The rule name comes back in the reply's error text: each reply
         // shows which request it answers.
-        const std::string name = "client" + std::to_string(c) + "-request" +
-                                 std::to_string(i);
-        SendFrame(fd, "<request command=\"get\"><rule>" + name +
-                          "</rule></request>");
+        const std::string name =
+            "client" + std::to_string(c) + "-request" + std::to_string(i);
+        SendFrame(
+            fd, "<request command=\"get\"><rule>" + name + "</rule></request>");
         const std::string reply = ReadFrame(fd, 60000);
         if (Field(reply, "error_desc") != "Rule does not exists: " + name) {
           ++mismatches;
@@ -211,8 +212,8 @@ TEST_F(ServiceTest, ClientKilledMidRequestLeavesTheServiceServing) {
     const int fd = ConnectTo(socket());
     // Many requests sent, no reply read: the child dies with them pending.
     for (int i = 0; i < 200; ++i) {
-      SendFrame(fd, "<request command=\"get\"><rule>" + name +
-                        "</rule></request>");
+      SendFrame(fd,
+                "<request command=\"get\"><rule>" + name + "</rule></request>");
     }
     SendRaw(fd, FrameHeader(1000) + "<request");
     pause();

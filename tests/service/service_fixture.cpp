@@ -68,8 +68,8 @@ int Service::Stop(int signal) {
   if (pid_ <= 0) return -1;
   kill(pid_, signal);
   int status = 0;
-  const bool ended = WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; },
-                             20);
+  const bool ended =
+      WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, 20);
   if (!ended) {
     kill(pid_, SIGKILL);
     waitpid(pid_, &status, 0);
@@ -87,8 +87,8 @@ std::string Service::Log() const {
 
 RunResult RunKxserv(const std::vector<std::string>& args) {
   // Arguments are test-controlled paths and options without quotes.
-  std::string command = std::string(KX_KXSERV_PATH) + " --plugin " +
-                        KX_PLUGIN_PATH;
+  std::string command =
+      std::string(KX_KXSERV_PATH) + " --plugin " + KX_PLUGIN_PATH;
   for (const auto& arg : args) command += " '" + arg + "'";
   command += " 2>&1 </dev/null";
   FILE* pipe = popen(command.c_str(), "r");
@@ -141,8 +141,9 @@ std::string Field(const std::string& reply, const std::string& name) {
 }
 
 bool WaitFor(const std::function<bool()>& condition, double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() +
-                        std::chrono::milliseconds(static_cast<int>(seconds * 1000));
+  const auto deadline =
+      std::chrono::steady_clock::now() +
+      std::chrono::milliseconds(static_cast<int>(seconds * 1000));
   for (;;) {
     if (condition()) return true;
     if (std::chrono::steady_clock::now() > deadline) return false;

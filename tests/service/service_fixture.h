@@ -13,8 +13,8 @@ namespace servicetest {
 
 // Starts the built kxserv with --root `root` and waits (10 s at most) until
 // its socket answers. Its standard error (-v: every log line) goes to
-// `root`/var/log/kxserv.stderr; Log() reads it. Stopped with SIGTERM (and reaped)
-// when the object goes, unless Stop or Kill ran.
+// `root`/var/log/kxserv.stderr; Log() reads it. Stopped with SIGTERM (and
+// reaped) when the object goes, unless Stop or Kill ran.
 class Service {
  public:
   explicit Service(const std::string& root,

@@ -14,9 +14,9 @@ const std::string kSpool = "/opt/korvex/var/spool/policies/";
 // Written beside the spool as a dot-file and renamed in, as a writer must.
 void Drop(const std::string& name, const std::string& content) {
   kxtest::WriteFile(kSpool + "." + name + ".part", content);
-  ASSERT_EQ(rename((kSpool + "." + name + ".part").c_str(),
-                   (kSpool + name).c_str()),
-            0);
+  ASSERT_EQ(
+      rename((kSpool + "." + name + ".part").c_str(), (kSpool + name).c_str()),
+      0);
 }
 
 std::string Policies(const std::string& socket) {
@@ -26,11 +26,13 @@ std::string Policies(const std::string& socket) {
 TEST_F(ServiceTest, SpoolXmlDocumentIsAppliedAndMovedToDone) {
   Service service(root_.dir());
   Drop("10-control-on.xml", StatePolicies(1, 0));
-  ASSERT_TRUE(WaitFor([] { return kxtest::Exists(kSpool + "done/10-control-on.xml"); }))
-      << service.Log();
+  ASSERT_TRUE(WaitFor([] {
+    return kxtest::Exists(kSpool + "done/10-control-on.xml");
+  })) << service.Log();
   EXPECT_FALSE(kxtest::Exists(kSpool + "10-control-on.xml"));
-  EXPECT_EQ(kxtest::ReadFile("/opt/korvex/var/run/sysctl/korvex/secure/environment"),
-            "1");
+  EXPECT_EQ(
+      kxtest::ReadFile("/opt/korvex/var/run/sysctl/korvex/secure/environment"),
+      "1");
   EXPECT_NE(service.Log().find("spool: applied 10-control-on.xml"),
             std::string::npos);
 }
@@ -41,8 +43,9 @@ TEST_F(ServiceTest, SpoolJsonDocumentIsImported) {
   ASSERT_TRUE(WaitFor([] { return kxtest::Exists(kSpool + "done/20-import"); }))
       << service.Log();
   EXPECT_TRUE(kxtest::Exists("/opt/korvex/etc/aec/rules/from-spool.conf"));
-  EXPECT_NE(kxtest::ReadFile("/opt/korvex/etc/aec/white-list.config").find("bob"),
-            std::string::npos);
+  EXPECT_NE(
+      kxtest::ReadFile("/opt/korvex/etc/aec/white-list.config").find("bob"),
+      std::string::npos);
 }
 
 TEST_F(ServiceTest, BadSpoolDocumentGoesToFailedWithItsReason) {
@@ -73,8 +76,9 @@ TEST_F(ServiceTest, WaitingDocumentsAreAppliedAtStartInNameOrder) {
            kxtest::Exists(kSpool + "done/b-control-off.xml");
   })) << service.Log();
   // b came last: control is off.
-  EXPECT_EQ(kxtest::ReadFile("/opt/korvex/var/run/sysctl/korvex/secure/environment"),
-            "0");
+  EXPECT_EQ(
+      kxtest::ReadFile("/opt/korvex/var/run/sysctl/korvex/secure/environment"),
+      "0");
   const std::string log = service.Log();
   EXPECT_LT(log.find("spool: applied a-control-on.xml"),
             log.find("spool: applied b-control-off.xml"));
@@ -85,7 +89,8 @@ TEST_F(ServiceTest, HalfWrittenDotFileIsNeverRead) {
   kxtest::WriteFile(kSpool + ".incoming.xml", "<policies><policy group=");
   // A document renamed in afterwards is applied; the dot-file stays as it is.
   Drop("40-control-on.xml", StatePolicies(1, 0));
-  ASSERT_TRUE(WaitFor([] { return kxtest::Exists(kSpool + "done/40-control-on.xml"); }));
+  ASSERT_TRUE(WaitFor(
+      [] { return kxtest::Exists(kSpool + "done/40-control-on.xml"); }));
   EXPECT_TRUE(kxtest::Exists(kSpool + ".incoming.xml"));
   EXPECT_FALSE(kxtest::Exists(kSpool + "failed/.incoming.xml"));
 }
@@ -93,9 +98,11 @@ TEST_F(ServiceTest, HalfWrittenDotFileIsNeverRead) {
 TEST_F(ServiceTest, SameNameDroppedTwiceIsKeptTwiceInDone) {
   Service service(root_.dir());
   Drop("50-on.xml", StatePolicies(1, 0));
-  ASSERT_TRUE(WaitFor([] { return kxtest::Exists(kSpool + "done/50-on.xml"); }));
+  ASSERT_TRUE(
+      WaitFor([] { return kxtest::Exists(kSpool + "done/50-on.xml"); }));
   Drop("50-on.xml", StatePolicies(1, 0));
-  ASSERT_TRUE(WaitFor([] { return kxtest::Exists(kSpool + "done/50-on.xml.1"); }));
+  ASSERT_TRUE(
+      WaitFor([] { return kxtest::Exists(kSpool + "done/50-on.xml.1"); }));
 }
 
 }  // namespace
