@@ -48,8 +48,8 @@ const char kUsage[] =
     "                 none; watch never times out)\n"
     "\n"
     "The reply document is printed on standard output.\n"
-    "Exit codes: 0 every result in the reply is 1; 1 a result is 0 or there\n"
-    "is none (the reason is in the reply); 2 usage or unreadable input;\n"
+    "Exit codes: 0 every result in the reply is 1 (or it has none); 1 a\n"
+    "result is 0 (the reason is in the reply); 2 usage or unreadable input;\n"
     "3 the service cannot be reached or broke the connection.\n";
 
 struct Usage {
@@ -144,8 +144,10 @@ void CountResults(const boost::property_tree::ptree& tree, int* all,
   }
 }
 
-// A reply succeeded when it holds a result and every result in it is 1 (a
-// `get` answers with one section, and one result, per part asked for).
+// A reply succeeded when every result in it is 1 (a `get` answers with one
+// section, and one result, per part asked for); a reply that carries no
+// result at all (`status_confirmation` reports a state) succeeded too.
+// Errors of the service always carry result 0.
 bool Succeeded(const std::string& reply) {
   boost::shared_ptr<kxhost::XmlDocument> document;
   try {
@@ -155,7 +157,7 @@ bool Succeeded(const std::string& reply) {
   }
   int all = 0, failed = 0;
   CountResults(document->Tree(), &all, &failed);
-  return all > 0 && failed == 0;
+  return failed == 0;
 }
 
 void PrintReply(const std::string& reply) {
