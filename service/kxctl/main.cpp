@@ -222,8 +222,21 @@ int main(int argc, char** argv) {
         words[0] == "watch" ? std::string() : BuildRequest(words);
     const int fd = kxserv::ConnectTo(socket_path);
     if (words[0] == "watch") return Watch(fd, words);
-    kxserv::SendFrame(fd, request);
-    const std::string reply = kxserv::ReadFrame(fd, timeout_ms);
+    // A service that refuses this peer answers before reading the request;
+    // its reply is still there to read when sending fails.
+    std::string send_error;
+    try {
+      kxserv::SendFrame(fd, request);
+    } catch (const kxserv::SocketError& e) {
+      send_error = e.what();
+    }
+    std::string reply;
+    try {
+      reply = kxserv::ReadFrame(fd, timeout_ms);
+    } catch (const kxserv::SocketError&) {
+      if (!send_error.empty()) throw kxserv::SocketError(send_error);
+      throw;
+    }
     close(fd);
     PrintReply(reply);
     return Succeeded(reply) ? 0 : kExitFailed;

@@ -257,6 +257,17 @@ void Server::Accept() {
 
 bool Server::ReadFrom(std::uint64_t id) {
   Client& client = clients_.at(id);
+  if (client.draining) {
+    char scrap[4096];
+    for (;;) {
+      const ssize_t n = read(client.fd, scrap, sizeof scrap);
+      if (n > 0) continue;
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
+      Close(id, "");
+      return false;
+    }
+  }
   if (client.busy || client.closing) return true;
   char buffer[65536];
   for (;;) {
@@ -379,11 +390,18 @@ bool Server::Refuse(std::uint64_t id, const std::string& code,
   client.closing = true;
   client.in.clear();
   if (client.out.size() == client.out_done) {
-    Close(id, "");
-    return false;
+    StartDrain(id, client);
+  } else {
+    UpdateInterest(id, client);
   }
-  UpdateInterest(id, client);
   return true;
+}
+
+void Server::StartDrain(std::uint64_t id, Client& client) {
+  shutdown(client.fd, SHUT_WR);
+  client.draining = true;
+  client.drain_since = Clock::now();
+  UpdateInterest(id, client);
 }
 
 bool Server::WriteTo(std::uint64_t id) {
@@ -405,9 +423,9 @@ bool Server::WriteTo(std::uint64_t id) {
   if (client.out_done == client.out.size()) {
     client.out.clear();
     client.out_done = 0;
-    if (client.closing) {
-      Close(id, "");
-      return false;
+    if (client.closing && !client.draining) {
+      StartDrain(id, client);
+      return true;
     }
   }
   UpdateInterest(id, client);
@@ -417,7 +435,9 @@ bool Server::WriteTo(std::uint64_t id) {
 void Server::UpdateInterest(std::uint64_t id, const Client& client) {
   epoll_event event{};
   event.data.u64 = id;
-  if (!client.busy && !client.closing) event.events |= EPOLLIN;
+  if (client.draining || (!client.busy && !client.closing)) {
+    event.events |= EPOLLIN;
+  }
   if (client.out.size() > client.out_done) event.events |= EPOLLOUT;
   epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, client.fd, &event);
 }
@@ -470,9 +490,15 @@ void Server::SweepTimeouts() {
   const auto now = Clock::now();
   const auto read_limit = std::chrono::milliseconds(config_.read_timeout_ms);
   const auto write_limit = std::chrono::milliseconds(config_.write_timeout_ms);
-  std::vector<std::uint64_t> silent, stalled;
+  std::vector<std::uint64_t> silent, stalled, drained;
   for (const auto& entry : clients_) {
     const Client& client = entry.second;
+    if (client.draining) {
+      if (now - client.drain_since > std::chrono::seconds(1)) {
+        drained.push_back(entry.first);
+      }
+      continue;
+    }
     if (client.out.size() > client.out_done) {
       if (now - client.write_since > write_limit)
         stalled.push_back(entry.first);
@@ -483,6 +509,7 @@ void Server::SweepTimeouts() {
       silent.push_back(entry.first);
     }
   }
+  for (auto id : drained) Close(id, "");
   for (auto id : stalled) {
     Close(id, "took nothing of its replies for " +
                   std::to_string(config_.write_timeout_ms) + " ms");

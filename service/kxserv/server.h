@@ -58,6 +58,11 @@ class Server {
     bool busy = false;         // a request of it is on the worker
     bool subscribed = false;
     bool closing = false;           // close once `out` is written
+    // `out` is written and our side shut down: what the peer still sends
+    // is read and dropped until it closes, so that closing never resets
+    // the connection under a reply the peer has not read yet.
+    bool draining = false;
+    Clock::time_point drain_since;
     Clock::time_point last_read;    // or the last reply, when later
     Clock::time_point write_since;  // when `out` last became non-empty
   };
@@ -78,6 +83,7 @@ class Server {
   bool Refuse(std::uint64_t id, const std::string& code,
               const std::string& text);
   void Close(std::uint64_t id, const std::string& why);
+  void StartDrain(std::uint64_t id, Client& client);
   void UpdateInterest(std::uint64_t id, const Client& client);
   void DrainCompletions();
   void SweepTimeouts();

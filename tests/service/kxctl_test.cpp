@@ -11,45 +11,29 @@
 namespace servicetest {
 namespace {
 
-struct KxctlRun {
-  int exit_code = -1;
-  std::string out;
-};
-
 // kxctl with `args` (test-controlled, no quotes inside), `input` on
 // standard input; standard output only.
-KxctlRun Kxctl(const std::string& args, const std::string& input = "") {
-  const std::string command = "printf '%s' '" + input + "' | " +
-                              std::string(KX_KXCTL_PATH) + " " + args +
-                              " 2>/dev/null";
-  FILE* pipe = popen(command.c_str(), "r");
-  KxctlRun run;
-  char buffer[4096];
-  std::size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    run.out.append(buffer, n);
-  }
-  const int status = pclose(pipe);
-  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+RunResult Kxctl(const std::string& args, const std::string& input = "") {
+  return RunShell("printf '%s' '" + input + "' | " +
+                  std::string(KX_KXCTL_PATH) + " " + args + " 2>/dev/null");
 }
 
 TEST_F(ServiceTest, KxctlExitsZeroWhenTheResultIsOne) {
   Service service(root_.dir());
-  const KxctlRun info = Kxctl("--root " + root_.dir() + " info");
+  const RunResult info = Kxctl("--root " + root_.dir() + " info");
   EXPECT_EQ(info.exit_code, 0);
-  EXPECT_EQ(Field(info.out, "name"), "aec");
-  const KxctlRun get =
+  EXPECT_EQ(Field(info.output, "name"), "aec");
+  const RunResult get =
       Kxctl("--root " + root_.dir() + " request get @whitelist=1");
-  EXPECT_EQ(get.exit_code, 0) << get.out;
+  EXPECT_EQ(get.exit_code, 0) << get.output;
 }
 
 TEST_F(ServiceTest, KxctlExitsOneWhenAResultIsZero) {
   Service service(root_.dir());
-  const KxctlRun missing =
+  const RunResult missing =
       Kxctl("--root " + root_.dir() + " request get rule=no-such-rule");
   EXPECT_EQ(missing.exit_code, 1);
-  EXPECT_EQ(Field(missing.out, "error_desc"),
+  EXPECT_EQ(Field(missing.output, "error_desc"),
             "Rule does not exists: no-such-rule");
   EXPECT_EQ(
       Kxctl("--root " + root_.dir() + " send -", "<request command=\"nope\"/>")
@@ -65,15 +49,15 @@ TEST_F(ServiceTest, KxctlReportsUsageAndUnreachableServiceApart) {
 
 TEST_F(ServiceTest, KxctlSendsStandardInputAsItIs) {
   Service service(root_.dir());
-  const KxctlRun run = Kxctl("--socket " + socket() + " send -",
-                             "<request command=\"status_confirmation\"/>");
-  EXPECT_EQ(run.exit_code, 0) << run.out;
-  EXPECT_NE(run.out.find("<status_confirmation>"), std::string::npos);
+  const RunResult run = Kxctl("--socket " + socket() + " send -",
+                              "<request command=\"status_confirmation\"/>");
+  EXPECT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_NE(run.output.find("<status_confirmation>"), std::string::npos);
 }
 
 TEST_F(ServiceTest, KxctlWatchPrintsTheNotification) {
   Service service(root_.dir());
-  KxctlRun watched;
+  RunResult watched;
   std::thread watcher(
       [&] { watched = Kxctl("--root " + root_.dir() + " watch --count 1"); });
   // The watcher is subscribed once the service counts a subscriber.
@@ -84,9 +68,9 @@ TEST_F(ServiceTest, KxctlWatchPrintsTheNotification) {
   Ask(socket(), SetPoliciesRequest(StatePolicies(1, 0)));
   watcher.join();
   EXPECT_EQ(watched.exit_code, 0);
-  EXPECT_NE(watched.out.find("<event kind=\"update_clients\">"),
+  EXPECT_NE(watched.output.find("<event kind=\"update_clients\">"),
             std::string::npos)
-      << watched.out;
+      << watched.output;
 }
 
 }  // namespace

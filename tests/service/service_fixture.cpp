@@ -85,12 +85,7 @@ std::string Service::Log() const {
   return text.str();
 }
 
-RunResult RunKxserv(const std::vector<std::string>& args) {
-  // Arguments are test-controlled paths and options without quotes.
-  std::string command =
-      std::string(KX_KXSERV_PATH) + " --plugin " + KX_PLUGIN_PATH;
-  for (const auto& arg : args) command += " '" + arg + "'";
-  command += " 2>&1 </dev/null";
+RunResult RunShell(const std::string& command) {
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) throw std::runtime_error("popen failed");
   RunResult result;
@@ -102,6 +97,14 @@ RunResult RunKxserv(const std::vector<std::string>& args) {
   const int status = pclose(pipe);
   result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
+}
+
+RunResult RunKxserv(const std::vector<std::string>& args) {
+  // Arguments are test-controlled paths and options without quotes.
+  std::string command =
+      std::string(KX_KXSERV_PATH) + " --plugin " + KX_PLUGIN_PATH;
+  for (const auto& arg : args) command += " '" + arg + "'";
+  return RunShell(command + " 2>&1 </dev/null");
 }
 
 std::string Ask(const std::string& socket, const std::string& request) {

@@ -42,6 +42,8 @@ struct RunResult {
   std::string output;
 };
 RunResult RunKxserv(const std::vector<std::string>& args);
+// Runs `command` with /bin/sh; its standard output.
+RunResult RunShell(const std::string& command);
 
 // One request over a new connection; the reply payload.
 std::string Ask(const std::string& socket, const std::string& request);
