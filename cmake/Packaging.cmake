@@ -9,10 +9,22 @@
 set(KX_INSTALL_ROOT /opt/korvex)
 
 # Installed into ${KX_INSTALL_ROOT}; the build tree keeps its own RPATH.
-set_target_properties(aec kxhost kxhost_program PROPERTIES
+set_target_properties(aec kxhost kxhost_program kxserv kxctl PROPERTIES
   INSTALL_RPATH ${KX_INSTALL_ROOT}/lib)
 install(TARGETS kxhost aec LIBRARY DESTINATION lib)
-install(TARGETS kxhost_program RUNTIME DESTINATION bin)
+install(TARGETS kxhost_program kxctl RUNTIME DESTINATION bin)
+install(TARGETS kxserv RUNTIME DESTINATION sbin)
+
+# The service's unit stays below the install root like everything else;
+# postinst links it into systemd where systemd runs the machine.
+install(FILES ${PROJECT_SOURCE_DIR}/service/kxserv/kxserv.service
+        DESTINATION lib/systemd/system)
+
+# Every manual page kept beside a program's code (section 8).
+file(GLOB_RECURSE KX_MAN_PAGES CONFIGURE_DEPENDS
+     ${PROJECT_SOURCE_DIR}/host/*.8 ${PROJECT_SOURCE_DIR}/tools/*.8
+     ${PROJECT_SOURCE_DIR}/service/*.8 ${PROJECT_SOURCE_DIR}/engine/*.8)
+install(FILES ${KX_MAN_PAGES} DESTINATION share/man/man8)
 
 # The message catalogue: the template of the plug-in's texts, in the
 # directory kxhost binds the "korvex-aec" domain to. No translation exists
@@ -34,7 +46,8 @@ host-protection agent: named execution-control rules, a whitelist of users\n\
 and groups, resource exceptions, soft and hard mode and the audit switches.\n\
 Ships the stand-alone host (libkxhost.so, kxhost) that loads and drives it,\n\
 and the agent tools it runs: the rule-control tool kxaecctl and the\n\
-integrity tool kxaide. Everything is installed below /opt/korvex.")
+integrity tool kxaide, the service kxserv with its client kxctl, and their\n\
+manual pages. Everything is installed below /opt/korvex.")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Korvex packaging team <packaging@korvex.example>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)

@@ -1,21 +1,31 @@
 #!/usr/bin/env bash
-# Builds everything and tells a short story: the plug-in under kxhost in a
-# sandboxed demo root, with the reference tools installed in it. Nothing is
-# written to the machine's /opt/korvex: kxhost mounts the demo root there in a
-# private mount namespace.
+# Builds everything and tells a short story: the plug-in loaded once by the
+# service kxserv in a sandboxed demo root, with the reference tools installed
+# in it, and every request sent with the client kxctl. Nothing is written to
+# the machine's /opt/korvex: kxserv mounts the demo root there in a private
+# mount namespace.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh
 echo "== building (release preset) =="
 cmake --preset release >/dev/null
-cmake --build --preset release --target kxhost_program aec kxaecctl kxaide
+cmake --build --preset release --target kxhost_program aec kxaecctl kxaide kxserv kxctl
 
 build=build/release
-kxhost="$PWD/$build/host/kxhost"
 plugin="$PWD/$build/services/src/plugins/libaec.so"
+kxserv="$PWD/$build/service/kxserv"
+kxctl="$PWD/$build/service/kxctl"
 root=$(mktemp -d /tmp/kx-demo.XXXXXX)
-trap 'rm -rf "$root"' EXIT
+serv_pid=""
+stop_service() {
+  if [ -n "$serv_pid" ]; then
+    kill -TERM "$serv_pid" 2>/dev/null || true
+    wait "$serv_pid" 2>/dev/null || true
+  fi
+  rm -rf "$root"
+}
+trap stop_service EXIT
 
 bold=$(tput bold 2>/dev/null || true)
 plain=$(tput sgr0 2>/dev/null || true)
@@ -28,11 +38,11 @@ show_request() {
   printf '   request:  %s\n' "$1"
 }
 kx() {
-  "$kxhost" --root "$root" --plugin "$plugin" "$@"
+  "$kxctl" --root "$root" "$@" || true
 }
 exec_request() {
   show_request "$1"
-  printf '%s' "$1" | kx exec - | sed 's/^/   /'
+  printf '%s' "$1" | kx send - | sed 's/^/   /'
 }
 
 # --- seeding the demo root -------------------------------------------------
@@ -79,7 +89,14 @@ cat > "$root/hard-mode.xml" <<'XML'
 XML
 
 echo
-echo "${bold}Demo root${plain} $root, mounted at /opt/korvex inside kxhost's private namespace."
+echo "${bold}Demo root${plain} $root, mounted at /opt/korvex inside kxserv's private namespace."
+"$kxserv" --foreground --root "$root" --plugin "$plugin" 2>"$root/var/log/kxserv-demo.log" &
+serv_pid=$!
+for _ in $(seq 100); do
+  [ -S "$root/var/run/kxserv.sock" ] && break
+  sleep 0.1
+done
+echo "kxserv (pid $serv_pid) serves $root/var/run/kxserv.sock; kxctl sends the requests."
 kx info | sed 's/^/   /'
 
 say "Central management imports a rule, a whitelist and an exception"

@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   slapd ldap-utils libnss-wrapper gettext
   clang-14 libclang-rt-14-dev valgrind dpkg-dev file
+  man-db groff-base
 )
 
 missing=()

@@ -14,7 +14,7 @@ done
 
 # cpack packs what is built and compiles nothing itself: build everything
 # the package installs (the catalogue template only exists with xgettext).
-targets=(aec kxhost kxhost_program kxaide kxaecctl)
+targets=(aec kxhost kxhost_program kxaide kxaecctl kxserv kxctl)
 command -v xgettext >/dev/null && targets+=(pot)
 
 if [ -n "${KX_BUILD_DIR:-}" ]; then

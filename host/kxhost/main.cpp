@@ -8,7 +8,7 @@
 #include <iostream>
 
 #include "command_line.h"
-#include "plugin_loader.h"
+#include "lib/plugin_loader.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
 #include "steps.h"
@@ -41,12 +41,10 @@ int main(int argc, char** argv) {
   options.mirror_to_stderr = line.verbose;
   if (!line.root.empty()) {
     try {
-      kxhost::SeedFreshInstall(line.root);
-      kxhost::EnterSandbox(line.root);
+      kxhost::EnterSandboxedRoot(line.root, &options);
     } catch (const std::runtime_error& e) {
       return Fail(e.what());
     }
-    options.sysctl_root = "/opt/korvex/var/run/sysctl";
     options.events_file = "/opt/korvex/var/log/kxhost-events.log";
   }
   kxhost::Configure(options);

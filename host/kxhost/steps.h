@@ -8,7 +8,7 @@
 
 #include "command_line.h"
 #include "host/policy_manager.h"
-#include "plugin_loader.h"
+#include "lib/plugin_loader.h"
 #include "lib/xml_document.h"
 
 namespace kxhost {

@@ -1,7 +1,8 @@
-// The stand-alone host has no management clients, logged-in users' notice
-// channel or station lock of its own: each service is logged and recorded as
-// a host event (kept in memory and appended to the events file), which is
-// what kxhost prints and the tests observe. Nothing is written to terminals.
+// Each service is logged and recorded as a host event (kept in memory and
+// appended to the events file when configured). kxhost has no clients, user
+// sessions or station lock, so that is all it does; kxserv receives every
+// event through the runtime's event observer and carries it to its
+// subscribers, to users' terminals and to the station-block file.
 #include "host/host_services.h"
 
 #include <memory>

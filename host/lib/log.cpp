@@ -103,10 +103,13 @@ void WriteLogLine(const char* file, int line, int priority, int facility,
                   const char* ident, const std::string& text) {
   const std::string full = std::string(file != nullptr ? file : "?") + ":" +
                            std::to_string(line) + ": " + text;
-  const char* shown_ident = ident != nullptr ? ident : "kxhost";
   LogObserver observer;
   {
     std::lock_guard<std::mutex> lock(LogMutex());
+    const std::string shown_ident =
+        ident == nullptr || std::string(ident) == "kxhost"
+            ? Options().host_ident
+            : std::string(ident);
     if (OpenIdent() != shown_ident || OpenIdent().empty()) {
       OpenIdent() = shown_ident;
       openlog(OpenIdent().c_str(), LOG_PID | LOG_NDELAY, facility & LOG_FACMASK);
@@ -115,7 +118,9 @@ void WriteLogLine(const char* file, int line, int priority, int facility,
     // it is joined with the priority as it is.
     syslog((facility & LOG_FACMASK) | (priority & LOG_PRIMASK), "%s",
            full.c_str());
-    if (Options().mirror_to_stderr) MirrorToStderr(shown_ident, full);
+    if (Options().mirror_to_stderr) {
+      MirrorToStderr(shown_ident.c_str(), full);
+    }
     observer = CurrentLogObserver();
   }
   // Called outside the lock so that an observer may itself log.

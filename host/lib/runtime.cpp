@@ -19,6 +19,7 @@ struct RuntimeState {
   std::mutex mutex;
   RuntimeOptions options;
   LogObserver observer;
+  EventObserver event_observer;
   std::vector<HostEvent> events;
 };
 
@@ -51,6 +52,11 @@ std::vector<HostEvent> Events() {
   return State().events;
 }
 
+void SetEventObserver(EventObserver observer) {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  State().event_observer = std::move(observer);
+}
+
 void ClearEvents() {
   std::lock_guard<std::mutex> lock(State().mutex);
   State().events.clear();
@@ -77,21 +83,26 @@ StatementObserver CurrentStatementObserver() {
 // Declared in host_events.h.
 void RecordEvent(const std::string& kind, std::vector<std::string> args) {
   std::string events_file;
+  EventObserver observer;
   std::string line = kxtext::EscapeLine(kind);
   for (const auto& arg : args) line += "\t" + kxtext::EscapeLine(arg);
+  HostEvent event{kind, std::move(args)};
   {
     std::lock_guard<std::mutex> lock(State().mutex);
-    State().events.push_back(HostEvent{kind, std::move(args)});
+    if (State().options.keep_events) State().events.push_back(event);
     events_file = State().options.events_file;
+    observer = State().event_observer;
   }
-  if (events_file.empty()) return;
-  std::ofstream out(events_file, std::ios::app);
-  out << line << '\n';
-  out.flush();
-  if (!out) {
-    WriteLogLine("runtime", __LINE__, 3, 24, "kxhost",
-                 "cannot append to the events file " + events_file);
+  if (!events_file.empty()) {
+    std::ofstream out(events_file, std::ios::app);
+    out << line << '\n';
+    out.flush();
+    if (!out) {
+      WriteLogLine("runtime", __LINE__, 3, 24, "kxhost",
+                   "cannot append to the events file " + events_file);
+    }
   }
+  if (observer) observer(event);
 }
 
 void ResetState() {

@@ -21,6 +21,14 @@ struct RuntimeOptions {
   // send_notify_systemwide, block_station) are appended, one line each;
   // "" for none. They are also kept in memory (Events()).
   std::string events_file;
+  // Whether events are kept in memory for Events(). A long-running host
+  // turns this off: it sees each event through its observer, and a list
+  // that grows with every request would grow without end.
+  bool keep_events = true;
+  // The syslog identity of the host's own lines (those logged as "kxhost"):
+  // a service process shows all its lines, its own and the plug-in's, under
+  // the one identity it runs as.
+  std::string host_ident = "kxhost";
 };
 
 void Configure(const RuntimeOptions& options);
@@ -38,6 +46,13 @@ struct HostEvent {
 };
 std::vector<HostEvent> Events();
 void ClearEvents();
+
+// Receives every host event as it is recorded, on the thread that called the
+// host service (the plug-in's), after it is kept and written to the events
+// file. A long-running host uses it to reach its clients and users. It must
+// not call back into the plug-in. Null removes it.
+using EventObserver = std::function<void(const HostEvent& event)>;
+void SetEventObserver(EventObserver observer);
 
 // Receives the text of every statement handed to db_execute, exactly as
 // given and before it runs, so that tests can compare what a plug-in sends

@@ -175,4 +175,10 @@ void SeedFreshInstall(const std::string& dir) {
 
 bool InSandbox() { return g_in_sandbox; }
 
+void EnterSandboxedRoot(const std::string& dir, RuntimeOptions* options) {
+  SeedFreshInstall(dir);
+  EnterSandbox(dir);
+  options->sysctl_root = "/opt/korvex/var/run/sysctl";
+}
+
 }  // namespace kxhost

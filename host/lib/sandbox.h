@@ -12,6 +12,8 @@
 
 #include <string>
 
+#include "runtime.h"
+
 namespace kxhost {
 
 // Enters the namespace and mounts `dir` (made if missing) at /opt/korvex.
@@ -32,6 +34,11 @@ void MakeRootLayout(const std::string& dir);
 // etc/aec/white-list.config with empty user and group lists (the package
 // installs one, and the plug-in refuses to start without it).
 void SeedFreshInstall(const std::string& dir);
+
+// What a host program's --root DIR does: SeedFreshInstall(dir),
+// EnterSandbox(dir), and kernel parameters to files below
+// /opt/korvex/var/run/sysctl in `options`.
+void EnterSandboxedRoot(const std::string& dir, RuntimeOptions* options);
 
 // True when the process runs in the sandbox entered by EnterSandbox.
 bool InSandbox();

@@ -77,7 +77,7 @@ TEST_F(PackageContentsTest, TheRuntimeLibrariesAreDeclaredDependencies) {
 // The configuration below etc/aec is never a package file: an upgrade
 // would overwrite what the administrator has there.
 TEST_F(PackageContentsTest,
-       ShipsProgramsLibrariesAndTheCatalogueButNoConfiguration) {
+       ShipsProgramsLibrariesUnitManualPagesAndCatalogueButNoConfiguration) {
   std::set<std::string> files;
   for (const auto& path : Listing("-c")) {
     if (path.back() != '/') files.insert(path);
@@ -85,13 +85,21 @@ TEST_F(PackageContentsTest,
   EXPECT_EQ(files, (std::set<std::string>{
                        "./opt/korvex/bin/kxaecctl",
                        "./opt/korvex/bin/kxaide",
+                       "./opt/korvex/bin/kxctl",
                        "./opt/korvex/bin/kxhost",
                        "./opt/korvex/lib/libaec.so",
                        "./opt/korvex/lib/libkxhost.so",
                        "./opt/korvex/lib/systemd/system/kxaecd.service",
+                       "./opt/korvex/lib/systemd/system/kxserv.service",
                        "./opt/korvex/sbin/kxaecd",
+                       "./opt/korvex/sbin/kxserv",
                        "./opt/korvex/share/locale/korvex-aec.pot",
+                       "./opt/korvex/share/man/man8/kxaecctl.8",
                        "./opt/korvex/share/man/man8/kxaecd.8",
+                       "./opt/korvex/share/man/man8/kxaide.8",
+                       "./opt/korvex/share/man/man8/kxctl.8",
+                       "./opt/korvex/share/man/man8/kxhost.8",
+                       "./opt/korvex/share/man/man8/kxserv.8",
                    }));
 }
 

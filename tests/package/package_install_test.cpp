@@ -135,6 +135,19 @@ TEST_F(PackageInstallTest, InstalledToolsAnswerHelp) {
   EXPECT_NE(aide.out.find("Usage: kxaide"), std::string::npos) << aide.out;
 }
 
+// kxserv admits root and this group's members; postinst makes the group in
+// the sandbox's copy of /etc, never in the machine's.
+TEST_F(PackageInstallTest, PostinstCreatesTheServiceAdminGroup) {
+  const RunResult group = RunProgram({"/usr/bin/getent", "group", "kxadmin"});
+  EXPECT_EQ(group.exit_code, 0) << group.err;
+  EXPECT_EQ(group.out.rfind("kxadmin:", 0), 0u) << group.out;
+  const RunResult help = RunProgram({"/opt/korvex/sbin/kxserv", "--help"});
+  EXPECT_EQ(help.exit_code, 0) << help.err;
+  EXPECT_NE(help.out.find("kxserv"), std::string::npos);
+  const RunResult client = RunProgram({"/opt/korvex/bin/kxctl", "--help"});
+  EXPECT_EQ(client.exit_code, 0) << client.err;
+}
+
 // kxaecctl -C refuses to change a configuration that is not sealed: the
 // seal postinst made is the one it needs.
 TEST_F(PackageInstallTest, CheckedChangesWorkRightAfterInstalling) {

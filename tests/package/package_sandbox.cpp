@@ -27,6 +27,11 @@ namespace {
 
 constexpr const char* kOpt = "/opt";
 constexpr const char* kDpkgDb = "/var/lib/dpkg";
+// postinst adds the group kxadmin (to /etc/group and /etc/gshadow) and talks
+// to systemd when it runs the machine: a copy of /etc and an empty
+// /run/systemd keep both away from the machine.
+constexpr const char* kEtc = "/etc";
+constexpr const char* kRunSystemd = "/run/systemd";
 constexpr const char* kPath =
     "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
@@ -215,11 +220,18 @@ PackageSandbox::PackageSandbox() {
     // Written to the copy only: seen at /var/lib/dpkg once the copy is
     // there, which proves the bind before dpkg runs.
     std::ofstream(dir_ + "/dpkg/kxtest-copy").put('\n');
+    CopyTree(kEtc, dir_ + "/etc");
+    fs::create_directory(dir_ + "/run-systemd");
     Bind(dir_ + "/opt", kOpt);
     try {
       Bind(dir_ + "/dpkg", kDpkgDb);
+      Bind(dir_ + "/etc", kEtc);
+      if (fs::is_directory(kRunSystemd)) {
+        Bind(dir_ + "/run-systemd", kRunSystemd);
+        systemd_bound_ = true;
+      }
     } catch (...) {
-      umount2(kOpt, MNT_DETACH);
+      UnmountAll();
       throw;
     }
   } catch (...) {
@@ -228,17 +240,22 @@ PackageSandbox::PackageSandbox() {
   }
   struct stat info;
   if (stat("/var/lib/dpkg/kxtest-copy", &info) != 0) {
-    umount2(kDpkgDb, MNT_DETACH);
-    umount2(kOpt, MNT_DETACH);
+    UnmountAll();
     RemoveScratch();
     Fail("the copied dpkg database is not in place");
   }
 }
 
 PackageSandbox::~PackageSandbox() {
+  UnmountAll();
+  RemoveScratch();
+}
+
+void PackageSandbox::UnmountAll() {
+  if (systemd_bound_) umount2(kRunSystemd, MNT_DETACH);
+  umount2(kEtc, MNT_DETACH);
   umount2(kDpkgDb, MNT_DETACH);
   umount2(kOpt, MNT_DETACH);
-  RemoveScratch();
 }
 
 void PackageSandbox::RemoveScratch() {

@@ -53,8 +53,10 @@ class PackageSandbox {
 
  private:
   void RemoveScratch();
+  void UnmountAll();
 
   std::string dir_;  // a tmpfs, gone with the object
+  bool systemd_bound_ = false;
 };
 
 // Every entry below `dir` (relative path, "/" after directories) with the

@@ -1,0 +1,188 @@
+#include "requests.h"
+
+#include <boost/property_tree/json_parser.hpp>
+#include <exception>
+#include <memory>
+#include <sstream>
+
+#include "host/ixml.h"
+#include "host/policy_manager.h"
+
+namespace kxserv {
+namespace {
+
+using Tree = boost::property_tree::ptree;
+
+boost::shared_ptr<IXml> NewDocument() {
+  return XMLParserBoost::CreateEmptyXML();
+}
+
+std::string Print(const boost::shared_ptr<IXml>& reply) {
+  return reply->ToString("reply");
+}
+
+// The first child element of a service request: the policies document of
+// set-policies, whatever its own name.
+boost::shared_ptr<kxhost::XmlDocument> FirstChildElement(
+    kxhost::XmlDocument& request) {
+  for (const auto& child : request.Tree()) {
+    if (child.first.empty() || child.first[0] == '<') continue;
+    return boost::shared_ptr<kxhost::XmlDocument>(
+        new kxhost::XmlDocument(child.first, child.second));
+  }
+  return nullptr;
+}
+
+std::string Policies(const kxhost::PluginEntryPoints& plugin) {
+  auto document = NewDocument();
+  const bool ok = plugin.policies(document);
+  auto reply = NewDocument();
+  reply->AddValue("result", ok ? "1" : "0", false);
+  reply->AddNode("policies", document, false);
+  return Print(reply);
+}
+
+std::string SetPoliciesRequest(const kxhost::PluginEntryPoints& plugin,
+                               kxhost::XmlDocument& request) {
+  auto document = FirstChildElement(request);
+  if (!document) {
+    return ErrorReply("bad_request",
+                      "set-policies needs the policies document as its "
+                      "child element");
+  }
+  std::string why;
+  const bool ok = SetPolicies(plugin, document, &why);
+  auto reply = NewDocument();
+  reply->AddValue("result", ok ? "1" : "0", false);
+  if (!ok) reply->AddValue("error_desc", why, false);
+  reply->AddNode("policies", document, false);
+  return Print(reply);
+}
+
+std::string ImportPoliciesRequest(const kxhost::PluginEntryPoints& plugin,
+                                  kxhost::XmlDocument& request) {
+  std::unique_ptr<char[]> json(request.GetParam("json"));
+  if (!json) {
+    return ErrorReply("bad_request",
+                      "import-policies needs the JSON document as the text "
+                      "of its child element json");
+  }
+  auto result = NewDocument();
+  std::string why;
+  const bool ok = ImportPolicies(plugin, json.get(), result, &why);
+  auto reply = NewDocument();
+  reply->AddValue("result", ok ? "1" : "0", false);
+  if (!ok) reply->AddValue("error_desc", why, false);
+  reply->AddNode("import", result, false);
+  return Print(reply);
+}
+
+std::string Info(const kxhost::PluginEntryPoints& plugin) {
+  plugin_info_data_t info{};
+  plugin.info(&info);
+  info.name[sizeof info.name - 1] = '\0';
+  info.description[sizeof info.description - 1] = '\0';
+  auto reply = NewDocument();
+  reply->AddValue("result", "1", false);
+  reply->AddValue("name", info.name, false);
+  reply->AddValue("description", info.description, false);
+  reply->AddValue("kind", std::to_string(info.kind), false);
+  reply->AddValue("api_version", std::to_string(info.api_version), false);
+  return Print(reply);
+}
+
+std::string State(const kxhost::PluginEntryPoints& plugin,
+                  const ServiceStatus& status) {
+  plugin_state_data_t state{};
+  plugin.state(&state);
+  auto reply = NewDocument();
+  reply->AddValue("result", "1", false);
+  reply->AddValue("busy", std::to_string(state.busy), false);
+  reply->AddValue("clients", std::to_string(status.clients), false);
+  reply->AddValue("subscribers", std::to_string(status.subscribers), false);
+  reply->AddValue("requests", std::to_string(status.requests), false);
+  reply->AddValue("refused", std::to_string(status.refused), false);
+  reply->AddValue("station_blocked", status.station_blocked ? "1" : "0", false);
+  if (status.station_blocked) {
+    reply->AddValue("block_reason", status.block_reason, false);
+  }
+  return Print(reply);
+}
+
+}  // namespace
+
+bool IsServiceRequest(const kxhost::XmlDocument& document) {
+  return document.Name() == kServiceElement;
+}
+
+std::string ServiceCommand(kxhost::XmlDocument& document) {
+  std::unique_ptr<char[]> command(document.GetCommand());
+  return command ? std::string(command.get()) : std::string();
+}
+
+std::string ErrorReply(const std::string& code, const std::string& text) {
+  auto reply = NewDocument();
+  reply->AddValue("result", "0", false);
+  reply->AddValue("error_code", code, false);
+  reply->AddValue("error_desc", text, false);
+  return Print(reply);
+}
+
+std::string RunPluginRequest(
+    const kxhost::PluginEntryPoints& plugin,
+    const boost::shared_ptr<kxhost::XmlDocument>& request) {
+  parsed_xml_data_t record;
+  record.xml = request;
+  record.reply = NewDocument();
+  plugin.exec(&record);
+  if (record.outcome == 1) return Print(record.reply);
+  std::unique_ptr<char[]> command(request->GetCommand());
+  return ErrorReply(
+      "unanswered",
+      "the plug-in released the request '" +
+          std::string(command ? command.get() : "") +
+          "' without a reply (an unknown command, or its handler failed; "
+          "see the log)");
+}
+
+std::string RunServiceRequest(const kxhost::PluginEntryPoints& plugin,
+                              kxhost::XmlDocument& request,
+                              const ServiceStatus& status) {
+  const std::string command = ServiceCommand(request);
+  if (command == "policies") return Policies(plugin);
+  if (command == "set-policies") return SetPoliciesRequest(plugin, request);
+  if (command == "import-policies") {
+    return ImportPoliciesRequest(plugin, request);
+  }
+  if (command == "info") return Info(plugin);
+  if (command == "state") return State(plugin, status);
+  return ErrorReply("unknown_command",
+                    "unknown service command '" + command + "'");
+}
+
+bool SetPolicies(const kxhost::PluginEntryPoints& plugin,
+                 boost::shared_ptr<IXml> document, std::string* why) {
+  if (plugin.set_policies(document)) return true;
+  *why = "plugin_set_policies reported failure (see the log)";
+  return false;
+}
+
+bool ImportPolicies(const kxhost::PluginEntryPoints& plugin,
+                    const std::string& json, boost::shared_ptr<IXml> result,
+                    std::string* why) {
+  parsed_json_data_t data;
+  data.text = json;
+  std::istringstream in(json);
+  try {
+    boost::property_tree::read_json(in, data.tree);
+  } catch (const boost::property_tree::json_parser_error& e) {
+    *why = "malformed JSON: " + e.message() + " (line " +
+           std::to_string(e.line()) + ")";
+    return false;
+  }
+  if (plugin.import_policies(data, result)) return true;
+  *why = "plugin_import_policies reported failure (see the log)";
+  return false;
+}
+
+}  // namespace kxserv
