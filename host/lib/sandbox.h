@@ -12,28 +12,31 @@
 
 #include <string>
 
+#include "internal_api.h"
+
+#include "internal_api.h"
 namespace kxhost {
 
 // Enters the namespace and mounts `dir` (made if missing) at /opt/korvex.
-void EnterSandbox(const std::string& dir);
+KX_HOST_INTERNAL void EnterSandbox(const std::string& dir);
 
 // Inside an entered sandbox: mounts `dir` over /opt/korvex (stacked on the
 // previous one), or removes the top-most such mount.
-void PushRoot(const std::string& dir);
-void PopRoot();
+KX_HOST_INTERNAL void PushRoot(const std::string& dir);
+KX_HOST_INTERNAL void PopRoot();
 
 // Makes the directories a fresh install root has: bin, etc/aec/rules,
 // usr/db, var/log, var/tmp/rm, var/tmp/pam_messages, var/run/sysctl,
 // var/cache/kxnetwork. Existing ones are kept.
-void MakeRootLayout(const std::string& dir);
+KX_HOST_INTERNAL void MakeRootLayout(const std::string& dir);
 
 // MakeRootLayout plus the configuration a freshly installed agent has,
 // written only where missing: the whitelist file
 // etc/aec/white-list.config with empty user and group lists (the package
 // installs one, and the plug-in refuses to start without it).
-void SeedFreshInstall(const std::string& dir);
+KX_HOST_INTERNAL void SeedFreshInstall(const std::string& dir);
 
 // True when the process runs in the sandbox entered by EnterSandbox.
-bool InSandbox();
+KX_HOST_INTERNAL bool InSandbox();
 
 }  // namespace kxhost
