@@ -11,7 +11,27 @@ set(KX_INSTALL_ROOT /opt/korvex)
 # Installed into ${KX_INSTALL_ROOT}; the build tree keeps its own RPATH.
 set_target_properties(aec kxhost kxhost_program PROPERTIES
   INSTALL_RPATH ${KX_INSTALL_ROOT}/lib)
-install(TARGETS kxhost aec LIBRARY DESTINATION lib)
+install(TARGETS kxhost EXPORT KorvexHostTargets LIBRARY DESTINATION lib)
+install(TARGETS aec LIBRARY DESTINATION lib)
+
+# The host others build plug-ins against: the contract headers and a CMake
+# package, so that find_package(KorvexHost) and KorvexHost::kxhost work from
+# the install prefix (examples/sample_plugin). The host's internals
+# (host/lib/*.h) are not part of it.
+include(CMakePackageConfigHelpers)
+set(KX_CMAKE_PACKAGE_DIR lib/cmake/KorvexHost)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/host DESTINATION include
+        FILES_MATCHING PATTERN "*.h")
+install(EXPORT KorvexHostTargets NAMESPACE KorvexHost::
+        DESTINATION ${KX_CMAKE_PACKAGE_DIR})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KorvexHostConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/KorvexHostConfig.cmake
+  INSTALL_DESTINATION ${KX_CMAKE_PACKAGE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KorvexHostConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KorvexHostConfig.cmake
+              ${PROJECT_BINARY_DIR}/KorvexHostConfigVersion.cmake
+        DESTINATION ${KX_CMAKE_PACKAGE_DIR})
 install(TARGETS kxhost_program RUNTIME DESTINATION bin)
 
 # The message catalogue: the template of the plug-in's texts, in the

@@ -8,9 +8,10 @@
 #include <iostream>
 
 #include "command_line.h"
-#include "plugin_loader.h"
+#include "lib/fresh_install.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
+#include "plugin_loader.h"
 #include "steps.h"
 
 namespace {
@@ -41,8 +42,13 @@ int main(int argc, char** argv) {
   options.mirror_to_stderr = line.verbose;
   if (!line.root.empty()) {
     try {
+      // Seeded and sealed like a fresh installation (the package's
+      // postinst runs the same seeding), so that the first checked change
+      // in a new root passes the integrity check.
+      kxhost::MakeRootLayout(line.root);
       kxhost::SeedFreshInstall(line.root);
       kxhost::EnterSandbox(line.root);
+      kxhost::SealFreshInstall();
     } catch (const std::runtime_error& e) {
       return Fail(e.what());
     }

@@ -6,16 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/property_tree/json_parser.hpp>
-#include <boost/property_tree/ptree.hpp>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <string>
+
+#include "fresh_install.h"
 
 namespace kxhost {
 namespace {
@@ -133,44 +131,8 @@ void PopRoot() {
 }
 
 void MakeRootLayout(const std::string& dir) {
-  static const char* const kDirs[] = {
-      "bin",          "etc/aec/rules",        "usr/db",
-      "var/log",      "var/tmp/rm",           "var/tmp/pam_messages",
-      "var/run/sysctl", "var/cache/kxnetwork",
-  };
-  MakeDirs(dir);
-  for (const char* sub : kDirs) MakeDirs(dir + "/" + sub);
-}
-
-void SeedFreshInstall(const std::string& dir) {
-  MakeRootLayout(dir);
-  // The integrity tool's list of the configuration it keeps checksums of
-  // (the package installs it; docs/tools.md describes the format).
-  const std::string crc_list = dir + "/etc/aec/crc-rule.conf";
-  struct stat list_info;
-  if (lstat(crc_list.c_str(), &list_info) != 0) {
-    std::ofstream list(crc_list, std::ios::trunc);
-    list << "# Files whose SHA-256 kxaide keeps in crc-rule.db; a directory\n"
-            "# stands for every regular file in it.\n"
-            "/opt/korvex/etc/aec/rules/\n"
-            "/opt/korvex/etc/aec/white-list.config\n"
-            "/opt/korvex/etc/aec/resource-exception.conf\n"
-            "/opt/korvex/etc/aec/policy-sources.conf\n";
-    list.close();
-    if (!list) Fail("write " + crc_list);
-  }
-  const std::string whitelist = dir + "/etc/aec/white-list.config";
-  struct stat info;
-  if (lstat(whitelist.c_str(), &info) == 0) return;
-  boost::property_tree::ptree empty;
-  empty.put("user_list", "");
-  empty.put("group_list", "");
-  std::ostringstream text;
-  boost::property_tree::write_json(text, empty, true);
-  std::ofstream out(whitelist, std::ios::trunc);
-  out << text.str();
-  out.close();
-  if (!out) Fail("write " + whitelist);
+  MakeInstallLayout(dir);
+  MakeDirs(dir + "/var/run/sysctl");
 }
 
 bool InSandbox() { return g_in_sandbox; }

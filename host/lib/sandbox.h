@@ -25,16 +25,9 @@ KX_HOST_INTERNAL void EnterSandbox(const std::string& dir);
 KX_HOST_INTERNAL void PushRoot(const std::string& dir);
 KX_HOST_INTERNAL void PopRoot();
 
-// Makes the directories a fresh install root has: bin, etc/aec/rules,
-// usr/db, var/log, var/tmp/rm, var/tmp/pam_messages, var/run/sysctl,
-// var/cache/kxnetwork. Existing ones are kept.
+// The layout of an installation (fresh_install.h) plus var/run/sysctl, the
+// sandboxed host's stand-in for /proc/sys. Existing directories are kept.
 KX_HOST_INTERNAL void MakeRootLayout(const std::string& dir);
-
-// MakeRootLayout plus the configuration a freshly installed agent has,
-// written only where missing: the whitelist file
-// etc/aec/white-list.config with empty user and group lists (the package
-// installs one, and the plug-in refuses to start without it).
-KX_HOST_INTERNAL void SeedFreshInstall(const std::string& dir);
 
 // True when the process runs in the sandbox entered by EnterSandbox.
 KX_HOST_INTERNAL bool InSandbox();

@@ -3,12 +3,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <poll.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -18,23 +15,8 @@
 #include <iterator>
 #include <stdexcept>
 
-extern char** environ;
-
 namespace kxharness {
 namespace {
-
-// The test's environment with `env` laid over it, as execve wants it.
-std::vector<std::string> Environment(
-    const std::map<std::string, std::string>& env) {
-  std::vector<std::string> result;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    const std::string name = text.substr(0, text.find('='));
-    if (env.count(name) == 0) result.push_back(text);
-  }
-  for (const auto& item : env) result.push_back(item.first + "=" + item.second);
-  return result;
-}
 
 std::vector<char*> Pointers(std::vector<std::string>& words) {
   std::vector<char*> pointers;
@@ -43,96 +25,12 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   return pointers;
 }
 
-void CloseFd(int* fd) {
-  if (*fd >= 0) close(*fd);
-  *fd = -1;
-}
-
-int Decode(int status) {
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return -1;
-}
-
 }  // namespace
 
 ProgramResult RunKxhost(const std::vector<std::string>& args,
                         const std::map<std::string, std::string>& env,
                         const std::string& input) {
-  int in[2], out[2], err[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 ||
-      pipe2(err, O_CLOEXEC) != 0) {
-    throw std::runtime_error("RunKxhost: pipe failed");
-  }
-  std::vector<std::string> words = {KX_KXHOST_PATH};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv = Pointers(words);
-  std::vector<std::string> environment = Environment(env);
-  std::vector<char*> envp = Pointers(environment);
-
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("RunKxhost: fork failed");
-  if (pid == 0) {
-    dup2(in[0], STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
-    signal(SIGPIPE, SIG_DFL);
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-  close(in[0]);
-  close(out[1]);
-  close(err[1]);
-  struct sigaction ignore {
-  }, previous{};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGPIPE, &ignore, &previous);
-
-  ProgramResult result;
-  int to_child = in[1], from_out = out[0], from_err = err[0];
-  std::size_t sent = 0;
-  if (input.empty()) CloseFd(&to_child);
-  // Standard input and both outputs at once: no side can block the other.
-  while (to_child >= 0 || from_out >= 0 || from_err >= 0) {
-    std::vector<pollfd> fds;
-    if (to_child >= 0) fds.push_back({to_child, POLLOUT, 0});
-    if (from_out >= 0) fds.push_back({from_out, POLLIN, 0});
-    if (from_err >= 0) fds.push_back({from_err, POLLIN, 0});
-    if (poll(fds.data(), fds.size(), -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    for (const auto& p : fds) {
-      if (p.revents == 0) continue;
-      if (p.fd == to_child) {
-        const ssize_t n =
-            write(to_child, input.data() + sent, input.size() - sent);
-        if (n <= 0) {
-          if (n < 0 && errno == EINTR) continue;
-          CloseFd(&to_child);
-          continue;
-        }
-        sent += static_cast<std::size_t>(n);
-        if (sent == input.size()) CloseFd(&to_child);
-        continue;
-      }
-      char buffer[8192];
-      const ssize_t n = read(p.fd, buffer, sizeof buffer);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) {
-        CloseFd(p.fd == from_out ? &from_out : &from_err);
-        continue;
-      }
-      (p.fd == from_out ? result.out : result.err)
-          .append(buffer, static_cast<std::size_t>(n));
-    }
-  }
-  CloseFd(&to_child);
-  CloseFd(&from_out);
-  CloseFd(&from_err);
-  sigaction(SIGPIPE, &previous, nullptr);
-  result.exit_code = Wait(pid);
-  return result;
+  return kxtest::RunKxhost(args, input, env);
 }
 
 pid_t SpawnKxhost(const std::vector<std::string>& args,
@@ -140,7 +38,7 @@ pid_t SpawnKxhost(const std::vector<std::string>& args,
   std::vector<std::string> words = {KX_KXHOST_PATH};
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv = Pointers(words);
-  std::vector<std::string> environment = Environment(env);
+  std::vector<std::string> environment = kxtest::EnvironmentWith(env);
   std::vector<char*> envp = Pointers(environment);
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("SpawnKxhost: fork failed");
@@ -157,13 +55,7 @@ pid_t SpawnKxhost(const std::vector<std::string>& args,
   return pid;
 }
 
-int Wait(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) throw std::runtime_error("Wait: waitpid failed");
-  }
-  return Decode(status);
-}
+int Wait(pid_t pid) { return kxtest::WaitFor(pid); }
 
 std::string Sha256(const std::string& data) {
   unsigned char digest[EVP_MAX_MD_SIZE];

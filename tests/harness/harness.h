@@ -10,13 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "kxtest.h"
+
 namespace kxharness {
 
-struct ProgramResult {
-  int exit_code = -1;  // 128 + N for death by signal N
-  std::string out;
-  std::string err;
-};
+using ProgramResult = kxtest::RunResult;
 
 // Runs the built kxhost with `args`; `env` entries are added to (or replace
 // those of) the test's environment. Standard input from `input`. Waits.

@@ -10,6 +10,7 @@
 
 #include "built_package.h"
 #include "installed_system.h"
+#include "lib/fresh_install.h"
 #include "lib/sandbox.h"
 #include "package_sandbox.h"
 

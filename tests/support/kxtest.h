@@ -7,8 +7,11 @@
 // directory at /opt/korvex/var/run/sysctl and a log capture.
 #pragma once
 
+#include <sys/types.h>
+
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -63,14 +66,32 @@ void InstallFakeTool(const std::string& name, const FakeBehaviour& behaviour);
 // One entry per run, in order; each the arguments after argv[0].
 std::vector<std::vector<std::string>> FakeToolCalls(const std::string& name);
 
-// Runs the built kxhost with the arguments given; standard input from
-// `input`. Waits for it.
+// One run of a child program, waited for.
 struct RunResult {
-  int exit_code = -1;
+  int exit_code = -1;  // 128 + N for death by signal N; 127: could not start
   std::string out;
   std::string err;
 };
+
+// Runs argv[0] (an absolute path; no shell) with the rest as its arguments
+// and waits for it. Standard input comes from `input` (empty: end of input
+// at once); standard output and error are collected. `env` entries are laid
+// over (added to, or replacing) the test's environment.
+RunResult RunProgram(const std::vector<std::string>& argv,
+                     const std::string& input = "",
+                     const std::map<std::string, std::string>& env = {});
+
+// RunProgram of the built kxhost with `args`.
 RunResult RunKxhost(const std::vector<std::string>& args,
-                    const std::string& input = "");
+                    const std::string& input = "",
+                    const std::map<std::string, std::string>& env = {});
+
+// The test's environment with `env` laid over it, as execve wants it.
+std::vector<std::string> EnvironmentWith(
+    const std::map<std::string, std::string>& env);
+// A waitpid status as an exit code: 128 + N for death by signal N.
+int ExitCodeOf(int status);
+// Waits for `pid`; its exit code as ExitCodeOf gives it.
+int WaitFor(pid_t pid);
 
 }  // namespace kxtest

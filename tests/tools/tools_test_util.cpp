@@ -1,8 +1,5 @@
 #include "tools_test_util.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -47,58 +44,10 @@ std::vector<std::string> ToolRun::OutLines() const {
 
 ToolRun RunTool(const std::string& program,
                 const std::vector<std::string>& args) {
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
-    throw std::runtime_error("RunTool: pipe failed");
-  }
-  std::vector<std::string> words = {program};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(&word[0]);
-  argv.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("RunTool: fork failed");
-  if (pid == 0) {
-    const int null = open("/dev/null", O_RDONLY);
-    dup2(null, STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(out[1]);
-  close(err[1]);
+  std::vector<std::string> argv = {program};
+  argv.insert(argv.end(), args.begin(), args.end());
   ToolRun run;
-  int open_fds[2] = {out[0], err[0]};
-  while (open_fds[0] >= 0 || open_fds[1] >= 0) {
-    std::vector<pollfd> fds;
-    for (int fd : open_fds) {
-      if (fd >= 0) fds.push_back({fd, POLLIN, 0});
-    }
-    if (poll(fds.data(), fds.size(), -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    for (const auto& p : fds) {
-      if (p.revents == 0) continue;
-      char buffer[4096];
-      const ssize_t n = read(p.fd, buffer, sizeof buffer);
-      if (n < 0 && errno == EINTR) continue;
-      const int slot = p.fd == open_fds[0] ? 0 : 1;
-      if (n <= 0) {
-        close(p.fd);
-        open_fds[slot] = -1;
-        continue;
-      }
-      (slot == 0 ? run.out : run.err).append(buffer, static_cast<size_t>(n));
-    }
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) throw std::runtime_error("RunTool: waitpid failed");
-  }
-  run.exit_code =
-      WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  static_cast<kxtest::RunResult&>(run) = kxtest::RunProgram(argv);
   return run;
 }
 

@@ -26,14 +26,11 @@ inline const std::string kLoadedSet = "/opt/korvex/var/lib/aec/loaded-rules";
 // Where tests put resources: plain files, so rules hold exactly them.
 inline const std::string kResourceDir = "/opt/korvex/var/tmp/res/";
 
-struct ToolRun {
-  int exit_code = -1;
-  std::string out;
-  std::string err;
+struct ToolRun : kxtest::RunResult {
   std::vector<std::string> OutLines() const;
 };
 
-// Runs `program` with `args` (no shell), standard input /dev/null.
+// Runs `program` with `args` (no shell), standard input empty.
 ToolRun RunTool(const std::string& program,
                 const std::vector<std::string>& args);
 

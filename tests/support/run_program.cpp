@@ -11,6 +11,8 @@
 
 #include "kxtest.h"
 
+extern char** environ;
+
 namespace kxtest {
 namespace {
 
@@ -19,29 +21,61 @@ void ClosePipe(int* fd) {
   *fd = -1;
 }
 
+std::vector<char*> Pointers(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  for (auto& word : words) pointers.push_back(&word[0]);
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
 }  // namespace
 
-RunResult RunKxhost(const std::vector<std::string>& args,
-                    const std::string& input) {
+std::vector<std::string> EnvironmentWith(
+    const std::map<std::string, std::string>& env) {
+  std::vector<std::string> result;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text = *entry;
+    if (env.count(text.substr(0, text.find('='))) == 0) result.push_back(text);
+  }
+  for (const auto& item : env) result.push_back(item.first + "=" + item.second);
+  return result;
+}
+
+int ExitCodeOf(int status) {
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+int WaitFor(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) throw std::runtime_error("WaitFor: waitpid failed");
+  }
+  return ExitCodeOf(status);
+}
+
+RunResult RunProgram(const std::vector<std::string>& argv,
+                     const std::string& input,
+                     const std::map<std::string, std::string>& env) {
   int in[2], out[2], err[2];
   if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 ||
       pipe2(err, O_CLOEXEC) != 0) {
-    throw std::runtime_error("RunKxhost: pipe failed");
+    throw std::runtime_error("RunProgram: pipe failed");
   }
-  std::vector<std::string> words = {KX_KXHOST_PATH};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(&word[0]);
-  argv.push_back(nullptr);
+  std::vector<std::string> words = argv;
+  std::vector<char*> args = Pointers(words);
+  std::vector<std::string> environment = EnvironmentWith(env);
+  std::vector<char*> envp = Pointers(environment);
 
   const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("RunKxhost: fork failed");
+  if (pid < 0) throw std::runtime_error("RunProgram: fork failed");
   if (pid == 0) {
     dup2(in[0], STDIN_FILENO);
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
     signal(SIGPIPE, SIG_DFL);
-    execv(argv[0], argv.data());
+    execve(args[0], args.data(), envp.data());
     _exit(127);
   }
   close(in[0]);
@@ -83,7 +117,7 @@ RunResult RunKxhost(const std::vector<std::string>& args,
         if (sent == input.size()) ClosePipe(&to_child);
         continue;
       }
-      char buffer[4096];
+      char buffer[8192];
       const ssize_t n = read(p.fd, buffer, sizeof buffer);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) {
@@ -98,17 +132,16 @@ RunResult RunKxhost(const std::vector<std::string>& args,
   ClosePipe(&from_out);
   ClosePipe(&from_err);
   sigaction(SIGPIPE, &previous, nullptr);
-
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) throw std::runtime_error("RunKxhost: waitpid failed");
-  }
-  if (WIFEXITED(status)) {
-    result.exit_code = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    result.exit_code = 128 + WTERMSIG(status);
-  }
+  result.exit_code = WaitFor(pid);
   return result;
+}
+
+RunResult RunKxhost(const std::vector<std::string>& args,
+                    const std::string& input,
+                    const std::map<std::string, std::string>& env) {
+  std::vector<std::string> argv = {KX_KXHOST_PATH};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunProgram(argv, input, env);
 }
 
 }  // namespace kxtest
