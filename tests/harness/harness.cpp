@@ -16,16 +16,6 @@
 #include <stdexcept>
 
 namespace kxharness {
-namespace {
-
-std::vector<char*> Pointers(std::vector<std::string>& words) {
-  std::vector<char*> pointers;
-  for (auto& word : words) pointers.push_back(&word[0]);
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
-}  // namespace
 
 ProgramResult RunKxhost(const std::vector<std::string>& args,
                         const std::map<std::string, std::string>& env,
@@ -35,24 +25,9 @@ ProgramResult RunKxhost(const std::vector<std::string>& args,
 
 pid_t SpawnKxhost(const std::vector<std::string>& args,
                   const std::map<std::string, std::string>& env) {
-  std::vector<std::string> words = {KX_KXHOST_PATH};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv = Pointers(words);
-  std::vector<std::string> environment = kxtest::EnvironmentWith(env);
-  std::vector<char*> envp = Pointers(environment);
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("SpawnKxhost: fork failed");
-  if (pid == 0) {
-    const int null = open("/dev/null", O_RDWR);
-    if (null >= 0) {
-      dup2(null, STDIN_FILENO);
-      dup2(null, STDOUT_FILENO);
-      dup2(null, STDERR_FILENO);
-    }
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-  return pid;
+  std::vector<std::string> argv = {KX_KXHOST_PATH};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return kxtest::SpawnProgram(argv, env);
 }
 
 int Wait(pid_t pid) { return kxtest::WaitFor(pid); }
@@ -144,14 +119,6 @@ std::vector<std::string> Differences(const Tree& before, const Tree& after) {
   return result;
 }
 
-std::string MakeTempDir(const std::string& prefix) {
-  std::string pattern = "/tmp/" + prefix + "XXXXXX";
-  if (mkdtemp(&pattern[0]) == nullptr) {
-    throw std::runtime_error("MakeTempDir: " + std::string(strerror(errno)));
-  }
-  return pattern;
-}
-
 ScratchTmpfs::ScratchTmpfs(const std::string& prefix, const std::string& size)
     : dir_(MakeTempDir(prefix)) {
   if (mount("kxscratch", dir_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
@@ -166,48 +133,6 @@ ScratchTmpfs::ScratchTmpfs(const std::string& prefix, const std::string& size)
 ScratchTmpfs::~ScratchTmpfs() {
   umount2(dir_.c_str(), MNT_DETACH);
   rmdir(dir_.c_str());
-}
-
-void CopyFile(const std::string& from, const std::string& to) {
-  // By hand: Boost 1.74's copy_file fails across file systems (EXDEV from
-  // copy_file_range) instead of falling back to copying.
-  struct stat info;
-  if (stat(from.c_str(), &info) != 0) {
-    throw std::runtime_error("CopyFile: cannot stat " + from);
-  }
-  const std::string data = ReadFileOr(from, "");
-  const int fd = open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                      info.st_mode & 07777);
-  if (fd < 0) throw std::runtime_error("CopyFile: cannot create " + to);
-  std::size_t done = 0;
-  while (done < data.size()) {
-    const ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n <= 0) {
-      close(fd);
-      throw std::runtime_error("CopyFile: cannot write " + to);
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  fchmod(fd, info.st_mode & 07777);
-  close(fd);
-}
-
-void CopyTree(const std::string& from, const std::string& to) {
-  namespace fs = boost::filesystem;
-  fs::create_directories(to);
-  for (fs::recursive_directory_iterator it(from), end; it != end; ++it) {
-    const fs::path relative = fs::relative(it->path(), from);
-    const fs::path target = fs::path(to) / relative;
-    const fs::file_status status = it->symlink_status();
-    if (fs::is_directory(status)) {
-      fs::create_directories(target);
-      fs::permissions(target, status.permissions());
-    } else if (fs::is_symlink(status)) {
-      fs::copy_symlink(it->path(), target);
-    } else {
-      CopyFile(it->path().string(), target.string());
-    }
-  }
 }
 
 void RemoveTree(const std::string& dir) {

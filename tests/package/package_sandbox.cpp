@@ -37,40 +37,6 @@ bool IsLockFile(const fs::path& path) {
   return name == "lock" || name == "lock-frontend" || name == "Lock";
 }
 
-// Plain reads and writes: Boost's copy_file tries copy_file_range, which
-// fails across file systems, and flushes each file.
-void CopyFile(const fs::path& from, const fs::path& to) {
-  std::ifstream in(from.string(), std::ios::binary);
-  std::ofstream out(to.string(), std::ios::binary | std::ios::trunc);
-  char buffer[65536];
-  while (in && out) {
-    in.read(buffer, sizeof buffer);
-    out.write(buffer, in.gcount());
-  }
-  out.close();
-  if (in.bad() || !in.eof() || !out) {
-    errno = EIO;
-    Fail("copy " + from.string());
-  }
-  fs::permissions(to, fs::status(from).permissions());
-}
-
-void CopyTree(const fs::path& from, const fs::path& to) {
-  fs::create_directories(to);
-  fs::permissions(to, fs::status(from).permissions());
-  for (fs::directory_iterator it(from), end; it != end; ++it) {
-    const fs::path target = to / it->path().filename();
-    const fs::file_status status = fs::symlink_status(it->path());
-    if (fs::is_symlink(status)) {
-      fs::copy_symlink(it->path(), target);
-    } else if (fs::is_directory(status)) {
-      CopyTree(it->path(), target);
-    } else if (fs::is_regular_file(status) && !IsLockFile(it->path())) {
-      CopyFile(it->path(), target);
-    }
-  }
-}
-
 void Bind(const std::string& dir, const char* at) {
   if (mount(dir.c_str(), at, nullptr, MS_BIND, nullptr) != 0) {
     Fail("bind " + dir + " at " + at);
@@ -90,11 +56,7 @@ RunResult RunProgram(const std::vector<std::string>& argv) {
   return kxtest::RunProgram(argv, "", {{"PATH", kPath}, {"LC_ALL", "C"}});
 }
 
-std::string MakeTempDir() {
-  std::string pattern = "/tmp/kxpkg-XXXXXX";
-  if (mkdtemp(&pattern[0]) == nullptr) Fail("mkdtemp");
-  return pattern;
-}
+std::string MakeTempDir() { return kxtest::MakeTempDir("kxpkg-"); }
 
 PackageSandbox::PackageSandbox() {
   // Mounting over the machine's /opt and dpkg database is only harmless
@@ -116,7 +78,9 @@ PackageSandbox::PackageSandbox() {
   try {
     fs::create_directory(dir_ + "/opt");
     fs::permissions(dir_ + "/opt", fs::perms(0755));
-    CopyTree(kDpkgDb, dir_ + "/dpkg");
+    kxtest::CopyTree(kDpkgDb, dir_ + "/dpkg", [](const std::string& path) {
+      return IsLockFile(path);
+    });
     // Written to the copy only: seen at /var/lib/dpkg once the copy is
     // there, which proves the bind before dpkg runs.
     std::ofstream(dir_ + "/dpkg/kxtest-copy").put('\n');

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -52,6 +53,15 @@ void WriteFile(const std::string& path, const std::string& content,
                unsigned mode = 0644);
 std::string ReadFile(const std::string& path);  // throws if unreadable
 bool Exists(const std::string& path);
+// A new directory /tmp/<prefix>XXXXXX; the caller removes it.
+std::string MakeTempDir(const std::string& prefix);
+// Content and mode bits. By hand: Boost 1.74's copy_file fails across file
+// systems (EXDEV from copy_file_range) instead of falling back to copying.
+void CopyFile(const std::string& from, const std::string& to);
+// Directories (with their mode bits), links and files below `from`, except
+// those for which `skip(path)` is true.
+void CopyTree(const std::string& from, const std::string& to,
+              const std::function<bool(const std::string&)>& skip = nullptr);
 
 // A fake agent tool at /opt/korvex/bin/<name>: records its argument vector
 // (without argv[0]) for each run and answers with the given behaviour.
@@ -85,6 +95,11 @@ RunResult RunProgram(const std::vector<std::string>& argv,
 RunResult RunKxhost(const std::vector<std::string>& args,
                     const std::string& input = "",
                     const std::map<std::string, std::string>& env = {});
+
+// Starts argv[0] like RunProgram, with standard input, output and error on
+// /dev/null, and returns at once; the caller waits (WaitFor).
+pid_t SpawnProgram(const std::vector<std::string>& argv,
+                   const std::map<std::string, std::string>& env = {});
 
 // The test's environment with `env` laid over it, as execve wants it.
 std::vector<std::string> EnvironmentWith(

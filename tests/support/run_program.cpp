@@ -136,6 +136,27 @@ RunResult RunProgram(const std::vector<std::string>& argv,
   return result;
 }
 
+pid_t SpawnProgram(const std::vector<std::string>& argv,
+                   const std::map<std::string, std::string>& env) {
+  std::vector<std::string> words = argv;
+  std::vector<char*> args = Pointers(words);
+  std::vector<std::string> environment = EnvironmentWith(env);
+  std::vector<char*> envp = Pointers(environment);
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("SpawnProgram: fork failed");
+  if (pid == 0) {
+    const int null = open("/dev/null", O_RDWR);
+    if (null >= 0) {
+      dup2(null, STDIN_FILENO);
+      dup2(null, STDOUT_FILENO);
+      dup2(null, STDERR_FILENO);
+    }
+    execve(args[0], args.data(), envp.data());
+    _exit(127);
+  }
+  return pid;
+}
+
 RunResult RunKxhost(const std::vector<std::string>& args,
                     const std::string& input,
                     const std::map<std::string, std::string>& env) {

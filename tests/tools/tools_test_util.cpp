@@ -15,18 +15,6 @@ namespace {
 namespace fs = boost::filesystem;
 namespace pt = boost::property_tree;
 
-pt::ptree List(const std::vector<std::string>& items) {
-  pt::ptree list;
-  for (const auto& item : items) list.push_back({"", pt::ptree(item)});
-  return list;
-}
-
-std::string Json(const pt::ptree& tree) {
-  std::ostringstream text;
-  pt::write_json(text, tree, true);
-  return text.str();
-}
-
 void Install(const std::string& from, const std::string& to) {
   fs::create_directories(fs::path(to).parent_path());
   fs::copy_file(from, to, fs::copy_options::overwrite_existing);
@@ -71,25 +59,8 @@ std::string RuleJson(const std::string& name, bool all_allowed, bool extended,
                      const std::vector<std::string>& users,
                      const std::vector<std::string>& groups,
                      const std::vector<std::string>& resources) {
-  auto flag = [](bool value) { return value ? "true" : "false"; };
-  pt::ptree tree;
-  tree.put("name", name);
-  tree.put("all_allowed", flag(all_allowed));
-  tree.put("extended", flag(extended));
-  tree.put("system", flag(system));
-  tree.put("enable", flag(enable));
-  tree.add_child("user_list", List(users));
-  tree.add_child("group_list", List(groups));
-  tree.add_child("resource_list", List(resources));
-  return Json(tree);
-}
-
-std::string WhitelistJson(const std::vector<std::string>& users,
-                          const std::vector<std::string>& groups) {
-  pt::ptree tree;
-  tree.add_child("user_list", List(users));
-  tree.add_child("group_list", List(groups));
-  return Json(tree);
+  return kxtest::RuleJson({name, all_allowed, extended, system, enable, users,
+                           groups, resources});
 }
 
 std::string JsonEscaped(const std::string& text) {
@@ -99,14 +70,6 @@ std::string JsonEscaped(const std::string& text) {
     out += c;
   }
   return out;
-}
-
-std::set<std::string> RuleFiles() {
-  std::set<std::string> names;
-  for (const auto& entry : fs::directory_iterator(kRulesDir)) {
-    names.insert(entry.path().filename().string());
-  }
-  return names;
 }
 
 std::vector<std::string> Lines(const std::string& path) {

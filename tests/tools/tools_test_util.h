@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "config_files.h"
 #include "kxaecctl.h"
 #include "kxtest.h"
 
@@ -47,13 +48,10 @@ std::string RuleJson(const std::string& name, bool all_allowed, bool extended,
                      const std::vector<std::string>& users,
                      const std::vector<std::string>& groups,
                      const std::vector<std::string>& resources);
-// The whitelist file as the plug-in writes it.
-std::string WhitelistJson(const std::vector<std::string>& users,
-                          const std::vector<std::string>& groups);
+using kxtest::WhitelistJson;
 // `text` as the Boost JSON writer puts it in a string ("/" as "\/").
 std::string JsonEscaped(const std::string& text);
-// The names of the files in the rules directory.
-std::set<std::string> RuleFiles();
+using kxtest::RuleFiles;
 // The lines of a file.
 std::vector<std::string> Lines(const std::string& path);
 // Sets the whitelist source in the policy-sources record.
