@@ -16,6 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "host/file_util.h"
+#include "make_dirs.h"
+
 namespace kxhost {
 namespace {
 
@@ -31,46 +34,11 @@ bool Present(const std::string& path) {
   return lstat(path.c_str(), &info) == 0;  // a dangling link counts
 }
 
-void MakeDirs(const std::string& path) {
-  for (std::size_t slash = path.find('/', 1);;
-       slash = path.find('/', slash + 1)) {
-    const std::string part = path.substr(0, slash);
-    if (!part.empty() && mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
-      Fail("mkdir " + part);
-    }
-    if (slash == std::string::npos) break;
-  }
-}
-
-// Writes `content` to `path` unless something is there already: into a
-// temporary file beside it, then renamed into place.
+// Writes `content` to `path` unless something is there already. Written
+// beside it and renamed into place, so an interrupted run never leaves half
+// a file that the next run would keep.
 void WriteIfMissing(const std::string& path, const std::string& content) {
-  if (Present(path)) return;
-  const std::string dir = path.substr(0, path.rfind('/') + 1);
-  std::string pattern = dir + ".korvex-aec.XXXXXX";
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
-  const int fd = mkstemp(name.data());
-  if (fd < 0) Fail("create a file in " + dir);
-  const std::string temporary = name.data();
-  std::size_t written = 0;
-  while (written < content.size()) {
-    const ssize_t n =
-        write(fd, content.data() + written, content.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    written += static_cast<std::size_t>(n);
-  }
-  const bool ok = written == content.size() && fchmod(fd, 0644) == 0 &&
-                  fsync(fd) == 0;
-  const int saved = errno;
-  close(fd);
-  if (!ok || rename(temporary.c_str(), path.c_str()) != 0) {
-    const int reason = ok ? errno : saved;
-    unlink(temporary.c_str());
-    errno = reason;
-    Fail("write " + path);
-  }
+  if (!Present(path)) kxfs::ReplaceFile(path, content, "", 0644);
 }
 
 std::string EmptyWhitelist() {

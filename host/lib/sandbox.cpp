@@ -14,6 +14,7 @@
 #include <string>
 
 #include "fresh_install.h"
+#include "make_dirs.h"
 
 namespace kxhost {
 namespace {
@@ -31,16 +32,6 @@ int g_pushed = 0;
 bool IsDir(const std::string& path) {
   struct stat info;
   return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-void MakeDirs(const std::string& path) {
-  for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-    const std::string part = path.substr(0, slash);
-    if (!part.empty() && mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
-      Fail("mkdir " + part);
-    }
-    if (slash == std::string::npos) break;
-  }
 }
 
 std::string RealPath(const std::string& path) {

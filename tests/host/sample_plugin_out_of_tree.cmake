@@ -61,7 +61,7 @@ file(WRITE ${WORK}/echo.xml
 run("kxhost with the sample plug-in" ${KXHOST} --root ${WORK}/root
     --plugin ${plugin} info exec ${WORK}/echo.xml)
 expect_equal("kxhost's output" "${out}"
-  "name: sample\ndescription: Sample plug-in built against the installed host\n<reply><text>hello from out of tree</text></reply>\n")
+  "name: sample\ndescription: Sample plug-in built against the installed host\n<reply>\n  <text>hello from out of tree</text>\n</reply>\n")
 
 file(REMOVE_RECURSE ${WORK})
 message(STATUS "the sample plug-in built against ${prefix} runs under kxhost")
