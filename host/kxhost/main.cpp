@@ -42,13 +42,14 @@ int main(int argc, char** argv) {
   options.mirror_to_stderr = line.verbose;
   if (!line.root.empty()) {
     try {
-      // Seeded and sealed like a fresh installation (the package's
-      // postinst runs the same seeding), so that the first checked change
-      // in a new root passes the integrity check.
+      // A new root is seeded and sealed like a fresh installation (the
+      // package's postinst runs the same seeding), so that its first checked
+      // change passes the integrity check. A root whose configuration
+      // exists already is left as it is, sealed or not.
       kxhost::MakeRootLayout(line.root);
-      kxhost::SeedFreshInstall(line.root);
+      const bool fresh = kxhost::SeedFreshInstall(line.root);
       kxhost::EnterSandbox(line.root);
-      kxhost::SealFreshInstall();
+      if (fresh) kxhost::SealFreshInstall();
     } catch (const std::runtime_error& e) {
       return Fail(e.what());
     }

@@ -37,8 +37,11 @@ bool Present(const std::string& path) {
 // Writes `content` to `path` unless something is there already. Written
 // beside it and renamed into place, so an interrupted run never leaves half
 // a file that the next run would keep.
-void WriteIfMissing(const std::string& path, const std::string& content) {
-  if (!Present(path)) kxfs::ReplaceFile(path, content, "", 0644);
+// True when it wrote.
+bool WriteIfMissing(const std::string& path, const std::string& content) {
+  if (Present(path)) return false;
+  kxfs::ReplaceFile(path, content, "", 0644);
+  return true;
 }
 
 std::string EmptyWhitelist() {
@@ -94,10 +97,12 @@ void MakeInstallLayout(const std::string& dir) {
   for (const char* sub : kDirs) MakeDirs(dir + "/" + sub);
 }
 
-void SeedFreshInstall(const std::string& dir) {
+bool SeedFreshInstall(const std::string& dir) {
   MakeInstallLayout(dir);
-  WriteIfMissing(dir + "/etc/aec/white-list.config", EmptyWhitelist());
-  WriteIfMissing(dir + "/etc/aec/crc-rule.conf", kIntegrityList);
+  const bool whitelist =
+      WriteIfMissing(dir + "/etc/aec/white-list.config", EmptyWhitelist());
+  const bool list = WriteIfMissing(dir + "/etc/aec/crc-rule.conf", kIntegrityList);
+  return whitelist || list;
 }
 
 bool SealFreshInstall() {

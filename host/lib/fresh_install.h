@@ -1,8 +1,8 @@
 // What a fresh installation of the agent holds, made in one place.
 //
 // The package's postinst runs `kxhost seed` on the real /opt/korvex, and
-// `kxhost --root DIR` seeds and seals its sandboxed root the same way, so a
-// sandboxed root starts exactly like a new installation: the directories,
+// `kxhost --root DIR` seeds a new sandboxed root the same way, so it starts
+// exactly like a new installation: the directories,
 // an empty whitelist (the plug-in refuses to start without one), the
 // integrity tool's list, and the checksum database sealed over them (the
 // rule-control tool refuses checked changes without it).
@@ -26,8 +26,9 @@ KX_HOST_INTERNAL void MakeInstallLayout(const std::string& dir);
 
 // MakeInstallLayout plus, where missing, etc/aec/white-list.config with
 // empty user and group lists and etc/aec/crc-rule.conf naming the protected
-// configuration. `dir` is the root as this process sees it.
-KX_HOST_INTERNAL void SeedFreshInstall(const std::string& dir);
+// configuration. `dir` is the root as this process sees it. True when it
+// wrote either file (the root's configuration is new).
+KX_HOST_INTERNAL bool SeedFreshInstall(const std::string& dir);
 
 // Seals the root mounted at /opt/korvex now: runs
 // /opt/korvex/bin/kxaide -i -c /opt/korvex/etc/aec/crc-rule.conf and renames

@@ -78,6 +78,9 @@ void HostileTest::SetUpTestSuite() {
   kxtest::WriteFile(g_base + "/bin/kxaecctl.behaviour",
                     "exit 2\nline rejected by the test tool\n");
   kxtest::WriteFile(g_base + "/bin/kxaide.behaviour", "exit 0\n");
+  // Sealed already: the fake integrity tool writes no database, so the
+  // seal a new kxhost root gets could not be made with it.
+  kxtest::WriteFile(g_base + "/etc/aec/crc-rule.db", "");
   MakeJournal(g_base + "/" + kJournal);
   const std::string seed = g_scratch->dir() + "/seed.json";
   kxtest::WriteFile(seed, kSeed);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,6 +27,25 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   for (auto& word : words) pointers.push_back(&word[0]);
   pointers.push_back(nullptr);
   return pointers;
+}
+
+// Forks; the child runs `prepare` (its descriptors) and then execs argv[0]
+// with `env` laid over the environment (127 when that fails).
+pid_t StartChild(const std::vector<std::string>& argv,
+                 const std::map<std::string, std::string>& env,
+                 const std::function<void()>& prepare) {
+  std::vector<std::string> words = argv;
+  std::vector<char*> args = Pointers(words);
+  std::vector<std::string> environment = EnvironmentWith(env);
+  std::vector<char*> envp = Pointers(environment);
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed for " + argv.at(0));
+  if (pid == 0) {
+    prepare();
+    execve(args[0], args.data(), envp.data());
+    _exit(127);
+  }
+  return pid;
 }
 
 }  // namespace
@@ -63,21 +83,12 @@ RunResult RunProgram(const std::vector<std::string>& argv,
       pipe2(err, O_CLOEXEC) != 0) {
     throw std::runtime_error("RunProgram: pipe failed");
   }
-  std::vector<std::string> words = argv;
-  std::vector<char*> args = Pointers(words);
-  std::vector<std::string> environment = EnvironmentWith(env);
-  std::vector<char*> envp = Pointers(environment);
-
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("RunProgram: fork failed");
-  if (pid == 0) {
+  const pid_t pid = StartChild(argv, env, [&] {
     dup2(in[0], STDIN_FILENO);
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
     signal(SIGPIPE, SIG_DFL);
-    execve(args[0], args.data(), envp.data());
-    _exit(127);
-  }
+  });
   close(in[0]);
   close(out[1]);
   close(err[1]);
@@ -138,23 +149,14 @@ RunResult RunProgram(const std::vector<std::string>& argv,
 
 pid_t SpawnProgram(const std::vector<std::string>& argv,
                    const std::map<std::string, std::string>& env) {
-  std::vector<std::string> words = argv;
-  std::vector<char*> args = Pointers(words);
-  std::vector<std::string> environment = EnvironmentWith(env);
-  std::vector<char*> envp = Pointers(environment);
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("SpawnProgram: fork failed");
-  if (pid == 0) {
+  return StartChild(argv, env, [] {
     const int null = open("/dev/null", O_RDWR);
     if (null >= 0) {
       dup2(null, STDIN_FILENO);
       dup2(null, STDOUT_FILENO);
       dup2(null, STDERR_FILENO);
     }
-    execve(args[0], args.data(), envp.data());
-    _exit(127);
-  }
-  return pid;
+  });
 }
 
 RunResult RunKxhost(const std::vector<std::string>& args,
