@@ -33,7 +33,7 @@
 #include "aec_paths.h"
 #include "lib/sandbox.h"
 #include "lib/xml_document.h"
-#include "support/journal_generator.h"
+#include "journal_generator.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ constexpr double kGoalRatio = 1.2;
 constexpr double kGoalPeakMiB = 64.0;
 
 std::string g_scratch;  // outside the sandbox's view: the journals live here
-kxbench::JournalShape g_shape;
+kxjournal::JournalShape g_shape;
 
 std::string JournalFile(std::size_t rows) {
   return g_scratch + "/journal-" + std::to_string(rows) + ".db";
@@ -59,8 +59,8 @@ void UseJournal(std::size_t rows) {
 // The whole time span of a generated journal, every outcome: the largest
 // answer a client can ask for.
 struct Bounds {
-  std::string from = std::to_string(kxbench::FirstTime(g_shape));
-  std::string to = std::to_string(kxbench::EndTime(g_shape));
+  std::string from = std::to_string(kxjournal::FirstTime(g_shape));
+  std::string to = std::to_string(kxjournal::EndTime(g_shape));
 };
 
 std::vector<std::pair<std::string, std::string>> LogParams() {
@@ -277,9 +277,9 @@ void GenerateInChild(std::size_t rows) {
   if (pid < 0) throw std::runtime_error("fork");
   if (pid == 0) {
     try {
-      kxbench::JournalShape shape = g_shape;
+      kxjournal::JournalShape shape = g_shape;
       shape.rows = rows;
-      kxbench::GenerateJournal(JournalFile(rows), shape);
+      kxjournal::GenerateJournal(JournalFile(rows), shape);
       _exit(0);
     } catch (const std::exception& e) {
       std::fprintf(stderr, "generator: %s\n", e.what());

@@ -25,6 +25,7 @@
 
 #include "host/ixml.h"
 #include "host/plugin_api.h"
+#include "lib/fresh_install.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
 #include "lib/xml_document.h"
@@ -248,6 +249,7 @@ int main(int argc, char** argv) {
     std::perror("mkdtemp");
     return 2;
   }
+  kxhost::MakeRootLayout(root);
   kxhost::SeedFreshInstall(root);
   kxhost::EnterSandbox(root);
   kxhost::RuntimeOptions options;

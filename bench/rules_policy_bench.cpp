@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "aec_policies/aecrulespolicy.h"
+#include "lib/fresh_install.h"
 #include "lib/sandbox.h"
 
 namespace fs = boost::filesystem;
@@ -212,6 +213,7 @@ int main(int argc, char** argv) {
     std::perror("mkdtemp");
     return 2;
   }
+  kxhost::MakeRootLayout(root.data());
   kxhost::SeedFreshInstall(root.data());
   kxhost::EnterSandbox(root.data());
   // The reload at the end of every Apply: a tool that exits 0 at once.

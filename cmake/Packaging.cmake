@@ -11,7 +11,8 @@ set(KX_INSTALL_ROOT /opt/korvex)
 # Installed into ${KX_INSTALL_ROOT}; the build tree keeps its own RPATH.
 set_target_properties(aec kxhost kxhost_program kxserv kxctl PROPERTIES
   INSTALL_RPATH ${KX_INSTALL_ROOT}/lib)
-install(TARGETS kxhost aec LIBRARY DESTINATION lib)
+install(TARGETS kxhost EXPORT KorvexHostTargets LIBRARY DESTINATION lib)
+install(TARGETS aec LIBRARY DESTINATION lib)
 install(TARGETS kxhost_program kxctl RUNTIME DESTINATION bin)
 install(TARGETS kxserv RUNTIME DESTINATION sbin)
 
@@ -25,6 +26,25 @@ file(GLOB_RECURSE KX_MAN_PAGES CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/host/*.8 ${PROJECT_SOURCE_DIR}/tools/*.8
      ${PROJECT_SOURCE_DIR}/service/*.8 ${PROJECT_SOURCE_DIR}/engine/*.8)
 install(FILES ${KX_MAN_PAGES} DESTINATION share/man/man8)
+
+# The host others build plug-ins against: the contract headers and a CMake
+# package, so that find_package(KorvexHost) and KorvexHost::kxhost work from
+# the install prefix (examples/sample_plugin). The host's internals
+# (host/lib/*.h) are not part of it.
+include(CMakePackageConfigHelpers)
+set(KX_CMAKE_PACKAGE_DIR lib/cmake/KorvexHost)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/host DESTINATION include
+        FILES_MATCHING PATTERN "*.h")
+install(EXPORT KorvexHostTargets NAMESPACE KorvexHost::
+        DESTINATION ${KX_CMAKE_PACKAGE_DIR})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KorvexHostConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/KorvexHostConfig.cmake
+  INSTALL_DESTINATION ${KX_CMAKE_PACKAGE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KorvexHostConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KorvexHostConfig.cmake
+              ${PROJECT_BINARY_DIR}/KorvexHostConfigVersion.cmake
+        DESTINATION ${KX_CMAKE_PACKAGE_DIR})
 
 # The message catalogue: the template of the plug-in's texts, in the
 # directory kxhost binds the "korvex-aec" domain to. No translation exists

@@ -10,7 +10,7 @@ const std::map<std::string, std::size_t>& StepArity() {
   static const std::map<std::string, std::size_t> arity = {
       {"exec", 1},   {"policies", 0},       {"set-policies", 1},
       {"import-policies", 1}, {"info", 0},  {"state", 0},
-      {"store-password", 0},  {"setting", 2},
+      {"store-password", 0},  {"setting", 2},   {"seed", 0},
   };
   return arity;
 }
@@ -65,8 +65,8 @@ std::string UsageText() {
       "\n"
       "options:\n"
       "  --root DIR      run in a private mount namespace with DIR mounted at\n"
-      "                  /opt/korvex (DIR is made and seeded like a fresh\n"
-      "                  installation where missing); host events go to\n"
+      "                  /opt/korvex (a new DIR is made, seeded and sealed\n"
+      "                  like a fresh installation); host events go to\n"
       "                  /opt/korvex/var/log/kxhost-events.log and kernel\n"
       "                  parameters to files below /opt/korvex/var/run/sysctl\n"
       "  --plugin PATH   the plug-in (default /opt/korvex/lib/libaec.so)\n"
@@ -85,6 +85,10 @@ std::string UsageText() {
       "                          store it enciphered as the directory password\n"
       "                          (KXDomainPassword of network_plugin_config)\n"
       "  setting NAME VALUE      store a plain network_plugin_config row\n"
+      "  seed                    make what a fresh installation has where it\n"
+      "                          is missing (directories, empty whitelist,\n"
+      "                          integrity list) and seal it with kxaide when\n"
+      "                          no seal exists; the package's postinst runs it\n"
       "\n"
       "exit codes:\n"
       "  0  all steps done\n"
@@ -95,7 +99,8 @@ std::string UsageText() {
 }
 
 bool NeedsPlugin(const Step& step) {
-  return step.name != "store-password" && step.name != "setting";
+  return step.name != "store-password" && step.name != "setting" &&
+         step.name != "seed";
 }
 
 }  // namespace kxhost

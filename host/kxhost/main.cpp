@@ -11,6 +11,7 @@
 #include "lib/plugin_loader.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
+#include "plugin_loader.h"
 #include "steps.h"
 
 namespace {

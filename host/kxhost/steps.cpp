@@ -10,6 +10,7 @@
 
 #include "host/crypto.h"
 #include "host/ixml.h"
+#include "lib/fresh_install.h"
 #include "network_settings.h"
 
 namespace kxhost {
@@ -18,6 +19,7 @@ namespace {
 constexpr int kExitFailure = 1;
 constexpr int kExitUnanswered = 3;
 constexpr const char* kPasswordSetting = "KXDomainPassword";
+constexpr const char* kInstallRoot = "/opt/korvex";
 
 std::string ReadInput(const std::string& path, bool* stdin_used) {
   if (path == "-") {
@@ -119,6 +121,9 @@ int RunHostStep(PreparedStep& prepared) {
   try {
     if (prepared.step.name == "store-password") {
       StoreNetworkSetting(kPasswordSetting, encrypt_password(prepared.password));
+    } else if (prepared.step.name == "seed") {
+      SeedFreshInstall(kInstallRoot);
+      SealFreshInstall();
     } else {
       StoreNetworkSetting(prepared.step.args[0], prepared.step.args[1]);
     }

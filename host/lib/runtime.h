@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "internal_api.h"
+
 namespace kxhost {
 
 struct RuntimeOptions {
@@ -31,21 +33,21 @@ struct RuntimeOptions {
   std::string host_ident = "kxhost";
 };
 
-void Configure(const RuntimeOptions& options);
-const RuntimeOptions& Options();
+KX_HOST_INTERNAL void Configure(const RuntimeOptions& options);
+KX_HOST_INTERNAL const RuntimeOptions& Options();
 
 // Receives every log line the host writes (log_message and Boost.Log
 // trivial records, the latter with a syslog priority from their severity),
 // as "file:line: text" with the text fully formatted. Null removes it.
 using LogObserver = std::function<void(int priority, const std::string& line)>;
-void SetLogObserver(LogObserver observer);
+KX_HOST_INTERNAL void SetLogObserver(LogObserver observer);
 
 struct HostEvent {
   std::string kind;               // "send_message", "block_station", ...
   std::vector<std::string> args;  // the call's arguments as text
 };
-std::vector<HostEvent> Events();
-void ClearEvents();
+KX_HOST_INTERNAL std::vector<HostEvent> Events();
+KX_HOST_INTERNAL void ClearEvents();
 
 // Receives every host event as it is recorded, on the thread that called the
 // host service (the plug-in's), after it is kept and written to the events
@@ -58,14 +60,14 @@ void SetEventObserver(EventObserver observer);
 // given and before it runs, so that tests can compare what a plug-in sends
 // byte for byte. Null removes it.
 using StatementObserver = std::function<void(const std::string& sql)>;
-void SetStatementObserver(StatementObserver observer);
+KX_HOST_INTERNAL void SetStatementObserver(StatementObserver observer);
 // The observer set with SetStatementObserver (empty when none).
-StatementObserver CurrentStatementObserver();
+KX_HOST_INTERNAL StatementObserver CurrentStatementObserver();
 
 // Forgets every open handle and cached state that belongs to the current
 // /opt/korvex (the settings database connection, the policy sources), so
 // that the next use reads the root mounted now. For tests that mount a new
 // scratch root in the same process.
-void ResetState();
+KX_HOST_INTERNAL void ResetState();
 
 }  // namespace kxhost

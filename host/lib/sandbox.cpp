@@ -6,16 +6,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/property_tree/json_parser.hpp>
-#include <boost/property_tree/ptree.hpp>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <string>
+
+#include "fresh_install.h"
+#include "make_dirs.h"
 
 namespace kxhost {
 namespace {
@@ -33,16 +32,6 @@ int g_pushed = 0;
 bool IsDir(const std::string& path) {
   struct stat info;
   return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-void MakeDirs(const std::string& path) {
-  for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-    const std::string part = path.substr(0, slash);
-    if (!part.empty() && mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
-      Fail("mkdir " + part);
-    }
-    if (slash == std::string::npos) break;
-  }
 }
 
 std::string RealPath(const std::string& path) {
@@ -133,51 +122,17 @@ void PopRoot() {
 }
 
 void MakeRootLayout(const std::string& dir) {
-  static const char* const kDirs[] = {
-      "bin",          "etc/aec/rules",        "usr/db",
-      "var/log",      "var/tmp/rm",           "var/tmp/pam_messages",
-      "var/run/sysctl", "var/cache/kxnetwork",
-  };
-  MakeDirs(dir);
-  for (const char* sub : kDirs) MakeDirs(dir + "/" + sub);
-}
-
-void SeedFreshInstall(const std::string& dir) {
-  MakeRootLayout(dir);
-  // The integrity tool's list of the configuration it keeps checksums of
-  // (the package installs it; docs/tools.md describes the format).
-  const std::string crc_list = dir + "/etc/aec/crc-rule.conf";
-  struct stat list_info;
-  if (lstat(crc_list.c_str(), &list_info) != 0) {
-    std::ofstream list(crc_list, std::ios::trunc);
-    list << "# Files whose SHA-256 kxaide keeps in crc-rule.db; a directory\n"
-            "# stands for every regular file in it.\n"
-            "/opt/korvex/etc/aec/rules/\n"
-            "/opt/korvex/etc/aec/white-list.config\n"
-            "/opt/korvex/etc/aec/resource-exception.conf\n"
-            "/opt/korvex/etc/aec/policy-sources.conf\n";
-    list.close();
-    if (!list) Fail("write " + crc_list);
-  }
-  const std::string whitelist = dir + "/etc/aec/white-list.config";
-  struct stat info;
-  if (lstat(whitelist.c_str(), &info) == 0) return;
-  boost::property_tree::ptree empty;
-  empty.put("user_list", "");
-  empty.put("group_list", "");
-  std::ostringstream text;
-  boost::property_tree::write_json(text, empty, true);
-  std::ofstream out(whitelist, std::ios::trunc);
-  out << text.str();
-  out.close();
-  if (!out) Fail("write " + whitelist);
+  MakeInstallLayout(dir);
+  MakeDirs(dir + "/var/run/sysctl");
 }
 
 bool InSandbox() { return g_in_sandbox; }
 
 void EnterSandboxedRoot(const std::string& dir, RuntimeOptions* options) {
-  SeedFreshInstall(dir);
+  MakeRootLayout(dir);
+  const bool fresh = SeedFreshInstall(dir);
   EnterSandbox(dir);
+  if (fresh) SealFreshInstall();
   options->sysctl_root = "/opt/korvex/var/run/sysctl";
 }
 

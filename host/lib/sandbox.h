@@ -12,35 +12,33 @@
 
 #include <string>
 
+#include "internal_api.h"
 #include "runtime.h"
 
 namespace kxhost {
 
 // Enters the namespace and mounts `dir` (made if missing) at /opt/korvex.
-void EnterSandbox(const std::string& dir);
+KX_HOST_INTERNAL void EnterSandbox(const std::string& dir);
 
 // Inside an entered sandbox: mounts `dir` over /opt/korvex (stacked on the
 // previous one), or removes the top-most such mount.
-void PushRoot(const std::string& dir);
-void PopRoot();
+KX_HOST_INTERNAL void PushRoot(const std::string& dir);
+KX_HOST_INTERNAL void PopRoot();
 
-// Makes the directories a fresh install root has: bin, etc/aec/rules,
-// usr/db, var/log, var/tmp/rm, var/tmp/pam_messages, var/run/sysctl,
-// var/cache/kxnetwork. Existing ones are kept.
-void MakeRootLayout(const std::string& dir);
+// The layout of an installation (fresh_install.h) plus var/run/sysctl, the
+// sandboxed host's stand-in for /proc/sys. Existing directories are kept.
+KX_HOST_INTERNAL void MakeRootLayout(const std::string& dir);
 
-// MakeRootLayout plus the configuration a freshly installed agent has,
-// written only where missing: the whitelist file
-// etc/aec/white-list.config with empty user and group lists (the package
-// installs one, and the plug-in refuses to start without it).
-void SeedFreshInstall(const std::string& dir);
-
-// What a host program's --root DIR does: SeedFreshInstall(dir),
-// EnterSandbox(dir), and kernel parameters to files below
-// /opt/korvex/var/run/sysctl in `options`.
-void EnterSandboxedRoot(const std::string& dir, RuntimeOptions* options);
+// What a host program's --root DIR does: MakeRootLayout(dir),
+// SeedFreshInstall(dir), EnterSandbox(dir), SealFreshInstall() when the
+// seeding found the root new (so its first checked change passes the
+// integrity check; a root whose configuration exists is left as it is,
+// sealed or not), and kernel parameters to files below
+// /opt/korvex/var/run/sysctl in `options`. Forks: call before threads start.
+KX_HOST_INTERNAL void EnterSandboxedRoot(const std::string& dir,
+                                         RuntimeOptions* options);
 
 // True when the process runs in the sandbox entered by EnterSandbox.
-bool InSandbox();
+KX_HOST_INTERNAL bool InSandbox();
 
 }  // namespace kxhost

@@ -10,12 +10,15 @@
 
 #include <sqlite3.h>
 
+#include "internal_api.h"
+
+#include "internal_api.h"
 namespace kxhost {
 
 // Never null; throws std::runtime_error when the database cannot be opened.
-sqlite3* SettingsDb();
+KX_HOST_INTERNAL sqlite3* SettingsDb();
 
 // Closes the connection; the next SettingsDb() opens it again.
-void CloseSettingsDb();
+KX_HOST_INTERNAL void CloseSettingsDb();
 
 }  // namespace kxhost

@@ -16,10 +16,11 @@
 #include <vector>
 
 #include "host/ixml.h"
+#include "internal_api.h"
 
 namespace kxhost {
 
-class XmlDocument : public IXml {
+class KX_HOST_INTERNAL XmlDocument : public IXml {
  public:
   XmlDocument() = default;
   XmlDocument(std::string name, boost::property_tree::ptree content);
@@ -57,10 +58,10 @@ class XmlDocument : public IXml {
 
 // Parses XML text holding one root element. Throws std::runtime_error with
 // the parser's message (and line) for malformed text or more than one root.
-boost::shared_ptr<XmlDocument> ParseXml(const std::string& text);
+KX_HOST_INTERNAL boost::shared_ptr<XmlDocument> ParseXml(const std::string& text);
 
 // The content tree of any document made by this host (every IXml in this
 // process is an XmlDocument); throws std::logic_error for another type.
-const boost::property_tree::ptree& TreeOf(const IXml& xml);
+KX_HOST_INTERNAL const boost::property_tree::ptree& TreeOf(const IXml& xml);
 
 }  // namespace kxhost

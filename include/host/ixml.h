@@ -16,7 +16,7 @@
 //  - Not thread-safe; a document is used by one thread at a time.
 //
 // The order of the virtual operations is part of the binary contract with
-// plug-ins built against the original host: AddValue is the first slot,
+// plug-ins, which call them by slot: AddValue is the first slot,
 // AddNode the second, GetCommand the seventh, GetParam the fourteenth,
 // GetAttribute the fifteenth and GetNode the seventeenth. The slots between
 // them hold operations of this host; new operations go after the destructor.

@@ -15,6 +15,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "lib/fresh_install.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
 
@@ -117,6 +118,7 @@ void EnterFuzzSandbox() {
   }
   rmdir(pattern);
   try {
+    kxhost::MakeRootLayout(kRoot);
     kxhost::SeedFreshInstall(kRoot);
   } catch (const std::runtime_error& e) {
     std::fprintf(stderr, "kxfuzz: %s\n", e.what());

@@ -3,12 +3,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <poll.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -18,152 +15,22 @@
 #include <iterator>
 #include <stdexcept>
 
-extern char** environ;
-
 namespace kxharness {
-namespace {
-
-// The test's environment with `env` laid over it, as execve wants it.
-std::vector<std::string> Environment(
-    const std::map<std::string, std::string>& env) {
-  std::vector<std::string> result;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    const std::string name = text.substr(0, text.find('='));
-    if (env.count(name) == 0) result.push_back(text);
-  }
-  for (const auto& item : env) result.push_back(item.first + "=" + item.second);
-  return result;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& words) {
-  std::vector<char*> pointers;
-  for (auto& word : words) pointers.push_back(&word[0]);
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
-void CloseFd(int* fd) {
-  if (*fd >= 0) close(*fd);
-  *fd = -1;
-}
-
-int Decode(int status) {
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return -1;
-}
-
-}  // namespace
 
 ProgramResult RunKxhost(const std::vector<std::string>& args,
                         const std::map<std::string, std::string>& env,
                         const std::string& input) {
-  int in[2], out[2], err[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 ||
-      pipe2(err, O_CLOEXEC) != 0) {
-    throw std::runtime_error("RunKxhost: pipe failed");
-  }
-  std::vector<std::string> words = {KX_KXHOST_PATH};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv = Pointers(words);
-  std::vector<std::string> environment = Environment(env);
-  std::vector<char*> envp = Pointers(environment);
-
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("RunKxhost: fork failed");
-  if (pid == 0) {
-    dup2(in[0], STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
-    signal(SIGPIPE, SIG_DFL);
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-  close(in[0]);
-  close(out[1]);
-  close(err[1]);
-  struct sigaction ignore {
-  }, previous{};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGPIPE, &ignore, &previous);
-
-  ProgramResult result;
-  int to_child = in[1], from_out = out[0], from_err = err[0];
-  std::size_t sent = 0;
-  if (input.empty()) CloseFd(&to_child);
-  // Standard input and both outputs at once: no side can block the other.
-  while (to_child >= 0 || from_out >= 0 || from_err >= 0) {
-    std::vector<pollfd> fds;
-    if (to_child >= 0) fds.push_back({to_child, POLLOUT, 0});
-    if (from_out >= 0) fds.push_back({from_out, POLLIN, 0});
-    if (from_err >= 0) fds.push_back({from_err, POLLIN, 0});
-    if (poll(fds.data(), fds.size(), -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    for (const auto& p : fds) {
-      if (p.revents == 0) continue;
-      if (p.fd == to_child) {
-        const ssize_t n =
-            write(to_child, input.data() + sent, input.size() - sent);
-        if (n <= 0) {
-          if (n < 0 && errno == EINTR) continue;
-          CloseFd(&to_child);
-          continue;
-        }
-        sent += static_cast<std::size_t>(n);
-        if (sent == input.size()) CloseFd(&to_child);
-        continue;
-      }
-      char buffer[8192];
-      const ssize_t n = read(p.fd, buffer, sizeof buffer);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) {
-        CloseFd(p.fd == from_out ? &from_out : &from_err);
-        continue;
-      }
-      (p.fd == from_out ? result.out : result.err)
-          .append(buffer, static_cast<std::size_t>(n));
-    }
-  }
-  CloseFd(&to_child);
-  CloseFd(&from_out);
-  CloseFd(&from_err);
-  sigaction(SIGPIPE, &previous, nullptr);
-  result.exit_code = Wait(pid);
-  return result;
+  return kxtest::RunKxhost(args, input, env);
 }
 
 pid_t SpawnKxhost(const std::vector<std::string>& args,
                   const std::map<std::string, std::string>& env) {
-  std::vector<std::string> words = {KX_KXHOST_PATH};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv = Pointers(words);
-  std::vector<std::string> environment = Environment(env);
-  std::vector<char*> envp = Pointers(environment);
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("SpawnKxhost: fork failed");
-  if (pid == 0) {
-    const int null = open("/dev/null", O_RDWR);
-    if (null >= 0) {
-      dup2(null, STDIN_FILENO);
-      dup2(null, STDOUT_FILENO);
-      dup2(null, STDERR_FILENO);
-    }
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-  return pid;
+  std::vector<std::string> argv = {KX_KXHOST_PATH};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return kxtest::SpawnProgram(argv, env);
 }
 
-int Wait(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) throw std::runtime_error("Wait: waitpid failed");
-  }
-  return Decode(status);
-}
+int Wait(pid_t pid) { return kxtest::WaitFor(pid); }
 
 std::string Sha256(const std::string& data) {
   unsigned char digest[EVP_MAX_MD_SIZE];
@@ -252,14 +119,6 @@ std::vector<std::string> Differences(const Tree& before, const Tree& after) {
   return result;
 }
 
-std::string MakeTempDir(const std::string& prefix) {
-  std::string pattern = "/tmp/" + prefix + "XXXXXX";
-  if (mkdtemp(&pattern[0]) == nullptr) {
-    throw std::runtime_error("MakeTempDir: " + std::string(strerror(errno)));
-  }
-  return pattern;
-}
-
 ScratchTmpfs::ScratchTmpfs(const std::string& prefix, const std::string& size)
     : dir_(MakeTempDir(prefix)) {
   if (mount("kxscratch", dir_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
@@ -274,48 +133,6 @@ ScratchTmpfs::ScratchTmpfs(const std::string& prefix, const std::string& size)
 ScratchTmpfs::~ScratchTmpfs() {
   umount2(dir_.c_str(), MNT_DETACH);
   rmdir(dir_.c_str());
-}
-
-void CopyFile(const std::string& from, const std::string& to) {
-  // By hand: Boost 1.74's copy_file fails across file systems (EXDEV from
-  // copy_file_range) instead of falling back to copying.
-  struct stat info;
-  if (stat(from.c_str(), &info) != 0) {
-    throw std::runtime_error("CopyFile: cannot stat " + from);
-  }
-  const std::string data = ReadFileOr(from, "");
-  const int fd = open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                      info.st_mode & 07777);
-  if (fd < 0) throw std::runtime_error("CopyFile: cannot create " + to);
-  std::size_t done = 0;
-  while (done < data.size()) {
-    const ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n <= 0) {
-      close(fd);
-      throw std::runtime_error("CopyFile: cannot write " + to);
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  fchmod(fd, info.st_mode & 07777);
-  close(fd);
-}
-
-void CopyTree(const std::string& from, const std::string& to) {
-  namespace fs = boost::filesystem;
-  fs::create_directories(to);
-  for (fs::recursive_directory_iterator it(from), end; it != end; ++it) {
-    const fs::path relative = fs::relative(it->path(), from);
-    const fs::path target = fs::path(to) / relative;
-    const fs::file_status status = it->symlink_status();
-    if (fs::is_directory(status)) {
-      fs::create_directories(target);
-      fs::permissions(target, status.permissions());
-    } else if (fs::is_symlink(status)) {
-      fs::copy_symlink(it->path(), target);
-    } else {
-      CopyFile(it->path().string(), target.string());
-    }
-  }
 }
 
 void RemoveTree(const std::string& dir) {

@@ -10,13 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "kxtest.h"
+
 namespace kxharness {
 
-struct ProgramResult {
-  int exit_code = -1;  // 128 + N for death by signal N
-  std::string out;
-  std::string err;
-};
+using ProgramResult = kxtest::RunResult;
 
 // Runs the built kxhost with `args`; `env` entries are added to (or replace
 // those of) the test's environment. Standard input from `input`. Waits.
@@ -54,7 +52,7 @@ std::string Sha256(const std::string& data);
 std::string ReadFileOr(const std::string& path, const std::string& fallback);
 
 // A new directory /tmp/<prefix>XXXXXX; removed by the caller (RemoveTree).
-std::string MakeTempDir(const std::string& prefix);
+using kxtest::MakeTempDir;
 
 // A new directory /tmp/<prefix>XXXXXX with a tmpfs of its own, mounted in
 // the test process's private namespace (kxhost children see it too): roots
@@ -71,8 +69,8 @@ class ScratchTmpfs {
   std::string dir_;
 };
 // Content and mode bits.
-void CopyFile(const std::string& from, const std::string& to);
-void CopyTree(const std::string& from, const std::string& to);
+using kxtest::CopyFile;
+using kxtest::CopyTree;
 void RemoveTree(const std::string& dir);
 
 }  // namespace kxharness

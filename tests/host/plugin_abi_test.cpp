@@ -1,5 +1,7 @@
 // The built plug-in exports its entry points under their C++ names, and
-// nothing else but the network settings store.
+// nothing else but the network settings store. The host library exports the
+// contract, with one type_info per contract type, and of its internals only
+// those its own programs use.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -11,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "host/log.h"
 #include "host/plugin_api.h"
 
 namespace {
@@ -104,6 +107,85 @@ TEST(PluginAbi, NothingElseOfOursIsExported) {
   }
   for (const char* name : EntryPoints()) {
     EXPECT_EQ(exported.count(name), 1u) << name;
+  }
+}
+
+// The file of the loaded host library (the one this test runs against).
+std::string HostLibrary() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&log_message), &info) == 0 ||
+      info.dli_fname == nullptr) {
+    return "";
+  }
+  return info.dli_fname;
+}
+
+std::set<std::string> DemangledExports(const std::string& library) {
+  std::set<std::string> names;
+  for (const auto& symbol : ExportedSymbols(library)) {
+    names.insert(Demangle(symbol));
+  }
+  return names;
+}
+
+// A plug-in built with hidden visibility references these across the
+// library boundary, and catches and compares host types by their type_info.
+TEST(HostAbi, TheContractAndItsTypeInfoAreExported) {
+  const std::string library = HostLibrary();
+  ASSERT_NE(library.find("libkxhost.so"), std::string::npos) << library;
+  const std::set<std::string> exported = DemangledExports(library);
+  for (const char* name :
+       {"typeinfo for IXml", "typeinfo for IPolicy", "typeinfo for PolicyManager",
+        "typeinfo for PolicyDbRequestGetter", "vtable for PolicyManager",
+        "XMLParserBoost::CreateEmptyXML()", "db_execute(char const*, db_response_t*)",
+        "send_message(int, parsed_xml_data_t*)"}) {
+    EXPECT_EQ(exported.count(name), 1u) << name;
+  }
+  bool log = false;
+  for (const auto& name : exported) log |= StartsWith(name, "log_message(");
+  EXPECT_TRUE(log);
+}
+
+// Of the host's own namespace only what host/lib/internal_api.h marks
+// leaves the library; the rest (the log sink, the event recorder, table
+// statements, directory making) stays inside.
+TEST(HostAbi, OnlyTheMarkedInternalsAreExported) {
+  const std::set<std::string> exported = DemangledExports(HostLibrary());
+  ASSERT_FALSE(exported.empty());
+  const std::vector<std::string> marked = {
+      "kxhost::Configure(",          "kxhost::Options(",
+      "kxhost::SetLogObserver(",     "kxhost::Events(",
+      "kxhost::ClearEvents(",        "kxhost::SetStatementObserver(",
+      "kxhost::CurrentStatementObserver(", "kxhost::ResetState(",
+      "kxhost::EnterSandbox(",       "kxhost::PushRoot(",
+      "kxhost::PopRoot(",            "kxhost::MakeRootLayout(",
+      "kxhost::InSandbox(",          "kxhost::MakeInstallLayout(",
+      "kxhost::SeedFreshInstall(",   "kxhost::SealFreshInstall(",
+      "kxhost::SettingsDb(",         "kxhost::CloseSettingsDb(",
+      "kxhost::XmlDocument",         "kxhost::ParseXml(",
+      "kxhost::TreeOf("};
+  int host_names = 0;
+  for (std::string name : exported) {
+    for (const char* prefix :
+         {"typeinfo name for ", "typeinfo for ", "vtable for "}) {
+      if (StartsWith(name, prefix)) name.erase(0, std::string(prefix).size());
+    }
+    if (!StartsWith(name, "kxhost::")) continue;
+    ++host_names;
+    // Functions returning a std::string carry the ABI tag in their names.
+    const std::string tag = "[abi:cxx11]";
+    for (auto at = name.find(tag); at != std::string::npos; at = name.find(tag)) {
+      name.erase(at, tag.size());
+    }
+    bool allowed = false;
+    for (const auto& prefix : marked) allowed |= StartsWith(name, prefix);
+    EXPECT_TRUE(allowed) << "unexpected export " << name;
+  }
+  EXPECT_GE(host_names, static_cast<int>(marked.size()));
+  for (const auto& name : exported) {
+    EXPECT_FALSE(StartsWith(name, "kxhost::WriteLogLine(")) << name;
+    EXPECT_FALSE(StartsWith(name, "kxhost::RecordEvent(")) << name;
+    EXPECT_FALSE(StartsWith(name, "kxhost::MakeDirs(")) << name;
   }
 }
 

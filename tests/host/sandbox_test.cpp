@@ -1,4 +1,5 @@
 // The sandboxed install root.
+#include "lib/fresh_install.h"
 #include "lib/sandbox.h"
 
 #include <gtest/gtest.h>

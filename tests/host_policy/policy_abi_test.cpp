@@ -1,5 +1,5 @@
-// The binary contract: plug-ins built against the original host call these
-// operations by their vtable slots.
+// The binary contract: plug-ins built against this contract call these
+// operations by their vtable slots, so each slot keeps its index.
 #include <gtest/gtest.h>
 
 #include <boost/property_tree/ptree.hpp>

@@ -1,13 +1,14 @@
 #include "hostile_env.h"
 
-#include <sqlite3.h>
 #include <stdlib.h>
 
 #include <boost/filesystem.hpp>
+#include <cstdint>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 
+#include "journal_generator.h"
 #include "kxtest.h"
 #include "lib/xml_document.h"
 
@@ -29,26 +30,28 @@ std::string Replace(std::string text, const std::string& from,
   return text;
 }
 
+// A small journal of three events for the journal commands to read.
 void MakeJournal(const std::string& path) {
-  sqlite3* db = nullptr;
-  if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) {
-    throw std::runtime_error("cannot create the journal " + path);
-  }
-  const char* sql =
-      "CREATE TABLE logs (id INTEGER PRIMARY KEY, event_id INTEGER NOT NULL,"
-      " date_time INTEGER, app TEXT, object_name TEXT, username TEXT,"
-      " groupname TEXT, success INTEGER);"
-      "INSERT INTO logs VALUES (1, 1050, 1795256130, '/usr/bin/make',"
-      " '\"/usr/bin/make\";', 'alice', 'devs', 0);"
-      "INSERT INTO logs VALUES (2, 1052, 1795256131, '/usr/bin/make',"
-      " '\"/lib/libc.so.6\";', 'alice', 'devs', 1);"
-      "INSERT INTO logs VALUES (3, 1054, 1795256132, '/usr/bin/ssh',"
-      " '\"/etc/ssh/ssh_config\";', 'bob', 'ops', 0);";
-  char* error = nullptr;
-  const int rc = sqlite3_exec(db, sql, nullptr, nullptr, &error);
-  sqlite3_free(error);
-  sqlite3_close(db);
-  if (rc != SQLITE_OK) throw std::runtime_error("cannot fill the journal");
+  auto row = [](int event_id, std::int64_t time, const std::string& app,
+                const std::string& object, const std::string& user,
+                const std::string& group, int success) {
+    kxjournal::JournalRow r;
+    r.event_id = event_id;
+    r.date_time = std::to_string(time);
+    r.app = app;
+    r.object_name = kxjournal::FrameObjectName(object);
+    r.username = user;
+    r.groupname = group;
+    r.success = success;
+    return r;
+  };
+  kxjournal::WriteJournal(
+      path, {row(1050, 1795256130, "/usr/bin/make", "/usr/bin/make", "alice",
+                 "devs", 0),
+             row(1052, 1795256131, "/usr/bin/make", "/lib/libc.so.6", "alice",
+                 "devs", 1),
+             row(1054, 1795256132, "/usr/bin/ssh", "/etc/ssh/ssh_config",
+                 "bob", "ops", 0)});
 }
 
 const char* const kSeed = R"({"policies": [
@@ -75,6 +78,9 @@ void HostileTest::SetUpTestSuite() {
   kxtest::WriteFile(g_base + "/bin/kxaecctl.behaviour",
                     "exit 2\nline rejected by the test tool\n");
   kxtest::WriteFile(g_base + "/bin/kxaide.behaviour", "exit 0\n");
+  // Sealed already: the fake integrity tool writes no database, so the
+  // seal a new kxhost root gets could not be made with it.
+  kxtest::WriteFile(g_base + "/etc/aec/crc-rule.db", "");
   MakeJournal(g_base + "/" + kJournal);
   const std::string seed = g_scratch->dir() + "/seed.json";
   kxtest::WriteFile(seed, kSeed);

@@ -15,9 +15,9 @@
 namespace journal_test {
 namespace {
 
-using kxbench::FrameObjectName;
-using kxbench::JournalRow;
-using kxbench::WriteJournal;
+using kxjournal::FrameObjectName;
+using kxjournal::JournalRow;
+using kxjournal::WriteJournal;
 using Set = std::multiset<std::string>;
 
 const char* const kReadError = "failed to read audit database";

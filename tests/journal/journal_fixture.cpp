@@ -64,11 +64,11 @@ std::vector<std::string> ChildNames(const boost::property_tree::ptree& tree) {
   return names;
 }
 
-kxbench::JournalRow Row(int event_id, const std::optional<std::string>& app,
+kxjournal::JournalRow Row(int event_id, const std::optional<std::string>& app,
                         const std::optional<std::string>& object,
                         const std::string& user, const std::string& group,
                         int success, long long time) {
-  kxbench::JournalRow row;
+  kxjournal::JournalRow row;
   row.event_id = event_id;
   row.date_time = std::to_string(time);
   row.app = app;

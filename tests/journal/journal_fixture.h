@@ -12,7 +12,7 @@
 
 #include "host/ixml.h"
 #include "support/kxtest.h"
-#include "support/journal_generator.h"
+#include "journal_generator.h"
 
 namespace journal_test {
 
@@ -42,7 +42,7 @@ std::vector<std::string> ChildNames(const boost::property_tree::ptree& tree);
 
 // A row with the given event, program, framed object, user, group, success
 // and time (seconds).
-kxbench::JournalRow Row(int event_id, const std::optional<std::string>& app,
+kxjournal::JournalRow Row(int event_id, const std::optional<std::string>& app,
                         const std::optional<std::string>& object,
                         const std::string& user = "alice",
                         const std::string& group = "staff", int success = 0,

@@ -16,7 +16,7 @@ class GeneratedJournalTest : public JournalTest {
  protected:
   void SetUp() override {
     shape_.rows = 20000;
-    kxbench::GenerateJournal(kJournalPath, shape_);
+    kxjournal::GenerateJournal(kJournalPath, shape_);
   }
 
   std::vector<std::string> Column(const std::string& sql) const {
@@ -27,7 +27,7 @@ class GeneratedJournalTest : public JournalTest {
     return values;
   }
 
-  kxbench::JournalShape shape_;
+  kxjournal::JournalShape shape_;
 };
 
 TEST_F(GeneratedJournalTest, GeneratorWritesTheDocumentedShape) {
@@ -36,9 +36,9 @@ TEST_F(GeneratedJournalTest, GeneratorWritesTheDocumentedShape) {
   EXPECT_EQ(Column("SELECT count(*) FROM logs WHERE event_id < 1050 OR "
                    "event_id > 1055 OR typeof(date_time) <> 'integer' OR "
                    "date_time < " +
-                   std::to_string(kxbench::FirstTime(shape_)) +
+                   std::to_string(kxjournal::FirstTime(shape_)) +
                    " OR date_time >= " +
-                   std::to_string(kxbench::EndTime(shape_)) +
+                   std::to_string(kxjournal::EndTime(shape_)) +
                    " OR object_name NOT LIKE '\"%\";'"),
             std::vector<std::string>{"0"});
   EXPECT_EQ(Column("SELECT count(DISTINCT event_id) FROM logs"),
@@ -55,8 +55,8 @@ TEST_F(GeneratedJournalTest, GeneratorWritesTheDocumentedShape) {
 }
 
 TEST_F(GeneratedJournalTest, LogListMatchesSqliteDistinctInItsOrder) {
-  const std::string from = std::to_string(kxbench::FirstTime(shape_) + 86400);
-  const std::string to = std::to_string(kxbench::FirstTime(shape_) + 5 * 86400);
+  const std::string from = std::to_string(kxjournal::FirstTime(shape_) + 86400);
+  const std::string to = std::to_string(kxjournal::FirstTime(shape_) + 5 * 86400);
   const Reply reply = RunCommand(aec::HandleLogList, "loglist",
                           {{"inittime", from},
                            {"finaltime", to},

@@ -12,12 +12,12 @@
 namespace journal_test {
 namespace {
 
-using kxbench::FrameObjectName;
+using kxjournal::FrameObjectName;
 
 class JournalKxhostTest : public JournalTest {
  protected:
   void SetUp() override {
-    kxbench::WriteJournal(
+    kxjournal::WriteJournal(
         kJournalPath,
         {Row(1050, "/usr/bin/make", FrameObjectName("/usr/bin/make"), "alice",
              "staff", 0, 100),

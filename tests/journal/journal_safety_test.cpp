@@ -20,7 +20,7 @@
 namespace journal_test {
 namespace {
 
-using kxbench::FrameObjectName;
+using kxjournal::FrameObjectName;
 using namespace std::string_literals;
 
 const char* const kReadError = "failed to read audit database";
@@ -88,7 +88,7 @@ std::vector<Hostile> HostileTimes() {
 class JournalSafetyTest : public JournalTest {
  protected:
   void SetUp() override {
-    kxbench::WriteJournal(
+    kxjournal::WriteJournal(
         kJournalPath,
         {Row(1050, "/bin/a", FrameObjectName("/bin/a"), "alice", "staff", 0),
          Row(1051, "/bin/a", FrameObjectName("/lib/x.so"), "bob", "adm", 1),
@@ -223,7 +223,7 @@ TEST_F(JournalSafetyTest, SchemaTableIsNotReadable) {
 // then the last connection, and closing it must not fold the log into the
 // journal file.
 TEST_F(JournalTest, ReadingAWalJournalNeverCheckpointsIt) {
-  kxbench::WriteJournal(kJournalPath,
+  kxjournal::WriteJournal(kJournalPath,
                         {Row(1050, "/bin/old", FrameObjectName("/bin/old"))});
   {
     sqlite3* raw = nullptr;

@@ -144,6 +144,9 @@ class RulesApplyKill : public ::testing::Test {
     for (const char* tool : {"kxaecctl", "kxaide"}) {
       kxharness::CopyFile(KX_FAKE_TOOL_PATH, root_ + "/bin/" + tool);
     }
+    // Sealed already: a new kxhost root is sealed with kxaide, and the fake
+    // one writes no checksum database.
+    kxtest::WriteFile(root_ + "/etc/aec/crc-rule.db", "");
     for (int which = 0; which < 2; ++which) {
       sets_[which] = MakeSet(which);
       for (const auto& item : sets_[which].rules) {

@@ -75,32 +75,54 @@ TEST_F(PackageContentsTest, TheRuntimeLibrariesAreDeclaredDependencies) {
 }
 
 // The configuration below etc/aec is never a package file: an upgrade
-// would overwrite what the administrator has there.
+// would overwrite what the administrator has there. The host contract and
+// its CMake package are, so that plug-ins build against the installed host.
 TEST_F(PackageContentsTest,
-       ShipsProgramsLibrariesUnitManualPagesAndCatalogueButNoConfiguration) {
+       ShipsProgramsLibrariesUnitsManualPagesTheContractAndTheCatalogueButNoConfiguration) {
   std::set<std::string> files;
   for (const auto& path : Listing("-c")) {
     if (path.back() != '/') files.insert(path);
   }
-  EXPECT_EQ(files, (std::set<std::string>{
-                       "./opt/korvex/bin/kxaecctl",
-                       "./opt/korvex/bin/kxaide",
-                       "./opt/korvex/bin/kxctl",
-                       "./opt/korvex/bin/kxhost",
-                       "./opt/korvex/lib/libaec.so",
-                       "./opt/korvex/lib/libkxhost.so",
-                       "./opt/korvex/lib/systemd/system/kxaecd.service",
-                       "./opt/korvex/lib/systemd/system/kxserv.service",
-                       "./opt/korvex/sbin/kxaecd",
-                       "./opt/korvex/sbin/kxserv",
-                       "./opt/korvex/share/locale/korvex-aec.pot",
-                       "./opt/korvex/share/man/man8/kxaecctl.8",
-                       "./opt/korvex/share/man/man8/kxaecd.8",
-                       "./opt/korvex/share/man/man8/kxaide.8",
-                       "./opt/korvex/share/man/man8/kxctl.8",
-                       "./opt/korvex/share/man/man8/kxhost.8",
-                       "./opt/korvex/share/man/man8/kxserv.8",
-                   }));
+  std::set<std::string> expected = {
+      "./opt/korvex/bin/kxaecctl",
+      "./opt/korvex/bin/kxaide",
+      "./opt/korvex/bin/kxctl",
+      "./opt/korvex/bin/kxhost",
+      "./opt/korvex/lib/libaec.so",
+      "./opt/korvex/lib/libkxhost.so",
+      "./opt/korvex/lib/cmake/KorvexHost/KorvexHostConfig.cmake",
+      "./opt/korvex/lib/cmake/KorvexHost/KorvexHostConfigVersion.cmake",
+      "./opt/korvex/lib/cmake/KorvexHost/KorvexHostTargets.cmake",
+      "./opt/korvex/lib/systemd/system/kxaecd.service",
+      "./opt/korvex/lib/systemd/system/kxserv.service",
+      "./opt/korvex/sbin/kxaecd",
+      "./opt/korvex/sbin/kxserv",
+      "./opt/korvex/share/locale/korvex-aec.pot",
+      "./opt/korvex/share/man/man8/kxaecctl.8",
+      "./opt/korvex/share/man/man8/kxaecd.8",
+      "./opt/korvex/share/man/man8/kxaide.8",
+      "./opt/korvex/share/man/man8/kxctl.8",
+      "./opt/korvex/share/man/man8/kxhost.8",
+      "./opt/korvex/share/man/man8/kxserv.8",
+  };
+  for (boost::filesystem::directory_iterator
+           it(std::string(KX_SOURCE_DIR) + "/include/host"),
+       end;
+       it != end; ++it) {
+    expected.insert("./opt/korvex/include/host/" +
+                    it->path().filename().string());
+  }
+  std::set<std::string> targets;
+  for (const auto& file : files) {
+    if (file.rfind("./opt/korvex/lib/cmake/KorvexHost/KorvexHostTargets-", 0) ==
+        0) {
+      targets.insert(file);
+    }
+  }
+  // One file of per-configuration settings, named after the build type.
+  EXPECT_EQ(targets.size(), 1u);
+  for (const auto& file : targets) files.erase(file);
+  EXPECT_EQ(files, expected);
 }
 
 // No conffiles (nothing for dpkg to merge on upgrade) and no triggers (the

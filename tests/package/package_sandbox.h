@@ -11,16 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "kxtest.h"
+
 namespace pkgtest {
 
-struct RunResult {
-  int exit_code = -1;  // 128 + N for death by signal N; 127: could not start
-  std::string out;
-  std::string err;
-};
+using kxtest::RunResult;
 
-// Runs argv[0] (an absolute path; no shell) with standard input from
-// /dev/null, a PATH that holds the sbin directories (dpkg wants ldconfig
+// Runs argv[0] (an absolute path; no shell) with empty standard input, a PATH that holds the sbin directories (dpkg wants ldconfig
 // and start-stop-daemon there) and LC_ALL=C. Waits for it.
 RunResult RunProgram(const std::vector<std::string>& argv);
 

@@ -19,6 +19,7 @@
 #include "lib/runtime.h"
 #include "lib/settings_db.h"
 #include "lib/xml_document.h"
+#include "support/config_files.h"
 #include "support/kxtest.h"
 
 namespace plugintest {
@@ -163,30 +164,18 @@ inline parsed_json_data_t JsonDocument(const std::string& text) {
   return data;
 }
 
-// The JSON of a rule file (every scalar a string, lists as arrays, an empty
-// list as ""), as the rule writer lays it out.
+// The JSON of a rule file with the given users and resources, no groups,
+// enabled, as the rule writer lays it out.
 inline std::string RuleJson(const std::string& name,
                             const std::vector<std::string>& users,
                             const std::vector<std::string>& resources,
                             bool all_allowed = false) {
-  namespace pt = boost::property_tree;
-  auto list = [](const std::vector<std::string>& items) {
-    pt::ptree node;
-    for (const auto& item : items) node.push_back({"", pt::ptree(item)});
-    return node;
-  };
-  pt::ptree tree;
-  tree.put("name", name);
-  tree.put("all_allowed", all_allowed ? "true" : "false");
-  tree.put("extended", "false");
-  tree.put("system", "false");
-  tree.put("enable", "true");
-  tree.add_child("user_list", list(users));
-  tree.add_child("group_list", pt::ptree());
-  tree.add_child("resource_list", list(resources));
-  std::ostringstream out;
-  pt::write_json(out, tree, true);
-  return out.str();
+  kxtest::RuleSpec rule;
+  rule.name = name;
+  rule.all_allowed = all_allowed;
+  rule.users = users;
+  rule.resources = resources;
+  return kxtest::RuleJson(rule);
 }
 
 // Writes RuleJson to <rules dir>/<name>.conf.

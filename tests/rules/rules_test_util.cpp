@@ -26,51 +26,16 @@ const char* const kConfigDir = "/opt/korvex/etc/aec/";
 
 namespace {
 
-pt::ptree List(const std::vector<std::string>& items) {
-  pt::ptree node;
-  for (const auto& item : items) node.push_back({"", pt::ptree(item)});
-  return node;
-}
-
-const char* Flag(bool flag) { return flag ? "true" : "false"; }
-
 [[noreturn]] void Fail(const std::string& what) {
   throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
 }  // namespace
 
-pt::ptree RuleTree(const RuleSpec& rule) {
-  pt::ptree tree;
-  tree.put("name", rule.name);
-  tree.put("all_allowed", Flag(rule.all_allowed));
-  tree.put("extended", Flag(rule.extended));
-  tree.put("system", Flag(rule.system));
-  tree.put("enable", Flag(rule.enable));
-  tree.add_child("user_list", List(rule.users));
-  tree.add_child("group_list", List(rule.groups));
-  tree.add_child("resource_list", List(rule.resources));
-  return tree;
-}
-
-std::string RuleJson(const RuleSpec& rule) {
-  std::ostringstream out;
-  pt::write_json(out, RuleTree(rule), true);
-  return out.str();
-}
-
 void WriteRuleFile(const RuleSpec& rule, const std::string& file_name) {
   kxtest::WriteFile(std::string(kRulesDir) +
                         (file_name.empty() ? rule.name + ".conf" : file_name),
                     RuleJson(rule));
-}
-
-std::set<std::string> RuleFiles() {
-  std::set<std::string> names;
-  for (const auto& entry : boost::filesystem::directory_iterator(kRulesDir)) {
-    names.insert(entry.path().filename().string());
-  }
-  return names;
 }
 
 pt::ptree Exec(const std::string& request, int* outcome) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "config_files.h"
 #include "host/ixml.h"
 
 namespace rulestest {
@@ -15,25 +16,13 @@ namespace rulestest {
 extern const char* const kRulesDir;   // "/opt/korvex/etc/aec/rules/"
 extern const char* const kConfigDir;  // "/opt/korvex/etc/aec/"
 
-struct RuleSpec {
-  std::string name;
-  bool all_allowed = false;
-  bool extended = false;
-  bool system = false;
-  bool enable = true;
-  std::vector<std::string> users = {};
-  std::vector<std::string> groups = {};
-  std::vector<std::string> resources = {};
-};
+using kxtest::RuleFiles;
+using kxtest::RuleJson;
+using kxtest::RuleSpec;
+using kxtest::RuleTree;
 
-// The rule as a tree in the rule file's shape (flags as "true"/"false").
-boost::property_tree::ptree RuleTree(const RuleSpec& rule);
-// The rule as JSON text in the rule file's shape.
-std::string RuleJson(const RuleSpec& rule);
 // Writes RuleJson(rule) to <rules dir>/<file name>, by default <name>.conf.
 void WriteRuleFile(const RuleSpec& rule, const std::string& file_name = "");
-// The names of the entries of the rules directory, sorted.
-std::set<std::string> RuleFiles();
 
 // Parses `request` (one XML element), runs it through plugin_exec and
 // returns the reply document's content tree. `outcome` receives the host's

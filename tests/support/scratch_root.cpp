@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kxtest.h"
+#include "lib/fresh_install.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
 
@@ -19,6 +20,7 @@ ScratchRoot::ScratchRoot() {
     throw std::runtime_error("ScratchRoot: mkdtemp failed");
   }
   dir_ = name.data();
+  kxhost::MakeRootLayout(dir_);
   kxhost::SeedFreshInstall(dir_);
   kxhost::PushRoot(dir_);
   kxhost::ResetState();

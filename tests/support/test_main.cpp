@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/fresh_install.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
 
@@ -23,6 +24,7 @@ int main(int argc, char** argv) {
   }
   const std::string base = name.data();
   try {
+    kxhost::MakeRootLayout(base);
     kxhost::SeedFreshInstall(base);
     kxhost::EnterSandbox(base);
   } catch (const std::exception& e) {

@@ -1,4 +1,4 @@
-// The whole system without the original agent: kxhost loads libaec.so in a
+// The whole system with no fake tool: kxhost loads libaec.so in a
 // sandbox whose bin/ holds the real kxaecctl and kxaide, no fakes.
 #include <unistd.h>
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "config_files.h"
 #include "kxaecctl.h"
 #include "kxtest.h"
 
@@ -26,14 +27,11 @@ inline const std::string kLoadedSet = "/opt/korvex/var/lib/aec/loaded-rules";
 // Where tests put resources: plain files, so rules hold exactly them.
 inline const std::string kResourceDir = "/opt/korvex/var/tmp/res/";
 
-struct ToolRun {
-  int exit_code = -1;
-  std::string out;
-  std::string err;
+struct ToolRun : kxtest::RunResult {
   std::vector<std::string> OutLines() const;
 };
 
-// Runs `program` with `args` (no shell), standard input /dev/null.
+// Runs `program` with `args` (no shell), standard input empty.
 ToolRun RunTool(const std::string& program,
                 const std::vector<std::string>& args);
 
@@ -50,13 +48,10 @@ std::string RuleJson(const std::string& name, bool all_allowed, bool extended,
                      const std::vector<std::string>& users,
                      const std::vector<std::string>& groups,
                      const std::vector<std::string>& resources);
-// The whitelist file as the plug-in writes it.
-std::string WhitelistJson(const std::vector<std::string>& users,
-                          const std::vector<std::string>& groups);
+using kxtest::WhitelistJson;
 // `text` as the Boost JSON writer puts it in a string ("/" as "\/").
 std::string JsonEscaped(const std::string& text);
-// The names of the files in the rules directory.
-std::set<std::string> RuleFiles();
+using kxtest::RuleFiles;
 // The lines of a file.
 std::vector<std::string> Lines(const std::string& path);
 // Sets the whitelist source in the policy-sources record.

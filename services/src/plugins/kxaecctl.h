@@ -97,7 +97,8 @@ class KxAecCtl {
   std::string GetErrorDescription() const;
   std::vector<std::string> GetInvalidObjects() const;
 
-  // The command line as built (what the original ran through a shell).
+  // The command line as built, the text that logs and tests see; the tool
+  // itself runs from Arguments(), without a shell.
   const std::string& CommandLine() const { return command_line_; }
   // The argument vector that Apply executes, the tool path first.
   const std::vector<std::string>& Arguments() const { return arguments_; }

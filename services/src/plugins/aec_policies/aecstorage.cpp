@@ -50,8 +50,9 @@ void InitStorage() {
 
   const ReadResult old = Read(getter.GetRequestReadData("aec_control"));
   if (!old.has_table) {
-    // A fresh installation. The INSERTs are joined without separators, as
-    // the original text was; the host documents what SQLite makes of it.
+    // A fresh installation. The INSERTs are joined without separators: the
+    // statement text is part of what the settings database receives, and
+    // the host documents what SQLite makes of it.
     sql += "CREATE TABLE conf.aec_log_conf ('fsEvent' TEXT, 'fiValue' INTEGER);";
     for (const AecLogType& type : aec::kAecLogTypes) {
       sql += "INSERT INTO 'aec_log_conf' VALUES('" + type.name + "', " +

@@ -1,4 +1,4 @@
-#include "support/journal_generator.h"
+#include "journal_generator.h"
 
 #include <sqlite3.h>
 #include <unistd.h>
@@ -11,7 +11,7 @@
 #include <random>
 #include <stdexcept>
 
-namespace kxbench {
+namespace kxjournal {
 
 const char* const kJournalSchema =
     "CREATE TABLE logs ("
@@ -251,4 +251,4 @@ std::int64_t EndTime(const JournalShape& shape) {
   return shape.first_time + shape.span_seconds;
 }
 
-}  // namespace kxbench
+}  // namespace kxjournal

@@ -1,4 +1,5 @@
-// Audit journals for the journal benchmark and the journal tests.
+// Audit journals for the journal tests, the reliability suites and the
+// journal benchmark.
 //
 // A journal is an SQLite database with the table `logs` as the agent's audit
 // service writes it (kJournalSchema). `date_time` holds the event time in
@@ -14,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace kxbench {
+namespace kxjournal {
 
 // The journal's table and its time index.
 extern const char* const kJournalSchema;
@@ -64,4 +65,4 @@ void GenerateJournal(const std::string& path, const JournalShape& shape);
 std::int64_t FirstTime(const JournalShape& shape);
 std::int64_t EndTime(const JournalShape& shape);
 
-}  // namespace kxbench
+}  // namespace kxjournal
