@@ -11,7 +11,6 @@
 #include "lib/plugin_loader.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
-#include "plugin_loader.h"
 #include "steps.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/plugin_api.h"
+#include "internal_api.h"
 
 namespace kxhost {
 
@@ -21,13 +22,13 @@ struct PluginEntryPoints {
 
 // Raised when the library cannot be loaded or lacks an entry point; what()
 // is a one-line reason.
-class LoadError : public std::runtime_error {
+class KX_HOST_INTERNAL LoadError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
 // dlopen(RTLD_NOW | RTLD_LOCAL) and dlsym of every entry point. The library
 // stays loaded for the rest of the process. Throws LoadError.
-PluginEntryPoints LoadPlugin(const std::string& path);
+KX_HOST_INTERNAL PluginEntryPoints LoadPlugin(const std::string& path);
 
 }  // namespace kxhost

@@ -54,7 +54,7 @@ KX_HOST_INTERNAL void ClearEvents();
 // file. A long-running host uses it to reach its clients and users. It must
 // not call back into the plug-in. Null removes it.
 using EventObserver = std::function<void(const HostEvent& event)>;
-void SetEventObserver(EventObserver observer);
+KX_HOST_INTERNAL void SetEventObserver(EventObserver observer);
 
 // Receives the text of every statement handed to db_execute, exactly as
 // given and before it runs, so that tests can compare what a plug-in sends
