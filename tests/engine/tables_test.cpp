@@ -1,0 +1,139 @@
+// The tables: identities resolved from real files, hard links, replaced
+// resources, and the snapshot swap.
+#include "tables.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include "decision.h"
+
+namespace aec::engine {
+namespace {
+
+class TablesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/kx-tables-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+  }
+  void TearDown() override {
+    std::string cmd = "rm -rf '" + dir_ + "'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+  }
+  std::string Write(const std::string& name, const std::string& text) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+  static FileId IdOf(const std::string& path) {
+    FileId id;
+    EXPECT_TRUE(StatResolver(path, &id)) << path;
+    return id;
+  }
+  std::string dir_;
+};
+
+TEST_F(TablesTest, ResourceIsFoundByIdentityThroughAHardLink) {
+  const std::string tool = Write("tool", "x");
+  const std::string link = dir_ + "/link";
+  ASSERT_EQ(::link(tool.c_str(), link.c_str()), 0);
+  RuleSetSpec spec;
+  spec.rules.push_back({"r", true, true, false, {}, {}, {tool}});
+  const auto tables = Tables::Build(spec, StatResolver);
+  ASSERT_NE(tables->RulesOf(IdOf(link)), nullptr);
+  EXPECT_EQ(tables->resource_count(), 1u);
+}
+
+TEST_F(TablesTest, ReplacedResourceIsRelearntOnlyWhenThePathNamesIt) {
+  const std::string tool = Write("tool", "old");
+  RuleSetSpec spec;
+  spec.rules.push_back({"r", true, true, false, {}, {}, {tool}});
+  const auto tables = Tables::Build(spec, StatResolver);
+  // Replaced by rename: a new inode at the same path.
+  const std::string fresh = Write("fresh", "new");
+  ASSERT_EQ(rename(fresh.c_str(), tool.c_str()), 0);
+  const FileId now = IdOf(tool);
+  EXPECT_EQ(tables->RulesOf(now), nullptr);
+  // Another file's identity under the resource's path is not learnt.
+  const std::string other = Write("other", "o");
+  EXPECT_FALSE(tables->Relearn(IdOf(other), tool, StatResolver));
+  // A path that is no resource is not learnt either.
+  EXPECT_FALSE(tables->Relearn(IdOf(other), other, StatResolver));
+  EXPECT_TRUE(tables->Relearn(now, tool, StatResolver));
+  EXPECT_NE(tables->RulesOf(now), nullptr);
+  // The file system may hand the freed inode number to the next file; the
+  // identity the set was built with then names a stranger, which Verify
+  // finds out because the resource's path no longer resolves to it.
+  const FileId other_id = IdOf(other);
+  tables->Verify(other_id, other, StatResolver);
+  EXPECT_EQ(tables->RulesOf(other_id), nullptr);
+}
+
+TEST_F(TablesTest, VerifyKeepsAHardLinkWhileTheResourcePathStillNamesIt) {
+  const std::string tool = Write("tool", "x");
+  const std::string link = dir_ + "/link";
+  ASSERT_EQ(::link(tool.c_str(), link.c_str()), 0);
+  RuleSetSpec spec;
+  spec.rules.push_back({"r", true, true, false, {}, {}, {tool}});
+  const auto tables = Tables::Build(spec, StatResolver);
+  const FileId id = IdOf(link);
+  tables->Verify(id, link, StatResolver);
+  EXPECT_NE(tables->RulesOf(id), nullptr);
+  // The resource path now names another file: the identity is dropped.
+  ASSERT_EQ(unlink(tool.c_str()), 0);
+  Write("tool", "y");
+  tables->Verify(id, link, StatResolver);
+  EXPECT_EQ(tables->RulesOf(id), nullptr);
+}
+
+TEST_F(TablesTest, MissingResourceIsResolvedWhenItAppears) {
+  const std::string later = dir_ + "/later";
+  RuleSetSpec spec;
+  spec.rules.push_back({"r", true, true, false, {}, {}, {later}});
+  const auto tables = Tables::Build(spec, StatResolver);
+  Write("later", "x");
+  EXPECT_TRUE(tables->Relearn(IdOf(later), later, StatResolver));
+  EXPECT_NE(tables->RulesOf(IdOf(later)), nullptr);
+}
+
+TEST_F(TablesTest, ADecisionSeesTheOldSetOrTheNewOneNeverAMix) {
+  // Two sets that differ in two places: the rule and the whitelist. A
+  // reader that saw half of each would see both or neither allowed.
+  const std::string tool = Write("tool", "x");
+  const FileId id = IdOf(tool);
+  RuleSetSpec a, b;
+  a.rules.push_back({"r", true, false, false, {1}, {}, {tool}});
+  b.rules.push_back({"r", false, false, false, {1}, {}, {tool}});
+  b.whitelist_uids = {2};
+  auto ta = Tables::Build(a, StatResolver);
+  auto tb = Tables::Build(b, StatResolver);
+  TablesHolder holder;
+  holder.Set(ta);
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    for (int i = 0; i < 20000; ++i) holder.Set(i % 2 ? ta : tb);
+    stop = true;
+  });
+  long seen = 0;
+  while (!stop) {
+    const auto t = holder.Get();
+    Event e1{id, tool, Access::kExec, false, 1, {}};
+    Event e2{id, tool, Access::kExec, false, 2, {}};
+    const bool one = !Decide(e1, *t, {true, true}).rules_deny;
+    const bool two = !Decide(e2, *t, {true, true}).rules_deny;
+    ASSERT_NE(one, two);
+    ++seen;
+  }
+  writer.join();
+  EXPECT_GT(seen, 0);
+}
+
+}  // namespace
+}  // namespace aec::engine
