@@ -16,8 +16,8 @@
 //
 // Goal: under 2 microseconds a file, on average over the list.
 #include <ftw.h>
-#include <time.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -47,8 +47,9 @@ std::vector<std::pair<std::string, FileId>>* g_files = nullptr;
 
 int Collect(const char* path, const struct stat* info, int type, FTW*) {
   if (type == FTW_F && S_ISREG(info->st_mode)) {
-    g_files->emplace_back(path, FileId{static_cast<std::uint64_t>(info->st_dev),
-                                       static_cast<std::uint64_t>(info->st_ino)});
+    g_files->emplace_back(path,
+                          FileId{static_cast<std::uint64_t>(info->st_dev),
+                                 static_cast<std::uint64_t>(info->st_ino)});
   }
   return 0;
 }
@@ -89,8 +90,9 @@ int main(int argc, char** argv) {
     const std::string arg = argv[i];
     try {
       if (arg == "--help" || arg == "-h") {
-        std::printf("usage: engine_decision_bench [--dirs=A,B,...] "
-                    "[--passes=N] [--rules=N]\n");
+        std::printf(
+            "usage: engine_decision_bench [--dirs=A,B,...] "
+            "[--passes=N] [--rules=N]\n");
         return 0;
       } else if (arg.rfind("--dirs=", 0) == 0) {
         dirs = arg.substr(7);
@@ -110,7 +112,8 @@ int main(int argc, char** argv) {
     }
   }
   if (passes < 1 || rule_count < 1) {
-    std::fprintf(stderr, "engine_decision_bench: --passes and --rules must be >= 1\n");
+    std::fprintf(stderr,
+                 "engine_decision_bench: --passes and --rules must be >= 1\n");
     return 2;
   }
 
@@ -120,7 +123,8 @@ int main(int argc, char** argv) {
   std::string dir;
   while (std::getline(list, dir, ',')) {
     if (nftw(dir.c_str(), Collect, 64, FTW_PHYS) != 0) {
-      std::fprintf(stderr, "engine_decision_bench: cannot walk %s\n", dir.c_str());
+      std::fprintf(stderr, "engine_decision_bench: cannot walk %s\n",
+                   dir.c_str());
     }
   }
   if (files.empty()) {
@@ -215,11 +219,14 @@ int main(int argc, char** argv) {
   std::printf("tables built (stat of every resource) in %.1f ms\n", build_ms);
   std::printf("denied %zu of %zu in hard mode (timed pass: %zu)\n", denied,
               events.size(), denied_timed);
-  std::printf("average a file over %d passes: wall median %.3f us (best %.3f),"
-              " processor %.3f us; stat calls in the last pass %zu\n",
-              passes, median, best, cpu_median, g_stat_calls);
-  std::printf("one decision timed alone (wall): p50 %.3f us  p99 %.3f us  "
-              "max %.1f us\n", p50, p99, slowest);
+  std::printf(
+      "average a file over %d passes: wall median %.3f us (best %.3f),"
+      " processor %.3f us; stat calls in the last pass %zu\n",
+      passes, median, best, cpu_median, g_stat_calls);
+  std::printf(
+      "one decision timed alone (wall): p50 %.3f us  p99 %.3f us  "
+      "max %.1f us\n",
+      p50, p99, slowest);
   std::printf("goal under 2 us a file (wall, median pass): %s\n",
               median < 2.0 ? "met" : "NOT met");
   return 0;

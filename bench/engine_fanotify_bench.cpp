@@ -56,7 +56,8 @@ using Clock = std::chrono::steady_clock;
 }
 
 double MillisSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+  return std::chrono::duration<double, std::milli>(Clock::now() - start)
+      .count();
 }
 
 // Answers every permission event on the tmpfs "allow", optionally adding an
@@ -66,7 +67,8 @@ class AllowListener {
  public:
   AllowListener(const std::string& mount_dir, bool ignore_marks)
       : ignore_marks_(ignore_marks) {
-    fd_ = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE);
+    fd_ =
+        fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE);
     if (fd_ < 0) Die("fanotify_init");
     if (fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_MOUNT,
                       FAN_OPEN_EXEC_PERM | FAN_OPEN_PERM, AT_FDCWD,
@@ -205,8 +207,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (geteuid() != 0) {
-    std::fprintf(stderr, "engine_fanotify_bench: needs root (fanotify "
-                         "permission events, a private mount namespace)\n");
+    std::fprintf(stderr,
+                 "engine_fanotify_bench: needs root (fanotify "
+                 "permission events, a private mount namespace)\n");
     return 2;
   }
 
@@ -233,7 +236,8 @@ int main(int argc, char** argv) {
   const std::string content(100, 'x');
   for (int i = 0; i < file_count; ++i) {
     files.push_back(dir + "/data/f" + std::to_string(i));
-    const int fd = open(files.back().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    const int fd =
+        open(files.back().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0 || write(fd, content.data(), content.size()) < 0) Die("create");
     close(fd);
   }
@@ -252,7 +256,8 @@ int main(int argc, char** argv) {
         listener = std::make_unique<AllowListener>(dir, mode == "ignore");
       } else if (mode == "engine") {
         std::string command = engine;
-        for (std::size_t at; (at = command.find("{dir}")) != std::string::npos;) {
+        for (std::size_t at;
+             (at = command.find("{dir}")) != std::string::npos;) {
           command.replace(at, 5, dir);
         }
         engine_pid = fork();
@@ -275,11 +280,12 @@ int main(int argc, char** argv) {
   }
 
   const Figures& off = figures["off"];
-  std::printf("tmpfs %s, %d starts, %d files, medians of %d interleaved rounds\n",
-              dir.c_str(), starts, file_count, rounds);
-  std::printf("%-9s %12s %7s %14s %7s %14s %7s %10s\n", "mode", "starts us/each",
-              "ratio", "read1 us/file", "ratio", "read2 us/file", "ratio",
-              "events");
+  std::printf(
+      "tmpfs %s, %d starts, %d files, medians of %d interleaved rounds\n",
+      dir.c_str(), starts, file_count, rounds);
+  std::printf("%-9s %12s %7s %14s %7s %14s %7s %10s\n", "mode",
+              "starts us/each", "ratio", "read1 us/file", "ratio",
+              "read2 us/file", "ratio", "events");
   for (const auto& mode : modes) {
     const Figures& f = figures[mode];
     std::printf("%-9s %12.1f %7.2f %14.2f %7.2f %14.2f %7.2f %10llu\n",

@@ -105,9 +105,9 @@ bool ParseFlags(int argc, char** argv, Flags* flags) {
 }
 
 kxbench::ChildRun Kxhost(const std::string& root, const std::string& request) {
-  return kxbench::RunChild({KX_KXHOST_PATH, "--root", root, "--plugin",
-                            KX_PLUGIN_PATH, "exec", "-"},
-                           request);
+  return kxbench::RunChild(
+      {KX_KXHOST_PATH, "--root", root, "--plugin", KX_PLUGIN_PATH, "exec", "-"},
+      request);
 }
 
 // A reply with result 1.
@@ -142,13 +142,14 @@ std::string LogHour(const std::string& program, int64_t from) {
 // and files, a few hundred users in a few dozen groups.
 class EventSource {
  public:
-  explicit EventSource(int seed) : state_(static_cast<uint64_t>(seed) * 2654435761u + 1) {}
+  explicit EventSource(int seed)
+      : state_(static_cast<uint64_t>(seed) * 2654435761u + 1) {}
   JournalEvent Next(int64_t time) {
     const uint64_t r = NextRandom();
     const int kind = static_cast<int>(r % 6);
     const std::string app = "/usr/bin/prog" + std::to_string((r >> 8) % 3000);
     std::string object =
-        kind == 0 ? app
+        kind == 0   ? app
         : kind <= 3 ? "/usr/lib/lib" + std::to_string((r >> 20) % 5000) + ".so"
                     : "/srv/data/file" + std::to_string((r >> 20) % 8000);
     const int user = static_cast<int>((r >> 34) % 300);
@@ -211,8 +212,8 @@ WriteRun SustainedWrite(const std::string& root, int seconds, int rate) {
       const auto start = Clock::now();
       while (!stop.load(std::memory_order_relaxed)) {
         if (rate == 0) {
-          JournalEvent event = source.Next(base_time + static_cast<int64_t>(
-                                                           n * kProducers / 50000));
+          JournalEvent event = source.Next(
+              base_time + static_cast<int64_t>(n * kProducers / 50000));
           while (!writer.Submit(std::move(event))) {
             if (stop.load(std::memory_order_relaxed)) break;
             std::this_thread::yield();
@@ -225,8 +226,8 @@ WriteRun SustainedWrite(const std::string& root, int seconds, int rate) {
               std::chrono::duration<double>(Clock::now() - start).count();
           const auto due = static_cast<uint64_t>(elapsed * rate / kProducers);
           while (n < due) {
-            writer.Submit(source.Next(base_time + static_cast<int64_t>(
-                                                      n * kProducers / 50000)));
+            writer.Submit(source.Next(
+                base_time + static_cast<int64_t>(n * kProducers / 50000)));
             ++n;
             offered.fetch_add(1, std::memory_order_relaxed);
           }
@@ -326,9 +327,10 @@ void EnsureLargeJournal(const std::string& path, std::size_t rows) {
     throw;
   }
   sqlite3_close(db);
-  std::printf("large journal: %zu rows generated in %.1f s (one transaction),"
-              " indexes built in %.1f s\n",
-              rows, generated, SecondsSince(start));
+  std::printf(
+      "large journal: %zu rows generated in %.1f s (one transaction),"
+      " indexes built in %.1f s\n",
+      rows, generated, SecondsSince(start));
   std::ofstream(marker) << rows << "\n";
 }
 
@@ -341,7 +343,8 @@ std::string QueryPlan(const std::string& path, const std::string& sql) {
     if (sqlite3_prepare_v2(db, ("EXPLAIN QUERY PLAN " + sql).c_str(), -1,
                            &statement, nullptr) == SQLITE_OK) {
       while (sqlite3_step(statement) == SQLITE_ROW) {
-        plan += reinterpret_cast<const char*>(sqlite3_column_text(statement, 3));
+        plan +=
+            reinterpret_cast<const char*>(sqlite3_column_text(statement, 3));
         plan += "; ";
       }
     }
@@ -381,13 +384,14 @@ int main(int argc, char** argv) {
     shape.rows = flags.rows;
     // An hour in the middle of the journal's 30 days.
     const int64_t hour = kxbench::FirstTime(shape) + 15 * 24 * 3600;
-    std::printf("plan: %s\n",
-                QueryPlan(large,
-                          "SELECT DISTINCT username FROM logs WHERE event_id >= "
-                          "1050 AND event_id <= 1055 AND date_time >= " +
-                              std::to_string(hour) + " AND date_time < " +
-                              std::to_string(hour + 3600))
-                    .c_str());
+    std::printf(
+        "plan: %s\n",
+        QueryPlan(large,
+                  "SELECT DISTINCT username FROM logs WHERE event_id >= "
+                  "1050 AND event_id <= 1055 AND date_time >= " +
+                      std::to_string(hour) + " AND date_time < " +
+                      std::to_string(hour + 3600))
+            .c_str());
     // Nothing switched on: kxhost starts, loads the plug-in, answers, and
     // the journal is never opened.
     const std::string baseline_request = "<request command=\"loglist\"/>";
@@ -413,21 +417,24 @@ int main(int argc, char** argv) {
     const double g50 = kxbench::Percentile(log, 50);
     std::printf("kxhost, no journal read    p50 %7.1f ms  p90 %7.1f ms\n", b50,
                 kxbench::Percentile(baseline, 90));
-    std::printf("kxhost, loglist one hour   p50 %7.1f ms  p90 %7.1f ms"
-                "  (less start-up %.1f ms)\n",
-                l50, kxbench::Percentile(loglist, 90), l50 - b50);
-    std::printf("kxhost, log one hour+prog  p50 %7.1f ms  p90 %7.1f ms"
-                "  (less start-up %.1f ms)\n",
-                g50, kxbench::Percentile(log, 90), g50 - b50);
+    std::printf(
+        "kxhost, loglist one hour   p50 %7.1f ms  p90 %7.1f ms"
+        "  (less start-up %.1f ms)\n",
+        l50, kxbench::Percentile(loglist, 90), l50 - b50);
+    std::printf(
+        "kxhost, log one hour+prog  p50 %7.1f ms  p90 %7.1f ms"
+        "  (less start-up %.1f ms)\n",
+        g50, kxbench::Percentile(log, 90), g50 - b50);
     std::printf("runs without a full answer: %d\n", failed);
 
     const bool write_goal = saturated.written / saturated.seconds >= 50000 &&
                             paced.dropped == 0 && saturated.failed_reads == 0 &&
                             paced.failed_reads == 0;
     const bool query_goal = l50 <= 50 && failed == 0;
-    std::printf("\ngoal >= 50,000 events/s with readers, none dropped at the"
-                " paced rate: %s\n",
-                write_goal ? "met" : "NOT met");
+    std::printf(
+        "\ngoal >= 50,000 events/s with readers, none dropped at the"
+        " paced rate: %s\n",
+        write_goal ? "met" : "NOT met");
     std::printf("goal one-hour loglist <= 50 ms through kxhost: %s\n",
                 query_goal ? "met" : "NOT met");
   } catch (const std::exception& e) {

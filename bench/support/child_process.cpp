@@ -43,7 +43,8 @@ ChildRun RunChild(const std::vector<std::string>& argv,
   // before reading cannot deadlock.
   std::size_t sent = 0;
   while (sent < input.size()) {
-    const ssize_t n = write(to_child[1], input.data() + sent, input.size() - sent);
+    const ssize_t n =
+        write(to_child[1], input.data() + sent, input.size() - sent);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     sent += static_cast<std::size_t>(n);
