@@ -39,6 +39,7 @@ const char* ReasonName(Reason reason) {
     case Reason::kException: return "exception";
     case Reason::kRuleAllows: return "rule allows";
     case Reason::kNoRule: return "no rule allows";
+    case Reason::kContentChanged: return "content changed";
   }
   return "?";
 }
@@ -98,6 +99,10 @@ Decision Decide(const Event& event, const Tables& tables, Control control) {
     }
   }
   d.reason = allowed ? Reason::kRuleAllows : Reason::kNoRule;
+  if (allowed && event.content_changed) {
+    allowed = false;
+    d.reason = Reason::kContentChanged;
+  }
   d.rules_deny = !allowed;
   return Finish(d, control, permitted_event);
 }

@@ -25,6 +25,10 @@ struct Event {
   bool is_shared_object = false;  // only read for kOpen
   std::uint32_t uid = 0;          // the real uid of the process
   std::vector<std::uint32_t> gids;  // real gid and supplementary groups
+  // With content integrity: the file's content differs from what was
+  // recorded for the resource when the set was loaded (or none could be
+  // recorded). Its rules then do not allow it.
+  bool content_changed = false;
 };
 
 // Values of the kernel parameter "korvex/secure/environment":
@@ -47,6 +51,7 @@ enum class Reason {
   kException,        // the file is among the exceptions
   kRuleAllows,       // an enabled rule holds the file and applies to the user
   kNoRule,           // no enabled rule applies
+  kContentChanged,   // a rule applies, but the resource's content changed
 };
 
 const char* ReasonName(Reason reason);

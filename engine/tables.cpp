@@ -25,9 +25,10 @@ bool StatResolver(const std::string& path, FileId* id) {
 }
 
 std::shared_ptr<const Tables> Tables::Build(const RuleSetSpec& spec,
-                                            const Resolver& resolve) {
+                                            const Resolver& resolve, bool integrity) {
   std::shared_ptr<Tables> t(new Tables());
   t->version_ = spec.version;
+  t->integrity_ = integrity;
   t->rules_.reserve(spec.rules.size());
   for (const RuleSetSpec::Rule& in : spec.rules) {
     CompiledRule rule;
@@ -60,6 +61,10 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetSpec& spec,
   // twice) share the rules of both.
   t->resource_extended_.assign(t->resource_paths_.size(), false);
   t->id_paths_.resize(t->resource_paths_.size());
+  if (integrity) {
+    t->digests_.resize(t->resource_paths_.size());
+    t->has_digest_.assign(t->resource_paths_.size(), false);
+  }
   for (std::uint32_t r = 0; r < t->resource_paths_.size(); ++r) {
     for (std::uint32_t index : t->resource_rules_[r]) {
       const CompiledRule& rule = t->rules_[index];
@@ -67,6 +72,9 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetSpec& spec,
     }
     FileId id;
     if (!resolve(t->resource_paths_[r], &id)) continue;
+    if (integrity) {
+      t->has_digest_[r] = DigestOfFile(t->resource_paths_[r], &t->digests_[r]);
+    }
     auto inserted = t->by_id_.emplace(id, r);
     t->id_paths_[inserted.first->second].push_back(t->resource_paths_[r]);
     if (!inserted.second) {
@@ -111,6 +119,13 @@ long Tables::FindResource(const FileId& id) const {
 const std::vector<std::uint32_t>* Tables::RulesOf(const FileId& id) const {
   const long r = FindResource(id);
   return r < 0 ? nullptr : &resource_rules_[static_cast<std::size_t>(r)];
+}
+
+const Digest* Tables::RecordedDigest(const FileId& id) const {
+  if (!integrity_) return nullptr;
+  const long r = FindResource(id);
+  if (r < 0 || !has_digest_[static_cast<std::size_t>(r)]) return nullptr;
+  return &digests_[static_cast<std::size_t>(r)];
 }
 
 bool Tables::IsExtendedResource(const FileId& id) const {

@@ -16,6 +16,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "content_digest.h"
+
 namespace aec::engine {
 
 // The identity of a file: what the kernel hands over, not a path that a
@@ -71,9 +73,13 @@ bool StatResolver(const std::string& path, FileId* id);
 class Tables {
  public:
   // Compiles `spec`; resources that do not resolve are kept by path only
-  // and resolved on the first event that names their path.
+  // and resolved on the first event that names their path. With
+  // `integrity`, the SHA-256 of each resource that resolves is recorded
+  // (a resource that cannot be read then has none, and its rules do not
+  // allow it).
   static std::shared_ptr<const Tables> Build(const RuleSetSpec& spec,
-                                             const Resolver& resolve);
+                                             const Resolver& resolve,
+                                             bool integrity = false);
 
   const std::vector<CompiledRule>& rules() const { return rules_; }
   std::size_t resource_count() const { return resource_paths_.size(); }
@@ -95,6 +101,11 @@ class Tables {
   // A file that is a resource of an enabled extended rule: its opens are
   // controlled.
   bool IsExtendedResource(const FileId& id) const;
+
+  bool integrity() const { return integrity_; }
+  // The content recorded for the resource of this identity; null when
+  // integrity is off, the file is no resource, or it could not be read.
+  const Digest* RecordedDigest(const FileId& id) const;
 
   // Makes the identities agree with the file system for this event before
   // it is decided; the only mutation of a published Tables, thread safe.
@@ -130,6 +141,9 @@ class Tables {
   std::unordered_set<FileId, FileIdHash> exception_ids_;
   std::unordered_set<std::string> exception_paths_;
   std::string version_;
+  bool integrity_ = false;
+  std::vector<Digest> digests_;     // per resource, with integrity
+  std::vector<bool> has_digest_;
 
   std::vector<std::vector<std::string>> id_paths_;  // per resource: its paths
 

@@ -15,6 +15,10 @@ namespace {
 
 constexpr const char* kLogFile = "sysctl";
 constexpr const char* kProcRoot = "/proc/sys";
+// An installed system has no kernel module behind /proc/sys/korvex: the
+// parameters then live as files here, where the enforcing component kxaecd
+// reads and watches them.
+constexpr const char* kInstalledRoot = "/opt/korvex/var/run/sysctl";
 
 // A parameter name is a relative path below the root; ".." or an absolute
 // name would write elsewhere.
@@ -48,6 +52,16 @@ bool MakeParents(const std::string& path) {
   return true;
 }
 
+// The configured root, unless it is the kernel's and the kernel has no
+// korvex parameters.
+std::string EffectiveRoot() {
+  const std::string root = kxhost::Options().sysctl_root;
+  if (root != kProcRoot) return root;
+  struct stat st;
+  if (stat("/proc/sys/korvex", &st) == 0) return root;
+  return kInstalledRoot;
+}
+
 }  // namespace
 
 namespace sysctl {
@@ -58,7 +72,7 @@ bool set(const std::string& name, const std::string& value) {
                 "sysctl: refusing parameter name '%s'", name.c_str());
     return false;
   }
-  const std::string root = kxhost::Options().sysctl_root;
+  const std::string root = EffectiveRoot();
   const std::string path = root + "/" + name;
   const bool proc = IsProcRoot(root);
   if (!proc && !MakeParents(path)) {
@@ -93,7 +107,7 @@ bool set(const std::string& name, const std::string& value) {
 
 std::string get(const std::string& name) {
   if (!IsSafeName(name)) return std::string();
-  const std::string path = kxhost::Options().sysctl_root + "/" + name;
+  const std::string path = EffectiveRoot() + "/" + name;
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::string();
   std::string text;

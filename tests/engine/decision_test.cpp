@@ -172,6 +172,23 @@ TEST(DecisionTest, HardLinkToForbiddenFileUnderAllowedNameIsDenied) {
   EXPECT_EQ(d.reason, Reason::kNoRule);
 }
 
+TEST(DecisionTest, ChangedContentTakesAwayOnlyTheRulesPermission) {
+  RuleSetSpec spec;
+  spec.rules.push_back({"r", true, true, false, {}, {}, {"/r/tool"}});
+  spec.whitelist_uids = {kWhiteUid};
+  const auto tables = Tables::Build(spec, MapResolver());
+  Event e = MakeEvent(Access::kExec, false, Who::kStranger, kResource, "/r/tool");
+  e.content_changed = true;
+  const Decision d = Decide(e, *tables, Control{true, true});
+  EXPECT_EQ(d.verdict, Verdict::kDeny);
+  EXPECT_EQ(d.reason, Reason::kContentChanged);
+  EXPECT_EQ(d.audit_event, kAuditDenyExec);
+  // A whitelisted user is not restricted at all.
+  Event w = MakeEvent(Access::kExec, false, Who::kWhiteUser, kResource, "/r/tool");
+  w.content_changed = true;
+  EXPECT_EQ(Decide(w, *tables, Control{true, true}).verdict, Verdict::kAllow);
+}
+
 TEST(DecisionTest, AuditMaskBitsFollowEventIds) {
   Decision d;
   d.audit_event = kAuditDenyOpenLib;  // bit 3

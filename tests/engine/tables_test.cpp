@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -133,6 +134,24 @@ TEST_F(TablesTest, ADecisionSeesTheOldSetOrTheNewOneNeverAMix) {
   }
   writer.join();
   EXPECT_GT(seen, 0);
+}
+
+TEST_F(TablesTest, IntegrityRecordsTheContentOfEachResource) {
+  const std::string tool = Write("tool", "abc");
+  RuleSetSpec spec;
+  spec.rules.push_back({"r", true, true, false, {}, {}, {tool, dir_ + "/missing"}});
+  const auto plain = Tables::Build(spec, StatResolver);
+  EXPECT_EQ(plain->RecordedDigest(IdOf(tool)), nullptr);
+  const auto checked = Tables::Build(spec, StatResolver, true);
+  const Digest* recorded = checked->RecordedDigest(IdOf(tool));
+  ASSERT_NE(recorded, nullptr);
+  // sha256("abc")
+  const unsigned char abc[4] = {0xba, 0x78, 0x16, 0xbf};
+  EXPECT_EQ(std::memcmp(recorded->data(), abc, 4), 0);
+  Write("tool", "abd");
+  Digest now;
+  ASSERT_TRUE(DigestOfFile(tool, &now));
+  EXPECT_NE(now, *recorded);
 }
 
 }  // namespace

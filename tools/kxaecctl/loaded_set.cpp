@@ -1,16 +1,13 @@
 #include "loaded_set.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <boost/filesystem.hpp>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <system_error>
 #include <vector>
 
 #include "accounts.h"
+#include "aec_config_read.h"
+#include "aec_loaded_set.h"
 #include "host/file_util.h"
 #include "resources.h"
 #include "rule_edit.h"
@@ -20,49 +17,10 @@
 namespace aectool {
 namespace {
 
-constexpr const char* kHeader =
-    "# Application execution control: the loaded rule set.\n"
-    "# Written by kxaecctl; docs/tools.md describes it. Do not edit.\n"
-    "format\t1\n";
-
-std::string Field(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
-std::string Record(std::initializer_list<std::string> fields) {
-  std::string line;
-  for (const auto& field : fields) {
-    if (!line.empty()) line += '\t';
-    line += Field(field);
-  }
-  return line + "\n";
-}
-
-std::string Bit(bool flag) { return flag ? "1" : "0"; }
-
 template <typename T>
-void AddMissing(std::vector<std::string>* missing, const T& names,
-                bool (*known)(const std::string&)) {
-  for (const auto& name : names) {
+void AddMissing(std::vector<std::string> *missing, const T &names,
+                bool (*known)(const std::string &)) {
+  for (const auto &name : names) {
     if (!known(name) &&
         std::find(missing->begin(), missing->end(), name) == missing->end()) {
       missing->push_back(name);
@@ -70,43 +28,44 @@ void AddMissing(std::vector<std::string>* missing, const T& names,
   }
 }
 
-bool KnownUser(const std::string& name) { return UserId(name).has_value(); }
-bool KnownGroup(const std::string& name) { return GroupId(name).has_value(); }
+bool KnownUser(const std::string &name) { return UserId(name).has_value(); }
+bool KnownGroup(const std::string &name) { return GroupId(name).has_value(); }
 
-void RequireKnown(const std::vector<std::string>& unknown, ExitCode code,
-                  const char* what) {
+void RequireKnown(const std::vector<std::string> &unknown, ExitCode code,
+                  const char *what) {
   if (!unknown.empty()) {
     throw ToolError(code, WithObjects(what, unknown), unknown);
   }
 }
 
-std::string WhitelistRecords(const UsersAndGroups& whitelist) {
+// The whitelist's accounts with their ids; throws for unknown ones.
+void ResolveWhitelist(const UsersAndGroups &whitelist, aec::LoadedSet *set) {
   std::vector<std::string> unknown_users, unknown_groups;
   AddMissing(&unknown_users, whitelist.users, KnownUser);
   RequireKnown(unknown_users, KxAecCtl::kUsersNotFound, "users not found");
   AddMissing(&unknown_groups, whitelist.groups, KnownGroup);
   RequireKnown(unknown_groups, KxAecCtl::kGroupsNotFound, "groups not found");
-  std::string text;
-  for (const auto& user : whitelist.users) {
-    text += Record({"whitelist-user", std::to_string(*UserId(user)), user});
+  set->whitelist_users.clear();
+  set->whitelist_groups.clear();
+  for (const auto &user : whitelist.users) {
+    set->whitelist_users.push_back({*UserId(user), user});
   }
-  for (const auto& group : whitelist.groups) {
-    text += Record({"whitelist-group", std::to_string(*GroupId(group)), group});
+  for (const auto &group : whitelist.groups) {
+    set->whitelist_groups.push_back({*GroupId(group), group});
   }
-  return text;
 }
 
-[[noreturn]] void KernelError(const std::string& reason) {
+[[noreturn]] void KernelError(const std::string &reason) {
   throw ToolError(KxAecCtl::kKernelInteraction, reason);
 }
 
-}  // namespace
+} // namespace
 
-std::string CompileLoadedSet(const Configuration& config) {
+std::string CompileLoadedSet(const Configuration &config) {
   // Everything is checked before anything is compiled, so the objects of
   // one code are reported together: users, then groups, then resources.
   std::vector<std::string> unknown_users, unknown_groups, missing;
-  for (const auto& [name, rule] : config.Rules()) {
+  for (const auto &[name, rule] : config.Rules()) {
     const RuleEdit edit(rule);
     AddMissing(&unknown_users, edit.List(rule_key::kUsers), KnownUser);
     AddMissing(&unknown_groups, edit.List(rule_key::kGroups), KnownGroup);
@@ -118,77 +77,61 @@ std::string CompileLoadedSet(const Configuration& config) {
   RequireKnown(unknown_groups, KxAecCtl::kGroupsNotFound, "groups not found");
   RequireKnown(missing, KxAecCtl::kResourceMissing, "resources do not exist");
 
-  std::string text = kHeader;
-  for (const auto& [name, rule] : config.Rules()) {
+  aec::LoadedSet set;
+  for (const auto &[name, rule] : config.Rules()) {
     const RuleEdit edit(rule);
-    text += Record({"rule", name, Bit(edit.Flag(rule_key::kEnable)),
-                    Bit(edit.Flag(rule_key::kAllAllowed)),
-                    Bit(edit.Flag(rule_key::kExtended)),
-                    Bit(edit.Flag(rule_key::kSystem))});
-    for (const auto& user : edit.List(rule_key::kUsers)) {
-      text += Record({"rule-user", name, std::to_string(*UserId(user)), user});
+    aec::LoadedRule loaded;
+    loaded.name = name;
+    loaded.enable = edit.Flag(rule_key::kEnable);
+    loaded.all_users = edit.Flag(rule_key::kAllAllowed);
+    loaded.extended = edit.Flag(rule_key::kExtended);
+    loaded.system = edit.Flag(rule_key::kSystem);
+    for (const auto &user : edit.List(rule_key::kUsers)) {
+      loaded.users.push_back({*UserId(user), user});
     }
-    for (const auto& group : edit.List(rule_key::kGroups)) {
-      text +=
-          Record({"rule-group", name, std::to_string(*GroupId(group)), group});
+    for (const auto &group : edit.List(rule_key::kGroups)) {
+      loaded.groups.push_back({*GroupId(group), group});
     }
-    for (const auto& resource : edit.List(rule_key::kResources)) {
-      text += Record({"rule-resource", name, resource});
-    }
+    const auto resources = edit.List(rule_key::kResources);
+    loaded.resources.assign(resources.begin(), resources.end());
+    set.rules.push_back(std::move(loaded));
   }
-  text += WhitelistRecords(config.Whitelist());
-  for (const auto& exception : config.Exceptions()) {
-    text += Record({"exception", exception});
-  }
-  return text;
+  ResolveWhitelist(config.Whitelist(), &set);
+  set.exceptions.assign(config.Exceptions().begin(), config.Exceptions().end());
+  return aec::FormatLoadedSet(set);
 }
 
-std::string ReplaceWhitelist(const std::string& previous,
-                             const UsersAndGroups& whitelist) {
-  std::string rules, exceptions;
-  bool have_format = false;
-  std::istringstream in(previous);
-  for (std::string line; std::getline(in, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    const std::string kind = line.substr(0, line.find('\t'));
-    if (kind == "format") {
-      if (line != "format\t1") KernelError("unknown loaded set " + line);
-      have_format = true;
-    } else if (kind == "rule" || kind == "rule-user" || kind == "rule-group" ||
-               kind == "rule-resource") {
-      rules += line + "\n";
-    } else if (kind == "exception") {
-      exceptions += line + "\n";
-    } else if (kind != "whitelist-user" && kind != "whitelist-group") {
-      KernelError("damaged loaded set " + LoadedSetPath());
-    }
+std::string ReplaceWhitelist(const std::string &previous,
+                             const UsersAndGroups &whitelist) {
+  aec::LoadedSet set;
+  try {
+    set = aec::ParseLoadedSet(previous);
+  } catch (const aec::LoadedSetError &e) {
+    KernelError("damaged loaded set " + LoadedSetPath() + ": " + e.what());
   }
-  if (!have_format) KernelError("damaged loaded set " + LoadedSetPath());
-  return kHeader + rules + WhitelistRecords(whitelist) + exceptions;
+  ResolveWhitelist(whitelist, &set);
+  return aec::FormatLoadedSet(set);
 }
 
 std::optional<std::string> ReadLoadedSet() {
-  struct stat info;
-  if (::stat(LoadedSetPath().c_str(), &info) != 0 && errno == ENOENT) {
-    return std::nullopt;
+  try {
+    return aec::ReadConfigFile(LoadedSetPath(), aec::kMaxLoadedSetBytes,
+                               aec::Links::kRefuse);
+  } catch (const aec::ConfigReadError &e) {
+    if (e.kind() == aec::ConfigReadError::Kind::kMissing)
+      return std::nullopt;
+    KernelError(std::string("cannot read the loaded set ") + e.what());
   }
-  std::ifstream in(LoadedSetPath(), std::ios::binary);
-  std::string text((std::istreambuf_iterator<char>(in)),
-                   std::istreambuf_iterator<char>());
-  if (!in.is_open() || in.bad() || !S_ISREG(info.st_mode)) {
-    KernelError("cannot read the loaded set " + LoadedSetPath());
-  }
-  return text;
 }
 
-void WriteLoadedSet(const std::string& text) {
+void WriteLoadedSet(const std::string &text) {
   boost::system::error_code ec;
   boost::filesystem::create_directories(LoadedSetDir(), ec);
   try {
     kxfs::ReplaceFile(LoadedSetPath(), text, LoadedSetDir(), 0644);
-  } catch (const std::system_error& e) {
+  } catch (const std::system_error &e) {
     KernelError(std::string("cannot load the rule set: ") + e.what());
   }
 }
 
-}  // namespace aectool
+} // namespace aectool

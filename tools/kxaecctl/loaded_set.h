@@ -3,20 +3,12 @@
 // atomically, so a reader sees the previous set or the new one, never a
 // mixture.
 //
-// Text, one record per line, fields separated by one tab; in a field a
-// backslash, tab, line break or carriage return is written "\\", "\t",
-// "\n", "\r". Lines starting "#" are comments.
-//   format          1
-//   rule            <name> <enable> <all users> <extended> <system>   (0|1)
-//   rule-user       <rule> <uid> <user>
-//   rule-group      <rule> <gid> <group>
-//   rule-resource   <rule> <path>
-//   whitelist-user  <uid> <user>
-//   whitelist-group <gid> <group>
-//   exception       <path>
-// Rules in name order, each followed by its users, groups and resources
-// (sorted); then the whitelist (file order); then the exceptions (sorted).
-// docs/tools.md shows an example.
+// The text is written and read by the configuration model
+// (aec_loaded_set.h). This file adds what the tool does on this machine:
+// resolving users and groups to ids, checking that resources exist, and
+// keeping the file. Rules in name order, each with its users, groups and
+// resources sorted; then the whitelist in file order; then the exceptions,
+// sorted.
 #pragma once
 
 #include <optional>

@@ -12,34 +12,41 @@
 
 namespace {
 
-const std::string kStateFile = aec::kInstallRoot + "/var/aec_confirm";
-const std::string kLockFile = aec::kRemovalDir + "aec_confirm_lock";
-const std::string kWarningFile = aec::kPamMessagesDir + "aec_confirm_warning";
+// Functions, not namespace-scope strings: the path constants they are built
+// from live in the model library, whose static initialisation may not have
+// run yet when this file's does.
+std::string ConfirmStatePath() {
+  return aec::kInstallRoot + "/var/aec_confirm";
+}
+std::string ConfirmLockPath() { return aec::kRemovalDir + "aec_confirm_lock"; }
+std::string WarningPath() {
+  return aec::kPamMessagesDir + "aec_confirm_warning";
+}
 // The warning is staged next to (not inside) the login-message directory:
 // whatever shows that directory at login must never see a half-written or
 // stray temporary file. Same file system, so the rename is atomic.
-const std::string kWarningTempDir = aec::kInstallRoot + "/var/tmp/";
+std::string WarningTempDir() { return aec::kInstallRoot + "/var/tmp/"; }
 
-}  // namespace
+} // namespace
 
-std::unique_ptr<AecHardModeConfirmation>& AecHardModeConfirmation::Get() {
+std::unique_ptr<AecHardModeConfirmation> &AecHardModeConfirmation::Get() {
   static std::unique_ptr<AecHardModeConfirmation> instance(
       new AecHardModeConfirmation());
   return instance;
 }
 
 AecHardModeConfirmation::AecHardModeConfirmation()
-    : LockFileConfirmation(kStateFile, kLockFile) {}
+    : LockFileConfirmation(ConfirmStatePath(), ConfirmLockPath()) {}
 
 AecHardModeConfirmation::~AecHardModeConfirmation() = default;
 
-std::string AecHardModeConfirmation::WarningFilePath() { return kWarningFile; }
+std::string AecHardModeConfirmation::WarningFilePath() { return WarningPath(); }
 
 void AecHardModeConfirmation::DeleteMessageFile() {
   // A warning that cannot be removed only shows an outdated notice; it must
   // not stop the state machine.
   boost::system::error_code ignored;
-  boost::filesystem::remove(kWarningFile, ignored);
+  boost::filesystem::remove(WarningPath(), ignored);
 }
 
 bool AecHardModeConfirmation::HandlerInit() {
@@ -58,12 +65,12 @@ bool AecHardModeConfirmation::HandlerWaitForConfirmation() {
   try {
     // Owner read/write only at first; readers are let in below by adding
     // bits, never by replacing the mode.
-    kxfs::ReplaceFile(kWarningFile, text, kWarningTempDir, 0600);
-  } catch (const std::system_error&) {
+    kxfs::ReplaceFile(WarningPath(), text, WarningTempDir(), 0600);
+  } catch (const std::system_error &) {
     return false;
   }
   boost::system::error_code ec;
-  boost::filesystem::permissions(kWarningFile,
+  boost::filesystem::permissions(WarningPath(),
                                  boost::filesystem::add_perms |
                                      boost::filesystem::group_read |
                                      boost::filesystem::others_read,

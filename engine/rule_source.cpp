@@ -1,0 +1,52 @@
+#include "rule_source.h"
+
+#include <sys/stat.h>
+
+#include <exception>
+
+#include "aec_loaded_set.h"
+
+namespace aec::engine {
+
+const char kLoadedSetPath[] = "/opt/korvex/var/lib/aec/loaded-rules";
+
+RuleSetSpec SpecFromLoadedSet(const aec::LoadedSet& set) {
+  RuleSetSpec spec;
+  spec.rules.reserve(set.rules.size());
+  for (const aec::LoadedRule& in : set.rules) {
+    RuleSetSpec::Rule rule;
+    rule.name = in.name;
+    rule.enabled = in.enable;
+    rule.all_users = in.all_users;
+    rule.extended = in.extended;
+    for (const auto& user : in.users) rule.uids.push_back(user.id);
+    for (const auto& group : in.groups) rule.gids.push_back(group.id);
+    rule.resources = in.resources;
+    spec.rules.push_back(std::move(rule));
+  }
+  for (const auto& user : set.whitelist_users) spec.whitelist_uids.push_back(user.id);
+  for (const auto& group : set.whitelist_groups) spec.whitelist_gids.push_back(group.id);
+  spec.exceptions = set.exceptions;
+  return spec;
+}
+
+bool ReadRuleSetFile(const std::string& path, RuleSetSpec* spec, std::string* why) {
+  try {
+    struct stat st;
+    std::string version;
+    if (stat(path.c_str(), &st) == 0) {
+      version = std::to_string(st.st_mtim.tv_sec) + "." +
+                std::to_string(st.st_mtim.tv_nsec / 1000000) + "-" +
+                std::to_string(st.st_size);
+    }
+    RuleSetSpec parsed = SpecFromLoadedSet(aec::ReadLoadedSetFile(path));
+    parsed.version = version;
+    *spec = std::move(parsed);
+    return true;
+  } catch (const std::exception& e) {
+    *why = e.what();
+    return false;
+  }
+}
+
+}  // namespace aec::engine

@@ -1,0 +1,84 @@
+#include "aec_config_read.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace aec {
+namespace {
+
+class Descriptor {
+public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0)
+      ::close(fd_);
+  }
+  Descriptor(const Descriptor &) = delete;
+  Descriptor &operator=(const Descriptor &) = delete;
+  int get() const { return fd_; }
+
+private:
+  int fd_;
+};
+
+[[noreturn]] void Fail(ConfigReadError::Kind kind, const std::string &path,
+                       const std::string &why) {
+  throw ConfigReadError(kind, path + ": " + why);
+}
+
+[[noreturn]] void FailErrno(const std::string &path, int error) {
+  Fail(error == ENOENT ? ConfigReadError::Kind::kMissing
+                       : ConfigReadError::Kind::kIo,
+       path, std::strerror(error));
+}
+
+} // namespace
+
+std::string ReadConfigFile(const std::string &path, std::size_t max_bytes,
+                           Links links) {
+  int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+  if (links == Links::kRefuse)
+    flags |= O_NOFOLLOW;
+  const Descriptor file(::open(path.c_str(), flags));
+  if (file.get() < 0) {
+    if (errno == ELOOP && links == Links::kRefuse) {
+      Fail(ConfigReadError::Kind::kNotRegular, path, "a symbolic link");
+    }
+    FailErrno(path, errno);
+  }
+  struct stat info;
+  if (::fstat(file.get(), &info) != 0)
+    FailErrno(path, errno);
+  if (!S_ISREG(info.st_mode)) {
+    Fail(ConfigReadError::Kind::kNotRegular, path, "not a regular file");
+  }
+  const std::string too_large =
+      "larger than " + std::to_string(max_bytes) + " bytes";
+  if (static_cast<std::size_t>(info.st_size) > max_bytes) {
+    Fail(ConfigReadError::Kind::kTooLarge, path, too_large);
+  }
+  std::string content;
+  content.reserve(static_cast<std::size_t>(info.st_size));
+  char buffer[65536];
+  for (;;) {
+    const ssize_t got = ::read(file.get(), buffer, sizeof buffer);
+    if (got < 0) {
+      if (errno == EINTR)
+        continue;
+      FailErrno(path, errno);
+    }
+    if (got == 0)
+      break;
+    if (content.size() + static_cast<std::size_t>(got) > max_bytes) {
+      Fail(ConfigReadError::Kind::kTooLarge, path, too_large);
+    }
+    content.append(buffer, static_cast<std::size_t>(got));
+  }
+  return content;
+}
+
+} // namespace aec
