@@ -29,6 +29,7 @@
 
 #include "decision.h"
 #include "support/child_process.h"
+#include "support/machine_load.h"
 #include "tables.h"
 
 namespace {
@@ -216,6 +217,7 @@ int main(int argc, char** argv) {
   std::printf("files %zu (from %s), rules %d, resources %zu, exceptions %zu\n",
               files.size(), dirs.c_str(), rule_count, tables->resource_count(),
               spec.exceptions.size());
+  std::printf("load average %s\n", kxbench::LoadAverage().c_str());
   std::printf("tables built (stat of every resource) in %.1f ms\n", build_ms);
   std::printf("denied %zu of %zu in hard mode (timed pass: %zu)\n", denied,
               events.size(), denied_timed);

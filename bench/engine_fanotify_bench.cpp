@@ -11,15 +11,20 @@
 //   ignore     the same listener adds an ignore mark for every file whose
 //              open it allowed (what a daemon does for a file it decided
 //              "not controlled"), so later opens of it cost nothing
-//   engine     --engine=COMMAND runs (inside the namespace, "{dir}" replaced
-//              by the tmpfs) and is given --engine-wait ms to start before
-//              the round; it must mark the tmpfs itself
+//   engine     the built kxaecd watching the tmpfs, hard mode, a loaded set
+//              of --rules rules (the program is a resource of one of them),
+//              audit mask 15, its journal in the sandboxed root
+//   engine-noignore  the same with --no-ignore-marks
+// The process enters a sandbox first (kxhost's: private mount namespace,
+// a scratch root at /opt/korvex), so the engine's files are never the
+// machine's. Each engine round also checks that a program no rule allows is
+// refused, so a figure never comes from an engine that did not enforce.
 // E1: --starts starts of a small program (a copy of /bin/true) on the tmpfs.
 // E2: --files small files on the tmpfs read once (first pass) and again
 //     (second pass: where ignore marks earn their keep).
 //
 //   engine_fanotify_bench [--starts=5000] [--files=20000] [--rounds=3]
-//                         [--engine=COMMAND] [--engine-wait=2000]
+//                         [--rules=10000] [--no-engine]
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -37,13 +42,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "lib/sandbox.h"
 #include "support/child_process.h"
+#include "support/machine_load.h"
 
 namespace {
 
@@ -164,21 +173,102 @@ double Median(std::vector<double> values) {
   return kxbench::Percentile(values, 50);
 }
 
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void Put(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::trunc);
+  out << text;
+  if (!out) Die("write " + path);
+}
+
+// A loaded set of `rules` enabled rules for all users, one resource each;
+// the first holds `program`.
+std::string LoadedSet(int rules, const std::string& program) {
+  std::string text = "format\t1\n";
+  char name[32];
+  for (int r = 0; r < rules; ++r) {
+    std::snprintf(name, sizeof name, "r%06d", r);
+    text += std::string("rule\t") + name + "\t1\t1\t0\t0\n";
+    text += std::string("rule-resource\t") + name + "\t" +
+            (r == 0 ? program : "/usr/local/kxbench/prog" + std::to_string(r)) +
+            "\n";
+  }
+  return text;
+}
+
+constexpr const char kStatus[] = "/opt/korvex/var/run/kxaecd.status";
+
+pid_t StartEngine(const std::string& dir, bool ignore_marks,
+                  const std::string& log) {
+  unlink(kStatus);
+  const pid_t pid = fork();
+  if (pid < 0) Die("fork");
+  if (pid == 0) {
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (fd >= 0) {
+      dup2(fd, 1);
+      dup2(fd, 2);
+    }
+    std::vector<const char*> args = {KX_KXAECD_PATH, "--foreground", "--watch",
+                                     dir.c_str(), "--sysctl-root",
+                                     "/opt/korvex/var/run/sysctl"};
+    if (!ignore_marks) args.push_back("--no-ignore-marks");
+    args.push_back(nullptr);
+    execv(args[0], const_cast<char* const*>(args.data()));
+    _exit(127);
+  }
+  const auto start = Clock::now();
+  while (Slurp(kStatus).find("running: yes") == std::string::npos) {
+    int status = 0;
+    if (waitpid(pid, &status, WNOHANG) == pid) {
+      std::fprintf(stderr, "engine_fanotify_bench: kxaecd ended at start:\n%s",
+                   Slurp(log).c_str());
+      std::exit(2);
+    }
+    if (Clock::now() - start > std::chrono::seconds(30)) {
+      kill(pid, SIGKILL);
+      std::fprintf(stderr, "engine_fanotify_bench: kxaecd not running after 30 s\n");
+      std::exit(2);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return pid;
+}
+
+// 0: the start was refused with EPERM; otherwise what happened.
+int StartRefused(const std::string& program) {
+  const pid_t pid = fork();
+  if (pid < 0) Die("fork");
+  if (pid == 0) {
+    char* const args[] = {const_cast<char*>(program.c_str()), nullptr};
+    execv(args[0], args);
+    _exit(errno == EPERM ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   int starts = 5000;
   int file_count = 20000;
   int rounds = 3;
-  std::string engine;
-  int engine_wait_ms = 2000;
+  int rules = 10000;
+  bool with_engine = true;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     try {
       if (arg == "--help" || arg == "-h") {
         std::printf(
             "usage: engine_fanotify_bench [--starts=N] [--files=N] "
-            "[--rounds=N] [--engine=COMMAND] [--engine-wait=MS]\n"
+            "[--rounds=N] [--rules=N] [--no-engine]\n"
             "Runs as root in its own mount namespace on its own tmpfs.\n");
         return 0;
       } else if (arg.rfind("--starts=", 0) == 0) {
@@ -187,10 +277,10 @@ int main(int argc, char** argv) {
         file_count = std::stoi(arg.substr(8));
       } else if (arg.rfind("--rounds=", 0) == 0) {
         rounds = std::stoi(arg.substr(9));
-      } else if (arg.rfind("--engine=", 0) == 0) {
-        engine = arg.substr(9);
-      } else if (arg.rfind("--engine-wait=", 0) == 0) {
-        engine_wait_ms = std::stoi(arg.substr(14));
+      } else if (arg.rfind("--rules=", 0) == 0) {
+        rules = std::stoi(arg.substr(8));
+      } else if (arg == "--no-engine") {
+        with_engine = false;
       } else {
         std::fprintf(stderr, "engine_fanotify_bench: unknown argument %s\n",
                      arg.c_str());
@@ -202,7 +292,7 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  if (starts < 1 || file_count < 1 || rounds < 1) {
+  if (starts < 1 || file_count < 1 || rounds < 1 || rules < 1) {
     std::fprintf(stderr, "engine_fanotify_bench: counts must be >= 1\n");
     return 2;
   }
@@ -213,22 +303,30 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  // Our own mount namespace, nothing shared back, and a tmpfs in it: the
-  // only mount any listener here marks.
-  if (unshare(CLONE_NEWNS) != 0) Die("unshare(CLONE_NEWNS)");
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    Die("making / private");
-  }
+  // The sandbox: a private mount namespace with a scratch root at
+  // /opt/korvex, and a tmpfs in it, the only mount anything here marks.
   char pattern[] = "/tmp/kxfan-bench-XXXXXX";
   if (mkdtemp(pattern) == nullptr) Die("mkdtemp");
-  const std::string dir = pattern;
-  if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=512m") != 0) {
+  const std::string scratch = pattern;
+  const std::string root = scratch + "/root";
+  const std::string dir = scratch + "/w";
+  try {
+    kxhost::MakeRootLayout(root);
+    kxhost::EnterSandbox(root);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "engine_fanotify_bench: sandbox: %s\n", e.what());
+    return 2;
+  }
+  mkdir(dir.c_str(), 0755);
+  if (mount("kxbench", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
+            "size=512m,mode=0755") != 0) {
     Die("mount tmpfs");
   }
 
   const std::string program = dir + "/prog";
-  {
-    const auto copy = kxbench::RunChild({"/bin/cp", "/bin/true", program});
+  const std::string denied = dir + "/denied";
+  for (const auto& target : {program, denied}) {
+    const auto copy = kxbench::RunChild({"/bin/cp", "/bin/true", target});
     if (copy.exit_code != 0) Die("cp /bin/true");
   }
   std::vector<std::string> files;
@@ -241,10 +339,23 @@ int main(int argc, char** argv) {
     if (fd < 0 || write(fd, content.data(), content.size()) < 0) Die("create");
     close(fd);
   }
+  if (with_engine) {
+    mkdir("/opt/korvex/var/lib/aec", 0755);
+    Put("/opt/korvex/var/lib/aec/loaded-rules", LoadedSet(rules, program));
+    const auto made = kxbench::RunChild(
+        {"/bin/mkdir", "-p", "/opt/korvex/var/run/sysctl/korvex/secure"});
+    if (made.exit_code != 0) Die("mkdir sysctl");
+    Put("/opt/korvex/var/run/sysctl/korvex/secure/environment", "3\n");
+    Put("/opt/korvex/var/run/sysctl/korvex/secure/secenv_verbose", "15\n");
+  }
 
   std::vector<std::string> modes = {"off", "listener", "ignore"};
-  if (!engine.empty()) modes.push_back("engine");
+  if (with_engine) {
+    modes.push_back("engine");
+    modes.push_back("engine-noignore");
+  }
   std::map<std::string, Figures> figures;
+  int not_enforced = 0;
   for (int round = 0; round < rounds; ++round) {
     for (const auto& mode : modes) {
       Figures& f = figures[mode];
@@ -254,19 +365,9 @@ int main(int argc, char** argv) {
       pid_t engine_pid = -1;
       if (mode == "listener" || mode == "ignore") {
         listener = std::make_unique<AllowListener>(dir, mode == "ignore");
-      } else if (mode == "engine") {
-        std::string command = engine;
-        for (std::size_t at;
-             (at = command.find("{dir}")) != std::string::npos;) {
-          command.replace(at, 5, dir);
-        }
-        engine_pid = fork();
-        if (engine_pid < 0) Die("fork");
-        if (engine_pid == 0) {
-          execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-          _exit(127);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(engine_wait_ms));
+      } else if (mode.rfind("engine", 0) == 0) {
+        engine_pid = StartEngine(dir, mode == "engine", scratch + "/kxaecd.log");
+        if (StartRefused(denied) != 0) ++not_enforced;
       }
       f.starts.push_back(StartPrograms(program, starts));
       f.first_read.push_back(ReadFiles(files));
@@ -280,24 +381,29 @@ int main(int argc, char** argv) {
   }
 
   const Figures& off = figures["off"];
+  std::printf("load average at the end %s\n", kxbench::LoadAverage().c_str());
   std::printf(
-      "tmpfs %s, %d starts, %d files, medians of %d interleaved rounds\n",
-      dir.c_str(), starts, file_count, rounds);
-  std::printf("%-9s %12s %7s %14s %7s %14s %7s %10s\n", "mode",
-              "starts us/each", "ratio", "read1 us/file", "ratio",
+      "tmpfs %s, %d starts, %d files, %d rules, medians of %d interleaved "
+      "rounds\n",
+      dir.c_str(), starts, file_count, rules, rounds);
+  std::printf("%-16s %14s %6s %13s %6s %13s %6s %8s\n", "mode",
+              "start us/each", "ratio", "read1 us/file", "ratio",
               "read2 us/file", "ratio", "events");
   for (const auto& mode : modes) {
     const Figures& f = figures[mode];
-    std::printf("%-9s %12.1f %7.2f %14.2f %7.2f %14.2f %7.2f %10llu\n",
+    std::printf("%-16s %14.1f %6.2f %13.2f %6.2f %13.2f %6.2f %8s\n",
                 mode.c_str(), Median(f.starts) * 1000 / starts,
                 Median(f.starts) / Median(off.starts),
                 Median(f.first_read) * 1000 / file_count,
                 Median(f.first_read) / Median(off.first_read),
                 Median(f.second_read) * 1000 / file_count,
                 Median(f.second_read) / Median(off.second_read),
-                static_cast<unsigned long long>(f.events / rounds));
+                (mode == "listener" || mode == "ignore" ? std::to_string(f.events / rounds) : std::string("-")).c_str());
+  }
+  if (with_engine) {
+    std::printf("engine rounds where a program no rule allows was not refused: %d\n",
+                not_enforced);
   }
   umount2(dir.c_str(), MNT_DETACH);
-  rmdir(dir.c_str());
-  return 0;
+  return not_enforced == 0 ? 0 : 1;
 }

@@ -30,6 +30,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -40,6 +42,7 @@
 #include "lib/sandbox.h"
 #include "support/child_process.h"
 #include "support/journal_generator.h"
+#include "support/machine_load.h"
 
 namespace {
 
@@ -172,12 +175,40 @@ class EventSource {
   uint64_t state_;
 };
 
+// Processor seconds (user + system) of this process's threads named `name`.
+double ThreadCpuSeconds(const std::string& name) {
+  double seconds = 0;
+  const long ticks = sysconf(_SC_CLK_TCK);
+  for (const auto& task :
+       boost::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path().string() + "/comm");
+    std::string thread_name;
+    std::getline(comm, thread_name);
+    if (thread_name != name) continue;
+    std::ifstream stat(task.path().string() + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)),
+                     std::istreambuf_iterator<char>());
+    // Fields after the parenthesised name: state is field 3, utime 14,
+    // stime 15.
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    double utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+      if (i == 14) utime = std::stod(field);
+      if (i == 15) stime = std::stod(field);
+    }
+    seconds += (utime + stime) / static_cast<double>(ticks);
+  }
+  return seconds;
+}
+
 struct WriteRun {
   double seconds = 0;
   uint64_t offered = 0;
   uint64_t written = 0;
   uint64_t dropped = 0;
   uint64_t max_depth = 0;
+  double writer_cpu = 0;  // processor seconds of the writer thread
   std::vector<double> loglist_ms, log_ms;
   int failed_reads = 0;
 };
@@ -253,10 +284,12 @@ WriteRun SustainedWrite(const std::string& root, int seconds, int rate) {
   });
 
   const uint64_t written_before = writer.GetStats().written;
+  const double cpu_before = ThreadCpuSeconds("kxaecd-journal");
   const auto start = Clock::now();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
   const auto stats = writer.GetStats();
   run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  run.writer_cpu = ThreadCpuSeconds("kxaecd-journal") - cpu_before;
   stop.store(true);
   for (auto& producer : producers) producer.join();
   reader.join();
@@ -271,10 +304,11 @@ WriteRun SustainedWrite(const std::string& root, int seconds, int rate) {
 
 void PrintWriteRun(const char* name, WriteRun& run) {
   std::printf(
-      "%-10s %5.1f s  offered %7.0f/s  written %7.0f/s  refused %8llu  "
-      "max queue %6llu  reads %3zu (failed %d)  loglist p50 %6.1f ms  "
-      "log p50 %6.1f ms\n",
+      "%-10s %5.1f s  offered %7.0f/s  written %7.0f/s (%7.0f per writer "
+      "processor second)  refused %8llu  max queue %6llu  reads %3zu "
+      "(failed %d)  loglist p50 %6.1f ms  log p50 %6.1f ms\n",
       name, run.seconds, run.offered / run.seconds, run.written / run.seconds,
+      run.writer_cpu > 0 ? run.written / run.writer_cpu : 0.0,
       static_cast<unsigned long long>(run.dropped),
       static_cast<unsigned long long>(run.max_depth), run.loglist_ms.size(),
       run.failed_reads, kxbench::Percentile(run.loglist_ms, 50),
@@ -371,6 +405,8 @@ int main(int argc, char** argv) {
 
     std::printf("== sustained writing, %d s each, readers through kxhost ==\n",
                 flags.seconds);
+    std::printf("load average %s, %u processors\n", kxbench::LoadAverage().c_str(),
+                std::thread::hardware_concurrency());
     WriteRun saturated = SustainedWrite(write_root, flags.seconds, 0);
     PrintWriteRun("saturated", saturated);
     WriteRun paced = SustainedWrite(write_root, flags.seconds, flags.rate);
@@ -426,6 +462,7 @@ int main(int argc, char** argv) {
         "  (less start-up %.1f ms)\n",
         g50, kxbench::Percentile(log, 90), g50 - b50);
     std::printf("runs without a full answer: %d\n", failed);
+    std::printf("load average at the end %s\n", kxbench::LoadAverage().c_str());
 
     const bool write_goal = saturated.written / saturated.seconds >= 50000 &&
                             paced.dropped == 0 && saturated.failed_reads == 0 &&
