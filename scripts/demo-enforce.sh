@@ -49,7 +49,8 @@ done
 if ! grep -q 'running: yes' "$root/var/run/kxaecd.status" 2>/dev/null; then
   echo "   kxaecd did not start:"; sed 's/^/   /' "$w.log"; exit 1
 fi
-sed 's/^/   /' "$root/var/run/kxaecd.status"
+grep -E '^(running|state|mode|audit mask|rules|resources):' "$root/var/run/kxaecd.status" |
+  sed 's/^/   /'
 
 say "A program a rule allows runs"
 printf '   $ %s\n' "$w/allowed-tool"
