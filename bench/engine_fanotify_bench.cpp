@@ -340,11 +340,11 @@ int main(int argc, char** argv) {
     close(fd);
   }
   if (with_engine) {
-    mkdir("/opt/korvex/var/lib/aec", 0755);
-    Put("/opt/korvex/var/lib/aec/loaded-rules", LoadedSet(rules, program));
     const auto made = kxbench::RunChild(
-        {"/bin/mkdir", "-p", "/opt/korvex/var/run/sysctl/korvex/secure"});
-    if (made.exit_code != 0) Die("mkdir sysctl");
+        {"/bin/mkdir", "-p", "/opt/korvex/var/lib/aec",
+         "/opt/korvex/var/run/sysctl/korvex/secure"});
+    if (made.exit_code != 0) Die("mkdir in the sandboxed root");
+    Put("/opt/korvex/var/lib/aec/loaded-rules", LoadedSet(rules, program));
     Put("/opt/korvex/var/run/sysctl/korvex/secure/environment", "3\n");
     Put("/opt/korvex/var/run/sysctl/korvex/secure/secenv_verbose", "15\n");
   }
