@@ -11,6 +11,7 @@ struct ChildRun {
   int exit_code = -1;  // -1: did not exit normally
   std::string out;     // standard output, whole
   double wall_ms = 0;  // from fork to reaped
+  double cpu_ms = 0;   // the child's processor time, user + system
 };
 
 // Runs argv[0] (a path, no search) with `input` on standard input and
