@@ -7,7 +7,6 @@
 #include <set>
 #include <thread>
 
-#include "lib/xml_document.h"
 #include "writer_fixture.h"
 
 namespace engine_journal_test {
@@ -24,14 +23,7 @@ std::set<std::string> AsSet(const std::vector<std::string>& values) {
 class ReadBackTest : public WriterTest {
  protected:
   boost::property_tree::ptree Exec(const std::string& request) {
-    const kxtest::RunResult run = kxtest::RunKxhost(
-        {"--root", root_.dir(), "--plugin", KX_PLUGIN_PATH, "exec", "-"},
-        request);
-    EXPECT_EQ(run.exit_code, 0) << run.err;
-    if (run.exit_code != 0) return {};
-    auto doc = kxhost::ParseXml(run.out);
-    EXPECT_EQ(doc->Name(), "reply") << run.out;
-    return doc->Tree();
+    return journal_test::ExecThroughKxhost(root_.dir(), request);
   }
 };
 
