@@ -12,7 +12,7 @@ using Digest = std::array<unsigned char, 32>;
 
 // From the current offset-independent content of `fd` (pread); false on a
 // read error.
-bool DigestOfFd(int fd, Digest* digest);
-bool DigestOfFile(const std::string& path, Digest* digest);
+bool DigestOfFd(int fd, Digest *digest);
+bool DigestOfFile(const std::string &path, Digest *digest);
 
-}  // namespace aec::engine
+} // namespace aec::engine

@@ -6,16 +6,20 @@ namespace aec::engine {
 
 namespace {
 
-bool Holds(const std::vector<std::uint32_t>& sorted, std::uint32_t id) {
+bool Holds(const std::vector<std::uint32_t> &sorted, std::uint32_t id) {
   return std::binary_search(sorted.begin(), sorted.end(), id);
 }
 
-bool RuleAppliesTo(const CompiledRule& rule, const Event& event) {
-  if (!rule.enabled) return false;
-  if (rule.all_users) return true;
-  if (Holds(rule.uids, event.uid)) return true;
+bool RuleAppliesTo(const CompiledRule &rule, const Event &event) {
+  if (!rule.enabled)
+    return false;
+  if (rule.all_users)
+    return true;
+  if (Holds(rule.uids, event.uid))
+    return true;
   for (std::uint32_t gid : event.gids) {
-    if (Holds(rule.gids, gid)) return true;
+    if (Holds(rule.gids, gid))
+      return true;
   }
   return false;
 }
@@ -28,23 +32,31 @@ Decision Finish(Decision d, Control control, int permitted_event) {
   return d;
 }
 
-}  // namespace
+} // namespace
 
-const char* ReasonName(Reason reason) {
+const char *ReasonName(Reason reason) {
   switch (reason) {
-    case Reason::kControlOff: return "control off";
-    case Reason::kNotControlled: return "not controlled";
-    case Reason::kWhitelistedUser: return "whitelisted user";
-    case Reason::kWhitelistedGroup: return "whitelisted group";
-    case Reason::kException: return "exception";
-    case Reason::kRuleAllows: return "rule allows";
-    case Reason::kNoRule: return "no rule allows";
-    case Reason::kContentChanged: return "content changed";
+  case Reason::kControlOff:
+    return "control off";
+  case Reason::kNotControlled:
+    return "not controlled";
+  case Reason::kWhitelistedUser:
+    return "whitelisted user";
+  case Reason::kWhitelistedGroup:
+    return "whitelisted group";
+  case Reason::kException:
+    return "exception";
+  case Reason::kRuleAllows:
+    return "rule allows";
+  case Reason::kNoRule:
+    return "no rule allows";
+  case Reason::kContentChanged:
+    return "content changed";
   }
   return "?";
 }
 
-Decision Decide(const Event& event, const Tables& tables, Control control) {
+Decision Decide(const Event &event, const Tables &tables, Control control) {
   Decision d;
   if (!control.enabled) {
     d.reason = Reason::kControlOff;
@@ -84,14 +96,15 @@ Decision Decide(const Event& event, const Tables& tables, Control control) {
     return Finish(d, control, permitted_event);
   }
 
-  const std::vector<std::uint32_t>* holders = tables.RulesOf(event.file);
+  const std::vector<std::uint32_t> *holders = tables.RulesOf(event.file);
   bool allowed = false;
   if (holders != nullptr) {
     for (std::uint32_t index : *holders) {
-      const CompiledRule& rule = tables.rules()[index];
+      const CompiledRule &rule = tables.rules()[index];
       // An open (not a start) of an extended rule's resource is permitted
       // only by the extended rules that hold it.
-      if (open_of_extended && !rule.extended) continue;
+      if (open_of_extended && !rule.extended)
+        continue;
       if (RuleAppliesTo(rule, event)) {
         allowed = true;
         break;
@@ -107,4 +120,4 @@ Decision Decide(const Event& event, const Tables& tables, Control control) {
   return Finish(d, control, permitted_event);
 }
 
-}  // namespace aec::engine
+} // namespace aec::engine

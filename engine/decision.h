@@ -13,18 +13,18 @@
 namespace aec::engine {
 
 enum class Access {
-  kExec,  // a program start (FAN_OPEN_EXEC_PERM)
-  kOpen,  // an open (FAN_OPEN_PERM); a library load when the file is an
-          // ELF shared object
+  kExec, // a program start (FAN_OPEN_EXEC_PERM)
+  kOpen, // an open (FAN_OPEN_PERM); a library load when the file is an
+         // ELF shared object
 };
 
 struct Event {
   FileId file;
   std::string path;
   Access access = Access::kOpen;
-  bool is_shared_object = false;  // only read for kOpen
-  std::uint32_t uid = 0;          // the real uid of the process
-  std::vector<std::uint32_t> gids;  // real gid and supplementary groups
+  bool is_shared_object = false;   // only read for kOpen
+  std::uint32_t uid = 0;           // the real uid of the process
+  std::vector<std::uint32_t> gids; // real gid and supplementary groups
   // With content integrity: the file's content differs from what was
   // recorded for the resource when the set was loaded (or none could be
   // recorded). Its rules then do not allow it.
@@ -34,8 +34,8 @@ struct Event {
 // Values of the kernel parameter "korvex/secure/environment":
 // state | mode << 1.
 struct Control {
-  bool enabled = false;  // state 1
-  bool hard = false;     // mode 1
+  bool enabled = false; // state 1
+  bool hard = false;    // mode 1
   static Control FromParameter(int value) {
     return Control{(value & 1) != 0, (value & 2) != 0};
   }
@@ -54,7 +54,7 @@ enum class Reason {
   kContentChanged,   // a rule applies, but the resource's content changed
 };
 
-const char* ReasonName(Reason reason);
+const char *ReasonName(Reason reason);
 
 // Audit event ids of the journal, in the bit order of the audit mask
 // (kernel parameter "korvex/secure/secenv_verbose"): bit n is event 1050+n.
@@ -68,13 +68,13 @@ enum AuditEvent : int {
 };
 
 struct Decision {
-  Verdict verdict = Verdict::kAllow;  // the answer given to the kernel
+  Verdict verdict = Verdict::kAllow; // the answer given to the kernel
   Reason reason = Reason::kControlOff;
   // True when the rules deny the access: the verdict is kDeny in hard mode,
   // kAllow (and journalled as denied) in soft mode.
   bool rules_deny = false;
-  bool controlled = false;  // false: the rules do not look at this access
-  int audit_event = 0;      // 0 when the access is not controlled
+  bool controlled = false; // false: the rules do not look at this access
+  int audit_event = 0;     // 0 when the access is not controlled
   // The row's success column: 1 permitted by the rules, 0 denied by them
   // (also in soft mode, where the access went on).
   int success = 1;
@@ -87,6 +87,6 @@ struct Decision {
   bool cacheable_open = false;
 };
 
-Decision Decide(const Event& event, const Tables& tables, Control control);
+Decision Decide(const Event &event, const Tables &tables, Control control);
 
-}  // namespace aec::engine
+} // namespace aec::engine

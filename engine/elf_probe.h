@@ -9,4 +9,4 @@ namespace aec::engine {
 // started, not loaded). Any read failure or foreign format: false.
 bool IsElfSharedObject(int fd);
 
-}  // namespace aec::engine
+} // namespace aec::engine

@@ -1,8 +1,8 @@
 #include "enforcer.h"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <grp.h>
+#include <limits.h>
 #include <poll.h>
 #include <pwd.h>
 #include <sys/eventfd.h>
@@ -38,20 +38,21 @@ constexpr std::size_t kLatencyRing = 8192;
 
 // File systems that hold no programs or that another host serves: never
 // marked by the default scope.
-bool IsLocalFileSystemType(const std::string& type) {
+bool IsLocalFileSystemType(const std::string &type) {
   static const std::set<std::string> kSkip = {
-      "proc",     "sysfs",     "cgroup",     "cgroup2",   "devpts",
-      "mqueue",   "debugfs",   "tracefs",    "securityfs", "pstore",
-      "bpf",      "configfs",  "fusectl",    "hugetlbfs", "autofs",
-      "binfmt_misc", "nsfs",   "efivarfs",   "rpc_pipefs", "nfs",
-      "nfs4",     "cifs",      "smb3",       "9p",        "devtmpfs",
-      "selinuxfs", "ceph",     "glusterfs"};
-  if (type.compare(0, 5, "fuse.") == 0 || type == "fuse") return false;
+      "proc",        "sysfs",    "cgroup",   "cgroup2",    "devpts",
+      "mqueue",      "debugfs",  "tracefs",  "securityfs", "pstore",
+      "bpf",         "configfs", "fusectl",  "hugetlbfs",  "autofs",
+      "binfmt_misc", "nsfs",     "efivarfs", "rpc_pipefs", "nfs",
+      "nfs4",        "cifs",     "smb3",     "9p",         "devtmpfs",
+      "selinuxfs",   "ceph",     "glusterfs"};
+  if (type.compare(0, 5, "fuse.") == 0 || type == "fuse")
+    return false;
   return kSkip.count(type) == 0;
 }
 
 struct MountEntry {
-  std::string device;  // "major:minor"
+  std::string device; // "major:minor"
   std::string point;
   std::string type;
 };
@@ -67,7 +68,8 @@ std::vector<MountEntry> ReadMounts() {
     std::string id, parent, device, root, point;
     words >> id >> parent >> device >> root >> point;
     const auto sep = line.find(" - ");
-    if (sep == std::string::npos) continue;
+    if (sep == std::string::npos)
+      continue;
     std::istringstream tail(line.substr(sep + 3));
     std::string type;
     tail >> type;
@@ -86,16 +88,20 @@ std::vector<MountEntry> ReadMounts() {
   return mounts;
 }
 
-std::string RealPath(const std::string& path) {
+std::string RealPath(const std::string &path) {
   char buffer[PATH_MAX];
-  if (realpath(path.c_str(), buffer) == nullptr) return path;
+  if (realpath(path.c_str(), buffer) == nullptr)
+    return path;
   return buffer;
 }
 
 double Percentile(std::vector<float> values, double q) {
-  if (values.empty()) return 0;
-  const size_t k = static_cast<size_t>(q * static_cast<double>(values.size() - 1));
-  std::nth_element(values.begin(), values.begin() + static_cast<long>(k), values.end());
+  if (values.empty())
+    return 0;
+  const size_t k =
+      static_cast<size_t>(q * static_cast<double>(values.size() - 1));
+  std::nth_element(values.begin(), values.begin() + static_cast<long>(k),
+                   values.end());
   return values[k];
 }
 
@@ -103,18 +109,19 @@ double Micros(std::chrono::steady_clock::duration d) {
   return std::chrono::duration<double, std::micro>(d).count();
 }
 
-}  // namespace
+} // namespace
 
-Enforcer::Enforcer(EnforcerOptions options, const TablesHolder* tables)
+Enforcer::Enforcer(EnforcerOptions options, const TablesHolder *tables)
     : options_(std::move(options)), tables_(tables) {}
 
 Enforcer::~Enforcer() { Stop(); }
 
-void Enforcer::Log(int priority, const std::string& text) const {
-  if (options_.log) options_.log(priority, text);
+void Enforcer::Log(int priority, const std::string &text) const {
+  if (options_.log)
+    options_.log(priority, text);
 }
 
-bool Enforcer::Start(std::string* why) {
+bool Enforcer::Start(std::string *why) {
   self_ = getpid();
   fan_fd_ = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK |
                               FAN_UNLIMITED_QUEUE,
@@ -141,27 +148,32 @@ bool Enforcer::Start(std::string* why) {
   return true;
 }
 
-bool Enforcer::Mark(std::string* why) {
+bool Enforcer::Mark(std::string *why) {
   const std::vector<MountEntry> mounts = ReadMounts();
   std::set<std::string> excluded;
-  for (const std::string& e : options_.exclude_mounts) excluded.insert(RealPath(e));
+  for (const std::string &e : options_.exclude_mounts)
+    excluded.insert(RealPath(e));
 
   // The devices to watch, and for each the mount points it is seen at.
   std::map<std::string, std::vector<std::string>> points_of;
-  for (const MountEntry& m : mounts) points_of[m.device].push_back(m.point);
-  std::vector<std::pair<std::string, std::string>> targets;  // device, point
+  for (const MountEntry &m : mounts)
+    points_of[m.device].push_back(m.point);
+  std::vector<std::pair<std::string, std::string>> targets; // device, point
   if (options_.watch.empty()) {
     std::set<std::string> seen;
-    for (const MountEntry& m : mounts) {
-      if (!IsLocalFileSystemType(m.type) || excluded.count(m.point)) continue;
-      if (seen.insert(m.device).second) targets.emplace_back(m.device, m.point);
+    for (const MountEntry &m : mounts) {
+      if (!IsLocalFileSystemType(m.type) || excluded.count(m.point))
+        continue;
+      if (seen.insert(m.device).second)
+        targets.emplace_back(m.device, m.point);
     }
   } else {
-    for (const std::string& w : options_.watch) {
+    for (const std::string &w : options_.watch) {
       const std::string point = RealPath(w);
-      const MountEntry* found = nullptr;
-      for (const MountEntry& m : mounts) {
-        if (m.point == point) found = &m;  // the last one is on top
+      const MountEntry *found = nullptr;
+      for (const MountEntry &m : mounts) {
+        if (m.point == point)
+          found = &m; // the last one is on top
       }
       if (found == nullptr) {
         *why = "not a mount point: " + w;
@@ -170,10 +182,11 @@ bool Enforcer::Mark(std::string* why) {
       targets.emplace_back(found->device, point);
     }
   }
-  for (const auto& target : targets) {
+  for (const auto &target : targets) {
     bool any_excluded = false;
-    for (const std::string& p : points_of[target.first]) {
-      if (excluded.count(p)) any_excluded = true;
+    for (const std::string &p : points_of[target.first]) {
+      if (excluded.count(p))
+        any_excluded = true;
     }
     if (!any_excluded) {
       if (fanotify_mark(fan_fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kPermMask,
@@ -185,7 +198,7 @@ bool Enforcer::Mark(std::string* why) {
       continue;
     }
     // One of its mount points is left out: mark the others one by one.
-    for (const std::string& p : points_of[target.first]) {
+    for (const std::string &p : points_of[target.first]) {
       if (excluded.count(p)) {
         Log(LOG_INFO, "leaving out the mount " + p);
         continue;
@@ -202,7 +215,8 @@ bool Enforcer::Mark(std::string* why) {
 }
 
 void Enforcer::Stop() {
-  if (stopping_.exchange(true)) return;
+  if (stopping_.exchange(true))
+    return;
   if (wake_fd_ >= 0) {
     const std::uint64_t one = 1;
     if (write(wake_fd_, &one, sizeof one) < 0) {
@@ -210,35 +224,44 @@ void Enforcer::Stop() {
     }
   }
   queue_cv_.notify_all();
-  if (reader_.joinable()) reader_.join();
-  if (decider_.joinable()) decider_.join();
-  if (watchdog_.joinable()) watchdog_.join();
+  if (reader_.joinable())
+    reader_.join();
+  if (decider_.joinable())
+    decider_.join();
+  if (watchdog_.joinable())
+    watchdog_.join();
   // Whatever is still waiting is allowed, before the descriptor goes (the
   // kernel would allow it too when the group is released).
   std::vector<std::shared_ptr<Pending>> left;
   {
     std::lock_guard<std::mutex> lock(inflight_mu_);
-    for (auto& entry : inflight_) left.push_back(entry.second);
+    for (auto &entry : inflight_)
+      left.push_back(entry.second);
     inflight_.clear();
   }
-  for (auto& p : left) {
+  for (auto &p : left) {
     Answer(*p, true);
     close(p->fd);
   }
-  if (fan_fd_ >= 0) close(fan_fd_);
-  if (wake_fd_ >= 0) close(wake_fd_);
+  if (fan_fd_ >= 0)
+    close(fan_fd_);
+  if (wake_fd_ >= 0)
+    close(wake_fd_);
   fan_fd_ = wake_fd_ = -1;
 }
 
-bool Enforcer::Answer(Pending& p, bool allow) {
-  if (p.answered.exchange(true)) return false;
+bool Enforcer::Answer(Pending &p, bool allow) {
+  if (p.answered.exchange(true))
+    return false;
   struct fanotify_response response;
   response.fd = p.fd;
   response.response = allow ? FAN_ALLOW : FAN_DENY;
   if (write(fan_fd_, &response, sizeof response) != sizeof response) {
-    Log(LOG_ERR, std::string("cannot answer an event: ") + std::strerror(errno));
+    Log(LOG_ERR,
+        std::string("cannot answer an event: ") + std::strerror(errno));
   }
-  if (!allow) denied_.fetch_add(1);
+  if (!allow)
+    denied_.fetch_add(1);
   return true;
 }
 
@@ -251,11 +274,13 @@ void Enforcer::ReadLoop() {
       Log(LOG_ERR, std::string("poll: ") + std::strerror(errno));
       break;
     }
-    if (ready <= 0 || !(fds[0].revents & POLLIN)) continue;
+    if (ready <= 0 || !(fds[0].revents & POLLIN))
+      continue;
     for (;;) {
       const ssize_t got = read(fan_fd_, buffer, sizeof buffer);
-      if (got <= 0) break;
-      auto* meta = reinterpret_cast<struct fanotify_event_metadata*>(buffer);
+      if (got <= 0)
+        break;
+      auto *meta = reinterpret_cast<struct fanotify_event_metadata *>(buffer);
       ssize_t left = got;
       const auto now = std::chrono::steady_clock::now();
       for (; FAN_EVENT_OK(meta, left); meta = FAN_EVENT_NEXT(meta, left)) {
@@ -263,8 +288,10 @@ void Enforcer::ReadLoop() {
           Log(LOG_CRIT, "fanotify metadata version mismatch");
           continue;
         }
-        if (meta->mask & FAN_Q_OVERFLOW) overflows_.fetch_add(1);
-        if (meta->fd < 0) continue;
+        if (meta->mask & FAN_Q_OVERFLOW)
+          overflows_.fetch_add(1);
+        if (meta->fd < 0)
+          continue;
         if (!(meta->mask & kPermMask)) {
           close(meta->fd);
           continue;
@@ -302,8 +329,10 @@ void Enforcer::DecideLoop() {
     std::shared_ptr<Pending> p;
     {
       std::unique_lock<std::mutex> lock(queue_mu_);
-      queue_cv_.wait(lock, [this] { return stopping_.load() || !queue_.empty(); });
-      if (queue_.empty()) return;
+      queue_cv_.wait(lock,
+                     [this] { return stopping_.load() || !queue_.empty(); });
+      if (queue_.empty())
+        return;
       p = std::move(queue_.front());
       queue_.pop_front();
     }
@@ -323,7 +352,8 @@ void Enforcer::DecideLoop() {
 }
 
 void Enforcer::WatchdogLoop() {
-  const auto tick = std::max(std::chrono::milliseconds(1), options_.deadline / 10);
+  const auto tick =
+      std::max(std::chrono::milliseconds(1), options_.deadline / 10);
   while (!stopping_.load()) {
     std::this_thread::sleep_for(tick);
     const auto now = std::chrono::steady_clock::now();
@@ -332,17 +362,18 @@ void Enforcer::WatchdogLoop() {
     std::vector<std::shared_ptr<Pending>> late;
     {
       std::lock_guard<std::mutex> lock(inflight_mu_);
-      for (auto& entry : inflight_) {
+      for (auto &entry : inflight_) {
         if (!entry.second->answered.load() &&
             now - entry.second->received >= options_.deadline) {
           late.push_back(entry.second);
         }
       }
     }
-    for (auto& p : late) {
+    for (auto &p : late) {
       if (Answer(*p, allow)) {
         timeouts_.fetch_add(1);
-        RecordLatency(Micros(std::chrono::steady_clock::now() - p->received), 0);
+        RecordLatency(Micros(std::chrono::steady_clock::now() - p->received),
+                      0);
       }
     }
     if (!late.empty()) {
@@ -353,20 +384,22 @@ void Enforcer::WatchdogLoop() {
   }
 }
 
-bool Enforcer::IsSharedObjectCached(int fd, const struct stat& st) {
+bool Enforcer::IsSharedObjectCached(int fd, const struct stat &st) {
   const ElfKey key{static_cast<std::uint64_t>(st.st_dev),
                    static_cast<std::uint64_t>(st.st_ino),
                    static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 +
                        st.st_ctim.tv_nsec};
   auto found = elf_cache_.find(key);
-  if (found != elf_cache_.end()) return found->second;
-  if (elf_cache_.size() > 200000) elf_cache_.clear();
+  if (found != elf_cache_.end())
+    return found->second;
+  if (elf_cache_.size() > 200000)
+    elf_cache_.clear();
   const bool shared = IsElfSharedObject(fd);
   elf_cache_.emplace(key, shared);
   return shared;
 }
 
-bool Enforcer::DigestCached(int fd, const struct stat& st, Digest* digest) {
+bool Enforcer::DigestCached(int fd, const struct stat &st, Digest *digest) {
   const ElfKey key{static_cast<std::uint64_t>(st.st_dev),
                    static_cast<std::uint64_t>(st.st_ino),
                    static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 +
@@ -376,23 +409,27 @@ bool Enforcer::DigestCached(int fd, const struct stat& st, Digest* digest) {
     *digest = found->second;
     return true;
   }
-  if (!DigestOfFd(fd, digest)) return false;
-  if (digest_cache_.size() > 100000) digest_cache_.clear();
+  if (!DigestOfFd(fd, digest))
+    return false;
+  if (digest_cache_.size() > 100000)
+    digest_cache_.clear();
   digest_cache_.emplace(key, *digest);
   return true;
 }
 
-void Enforcer::Process(const std::shared_ptr<Pending>& p) {
+void Enforcer::Process(const std::shared_ptr<Pending> &p) {
   const Control control = Control::FromParameter(environment_.load());
   if (!control.enabled) {
     // Nothing is controlled: no file, no process is looked at.
-    if (Answer(*p, true)) decided_.fetch_add(1);
+    if (Answer(*p, true))
+      decided_.fetch_add(1);
     RecordLatency(Micros(std::chrono::steady_clock::now() - p->received), 0);
     return;
   }
   struct stat st;
   if (fstat(p->fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    if (Answer(*p, true)) decided_.fetch_add(1);
+    if (Answer(*p, true))
+      decided_.fetch_add(1);
     return;
   }
   Event event;
@@ -403,7 +440,8 @@ void Enforcer::Process(const std::shared_ptr<Pending>& p) {
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", p->fd);
   char path[PATH_MAX];
   const ssize_t n = readlink(link, path, sizeof path - 1);
-  if (n > 0) event.path.assign(path, static_cast<size_t>(n));
+  if (n > 0)
+    event.path.assign(path, static_cast<size_t>(n));
   ProcessIdentity who;
   if (ReadProcessIdentity(p->pid, &who)) {
     event.uid = who.uid;
@@ -418,25 +456,29 @@ void Enforcer::Process(const std::shared_ptr<Pending>& p) {
   }
   tables->Verify(event.file, event.path, StatResolver);
   if (tables->integrity() && tables->RulesOf(event.file) != nullptr) {
-    const Digest* recorded = tables->RecordedDigest(event.file);
+    const Digest *recorded = tables->RecordedDigest(event.file);
     Digest now;
-    event.content_changed = recorded == nullptr || !DigestCached(p->fd, st, &now) ||
-                            now != *recorded;
+    event.content_changed = recorded == nullptr ||
+                            !DigestCached(p->fd, st, &now) || now != *recorded;
   }
   const auto decide_start = std::chrono::steady_clock::now();
   const Decision d = Decide(event, *tables, control);
   const auto decide_end = std::chrono::steady_clock::now();
   const bool allow = d.verdict == Verdict::kAllow;
-  if (Answer(*p, allow)) decided_.fetch_add(1);
+  if (Answer(*p, allow))
+    decided_.fetch_add(1);
   const auto answered = std::chrono::steady_clock::now();
-  RecordLatency(Micros(answered - p->received), Micros(decide_end - decide_start));
-  if (d.rules_deny) rules_denied_.fetch_add(1);
+  RecordLatency(Micros(answered - p->received),
+                Micros(decide_end - decide_start));
+  if (d.rules_deny)
+    rules_denied_.fetch_add(1);
 
-  if (d.cacheable_open && options_.ignore_marks && event.access == Access::kOpen) {
+  if (d.cacheable_open && options_.ignore_marks &&
+      event.access == Access::kOpen) {
     // Without FAN_MARK_IGNORED_SURV_MODIFY: a write drops the mark, so a
     // file rewritten into a library is looked at again.
-    if (fanotify_mark(fan_fd_, FAN_MARK_ADD | FAN_MARK_IGNORED_MASK, FAN_OPEN_PERM,
-                      p->fd, nullptr) == 0) {
+    if (fanotify_mark(fan_fd_, FAN_MARK_ADD | FAN_MARK_IGNORED_MASK,
+                      FAN_OPEN_PERM, p->fd, nullptr) == 0) {
       ignore_marks_.fetch_add(1);
     }
   }
@@ -447,11 +489,15 @@ void Enforcer::Process(const std::shared_ptr<Pending>& p) {
     row.success = d.success;
     // The program that starts is the event's file; for an open it is the
     // program of the process.
-    row.app = event.access == Access::kExec ? event.path : ProcessProgram(p->pid);
+    row.app =
+        event.access == Access::kExec ? event.path : ProcessProgram(p->pid);
     row.object_name = event.path;
-    static thread_local std::unordered_map<std::uint32_t, std::string> users, groups;
-    if (users.size() > 10000) users.clear();
-    if (groups.size() > 10000) groups.clear();
+    static thread_local std::unordered_map<std::uint32_t, std::string> users,
+        groups;
+    if (users.size() > 10000)
+      users.clear();
+    if (groups.size() > 10000)
+      groups.clear();
     auto user = users.find(event.uid);
     if (user == users.end()) {
       struct passwd pw, *res = nullptr;
@@ -498,11 +544,13 @@ void Enforcer::RecordLatency(double total_us, double decide_us) {
 }
 
 void Enforcer::FlushIgnoreMarks() {
-  if (fan_fd_ < 0) return;
+  if (fan_fd_ < 0)
+    return;
   // Ignore marks are the only inode marks of the group; the watch marks are
   // file system and mount marks and stay.
   if (fanotify_mark(fan_fd_, FAN_MARK_FLUSH, 0, AT_FDCWD, nullptr) != 0) {
-    Log(LOG_ERR, std::string("cannot flush the ignore marks: ") + std::strerror(errno));
+    Log(LOG_ERR,
+        std::string("cannot flush the ignore marks: ") + std::strerror(errno));
     return;
   }
   ignore_marks_.store(0);
@@ -530,4 +578,4 @@ EnforcerStats Enforcer::GetStats() const {
   return s;
 }
 
-}  // namespace aec::engine
+} // namespace aec::engine

@@ -39,44 +39,44 @@ namespace aec::engine {
 struct JournalEvent;
 
 struct EnforcerOptions {
-  std::vector<std::string> watch;           // mount points; empty: all local
-  std::vector<std::string> exclude_mounts;  // mount points left out
+  std::vector<std::string> watch;          // mount points; empty: all local
+  std::vector<std::string> exclude_mounts; // mount points left out
   std::chrono::milliseconds deadline{250};
-  bool fail_deny = true;     // hard mode, decision late: deny (else allow)
-  bool ignore_marks = true;  // cache "not controlled" opens in the kernel
+  bool fail_deny = true;    // hard mode, decision late: deny (else allow)
+  bool ignore_marks = true; // cache "not controlled" opens in the kernel
   // Test hook: while this file exists the decision thread does not decide,
   // so the watchdog must answer. Empty: no hook.
   std::string stall_file;
   // Receives every decision whose audit bit is set; must not block.
-  std::function<void(JournalEvent&&)> journal;
+  std::function<void(JournalEvent &&)> journal;
   // Log sink (syslog priority, text).
-  std::function<void(int, const std::string&)> log;
+  std::function<void(int, const std::string &)> log;
 };
 
 struct EnforcerStats {
-  std::uint64_t events = 0;        // permission events received
-  std::uint64_t decided = 0;       // answered by the decision thread
-  std::uint64_t denied = 0;        // answered FAN_DENY
-  std::uint64_t rules_denied = 0;  // the rules said deny (also in soft mode)
-  std::uint64_t timeouts = 0;      // answered by the watchdog
-  std::uint64_t own = 0;           // the engine's own events
-  std::uint64_t overflows = 0;     // queue overflow notices of the kernel
-  std::uint64_t ignore_marks = 0;  // ignore marks added since the last flush
-  std::uint64_t queue_depth = 0;   // events waiting for a decision now
-  double p50_us = 0, p99_us = 0;   // received to answered, recent events
-  double decide_p50_us = 0, decide_p99_us = 0;  // Decide() alone
+  std::uint64_t events = 0;       // permission events received
+  std::uint64_t decided = 0;      // answered by the decision thread
+  std::uint64_t denied = 0;       // answered FAN_DENY
+  std::uint64_t rules_denied = 0; // the rules said deny (also in soft mode)
+  std::uint64_t timeouts = 0;     // answered by the watchdog
+  std::uint64_t own = 0;          // the engine's own events
+  std::uint64_t overflows = 0;    // queue overflow notices of the kernel
+  std::uint64_t ignore_marks = 0; // ignore marks added since the last flush
+  std::uint64_t queue_depth = 0;  // events waiting for a decision now
+  double p50_us = 0, p99_us = 0;  // received to answered, recent events
+  double decide_p50_us = 0, decide_p99_us = 0; // Decide() alone
 };
 
 class Enforcer {
- public:
-  Enforcer(EnforcerOptions options, const TablesHolder* tables);
-  ~Enforcer();  // Stop()
-  Enforcer(const Enforcer&) = delete;
-  Enforcer& operator=(const Enforcer&) = delete;
+public:
+  Enforcer(EnforcerOptions options, const TablesHolder *tables);
+  ~Enforcer(); // Stop()
+  Enforcer(const Enforcer &) = delete;
+  Enforcer &operator=(const Enforcer &) = delete;
 
   // fanotify_init, the marks, the threads. False with the reason when the
   // kernel refuses; nothing is left marked then.
-  bool Start(std::string* why);
+  bool Start(std::string *why);
   void Stop();
 
   // State and mode, audit mask: read by every decision.
@@ -90,7 +90,7 @@ class Enforcer {
 
   EnforcerStats GetStats() const;
 
- private:
+private:
   struct Pending {
     int fd;
     pid_t pid;
@@ -99,22 +99,22 @@ class Enforcer {
     std::atomic<bool> answered{false};
   };
 
-  bool Mark(std::string* why);
+  bool Mark(std::string *why);
   void ReadLoop();
   void DecideLoop();
   void WatchdogLoop();
   // Writes the answer unless someone already did; true when this call did.
-  bool Answer(Pending& p, bool allow);
-  void Process(const std::shared_ptr<Pending>& p);
+  bool Answer(Pending &p, bool allow);
+  void Process(const std::shared_ptr<Pending> &p);
   void RecordLatency(double total_us, double decide_us);
-  bool IsSharedObjectCached(int fd, const struct stat& st);
+  bool IsSharedObjectCached(int fd, const struct stat &st);
   // SHA-256 of the file, cached by (dev, ino, ctime): an unchanged file is
   // never hashed twice (a write changes the ctime).
-  bool DigestCached(int fd, const struct stat& st, Digest* digest);
-  void Log(int priority, const std::string& text) const;
+  bool DigestCached(int fd, const struct stat &st, Digest *digest);
+  void Log(int priority, const std::string &text) const;
 
   EnforcerOptions options_;
-  const TablesHolder* tables_;
+  const TablesHolder *tables_;
   int fan_fd_ = -1;
   int wake_fd_ = -1;
   std::atomic<bool> stopping_{false};
@@ -127,7 +127,7 @@ class Enforcer {
   std::deque<std::shared_ptr<Pending>> queue_;
   // Everything not yet answered, for the watchdog.
   std::mutex inflight_mu_;
-  std::unordered_map<Pending*, std::shared_ptr<Pending>> inflight_;
+  std::unordered_map<Pending *, std::shared_ptr<Pending>> inflight_;
 
   std::thread reader_, decider_, watchdog_;
 
@@ -135,19 +135,19 @@ class Enforcer {
       rules_denied_{0}, timeouts_{0}, own_{0}, overflows_{0}, ignore_marks_{0};
 
   mutable std::mutex latency_mu_;
-  std::vector<float> latency_us_, decide_us_;  // rings
+  std::vector<float> latency_us_, decide_us_; // rings
   std::size_t latency_next_ = 0;
 
   // (dev, ino, ctime) -> is a shared object; only the decision thread.
   struct ElfKey {
     std::uint64_t dev, ino;
     std::int64_t ctime_ns;
-    bool operator==(const ElfKey& o) const {
+    bool operator==(const ElfKey &o) const {
       return dev == o.dev && ino == o.ino && ctime_ns == o.ctime_ns;
     }
   };
   struct ElfKeyHash {
-    std::size_t operator()(const ElfKey& k) const noexcept {
+    std::size_t operator()(const ElfKey &k) const noexcept {
       return std::hash<std::uint64_t>()(k.ino * 31 + k.dev) ^
              std::hash<std::int64_t>()(k.ctime_ns);
     }
@@ -156,4 +156,4 @@ class Enforcer {
   std::unordered_map<ElfKey, Digest, ElfKeyHash> digest_cache_;
 };
 
-}  // namespace aec::engine
+} // namespace aec::engine

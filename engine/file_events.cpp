@@ -8,10 +8,12 @@
 
 namespace aec::engine {
 
-bool EventForFile(const std::string& path, std::uint32_t uid,
-                  const std::vector<std::uint32_t>& gids, Event* event) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (fd < 0) return false;
+bool EventForFile(const std::string &path, std::uint32_t uid,
+                  const std::vector<std::uint32_t> &gids, Event *event) {
+  const int fd =
+      open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0)
+    return false;
   struct stat st;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     close(fd);
@@ -30,4 +32,4 @@ bool EventForFile(const std::string& path, std::uint32_t uid,
   return true;
 }
 
-}  // namespace aec::engine
+} // namespace aec::engine

@@ -14,7 +14,7 @@ namespace aec::engine {
 // Opens and stats `path`: an ELF shared object becomes a library load, a
 // file with an execute bit a start, anything else an open. False when the
 // path is not a readable regular file.
-bool EventForFile(const std::string& path, std::uint32_t uid,
-                  const std::vector<std::uint32_t>& gids, Event* event);
+bool EventForFile(const std::string &path, std::uint32_t uid,
+                  const std::vector<std::uint32_t> &gids, Event *event);
 
-}  // namespace aec::engine
+} // namespace aec::engine

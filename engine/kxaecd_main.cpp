@@ -39,13 +39,13 @@ using aec::engine::Enforcer;
 using aec::engine::EnforcerOptions;
 using aec::engine::JournalEvent;
 using aec::engine::JournalWriter;
-using aec::engine::RuleSetSpec;
+using aec::engine::RuleSetInput;
 using aec::engine::Tables;
 using aec::engine::TablesHolder;
 
 constexpr const char kJournalPath[] = "/opt/korvex/var/log/audit_logs.db";
 constexpr const char kStatusPath[] = "/opt/korvex/var/run/kxaecd.status";
-constexpr unsigned kDefaultAuditMask = 15;  // a fresh installation's switches
+constexpr unsigned kDefaultAuditMask = 15; // a fresh installation's switches
 
 const char kHelp[] =
     "Usage: kxaecd --foreground [OPTION...]\n"
@@ -59,14 +59,17 @@ const char kHelp[] =
     "\n"
     "  --foreground            run (required to run)\n"
     "  --status                print the status of the running engine\n"
-    "  --root DIR              private mount namespace with DIR at /opt/korvex;\n"
+    "  --root DIR              private mount namespace with DIR at "
+    "/opt/korvex;\n"
     "                          needs --watch\n"
     "  --watch MOUNT           watch the file system mounted at MOUNT\n"
     "                          (repeatable; default: every local file system)\n"
     "  --exclude-mount MOUNT   leave the mount point MOUNT out (repeatable)\n"
     "  --loaded-set FILE       default /opt/korvex/var/lib/aec/loaded-rules\n"
-    "  --sysctl-root DIR       where korvex/secure/* are read; default /proc/sys\n"
-    "                          when it has them, else /opt/korvex/var/run/sysctl\n"
+    "  --sysctl-root DIR       where korvex/secure/* are read; default "
+    "/proc/sys\n"
+    "                          when it has them, else "
+    "/opt/korvex/var/run/sysctl\n"
     "  --journal FILE          default /opt/korvex/var/log/audit_logs.db\n"
     "  --no-journal            write no journal\n"
     "  --journal-max-rows N    retention: keep at most N rows (0: no bound)\n"
@@ -81,10 +84,12 @@ const char kHelp[] =
     "  -v                      mirror log lines to standard error\n"
     "\n"
     "Decision only (no fanotify, nothing marked):\n"
-    "  kxaecd --decide-list FILE [--uid N] [--gid N]... [--hard] [--loaded-set F]\n"
+    "  kxaecd --decide-list FILE [--uid N] [--gid N]... [--hard] [--loaded-set "
+    "F]\n"
     "      decide a start or library load of each path of FILE (one a line;\n"
     "      \"-\" standard input) by that identity under state 1; prints\n"
-    "      \"allow|deny<TAB>reason<TAB>path\" and the time of Decide() per file\n"
+    "      \"allow|deny<TAB>reason<TAB>path\" and the time of Decide() per "
+    "file\n"
     "      on standard error\n"
     "\n"
     "Exit status: 0 stopped by a signal; 1 cannot run (fanotify, marks);\n"
@@ -115,29 +120,33 @@ struct Options {
   bool hard = false;
 };
 
-void Log(int priority, const std::string& text) {
+void Log(int priority, const std::string &text) {
   log_message("kxaecd", 0, priority, 24, "kx_serv", "%s", text.c_str());
 }
 
-bool ParseNumber(const std::string& text, long long min, long long max, long long* out) {
-  if (text.empty() || text.size() > 18) return false;
-  char* end = nullptr;
+bool ParseNumber(const std::string &text, long long min, long long max,
+                 long long *out) {
+  if (text.empty() || text.size() > 18)
+    return false;
+  char *end = nullptr;
   const long long v = std::strtoll(text.c_str(), &end, 10);
-  if (*end != '\0' || v < min || v > max) return false;
+  if (*end != '\0' || v < min || v > max)
+    return false;
   *out = v;
   return true;
 }
 
-int Usage(const std::string& why) {
+int Usage(const std::string &why) {
   std::fprintf(stderr, "kxaecd: %s\nTry 'kxaecd --help'.\n", why.c_str());
   return 2;
 }
 
-int ParseArgs(int argc, char** argv, Options* o) {
+int ParseArgs(int argc, char **argv, Options *o) {
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
-    auto value = [&](std::string* out) {
-      if (i + 1 >= argc) return false;
+    auto value = [&](std::string *out) {
+      if (i + 1 >= argc)
+        return false;
       *out = argv[++i];
       return true;
     };
@@ -153,19 +162,25 @@ int ParseArgs(int argc, char** argv, Options* o) {
     } else if (a == "-v") {
       o->verbose = true;
     } else if (a == "--root") {
-      if (!value(&o->root) || o->root.empty()) return Usage("--root needs a directory");
+      if (!value(&o->root) || o->root.empty())
+        return Usage("--root needs a directory");
     } else if (a == "--watch") {
-      if (!value(&v)) return Usage("--watch needs a mount point");
+      if (!value(&v))
+        return Usage("--watch needs a mount point");
       o->watch.push_back(v);
     } else if (a == "--exclude-mount") {
-      if (!value(&v)) return Usage("--exclude-mount needs a mount point");
+      if (!value(&v))
+        return Usage("--exclude-mount needs a mount point");
       o->exclude.push_back(v);
     } else if (a == "--loaded-set") {
-      if (!value(&o->loaded_set)) return Usage("--loaded-set needs a file");
+      if (!value(&o->loaded_set))
+        return Usage("--loaded-set needs a file");
     } else if (a == "--sysctl-root") {
-      if (!value(&o->sysctl_root)) return Usage("--sysctl-root needs a directory");
+      if (!value(&o->sysctl_root))
+        return Usage("--sysctl-root needs a directory");
     } else if (a == "--journal") {
-      if (!value(&o->journal)) return Usage("--journal needs a file");
+      if (!value(&o->journal))
+        return Usage("--journal needs a file");
     } else if (a == "--no-journal") {
       o->no_journal = true;
     } else if (a == "--journal-max-rows") {
@@ -179,7 +194,8 @@ int ParseArgs(int argc, char** argv, Options* o) {
       }
       o->journal_max_days = n;
     } else if (a == "--status-file") {
-      if (!value(&o->status_file)) return Usage("--status-file needs a file");
+      if (!value(&o->status_file))
+        return Usage("--status-file needs a file");
     } else if (a == "--deadline-ms") {
       if (!value(&v) || !ParseNumber(v, 1, 60000, &n)) {
         return Usage("--deadline-ms needs a number from 1 to 60000");
@@ -195,7 +211,8 @@ int ParseArgs(int argc, char** argv, Options* o) {
     } else if (a == "--no-ignore-marks") {
       o->ignore_marks = false;
     } else if (a == "--decide-list") {
-      if (!value(&o->decide_list)) return Usage("--decide-list needs a file");
+      if (!value(&o->decide_list))
+        return Usage("--decide-list needs a file");
     } else if (a == "--uid" || a == "--gid") {
       if (!value(&v) || !ParseNumber(v, 0, 0xFFFFFFFFLL, &n)) {
         return Usage(a + " needs a number");
@@ -208,7 +225,8 @@ int ParseArgs(int argc, char** argv, Options* o) {
     } else if (a == "--hard") {
       o->hard = true;
     } else if (a == "--test-stall-file") {
-      if (!value(&o->stall_file)) return Usage("--test-stall-file needs a file");
+      if (!value(&o->stall_file))
+        return Usage("--test-stall-file needs a file");
     } else {
       return Usage("unknown argument '" + a + "'");
     }
@@ -219,39 +237,45 @@ int ParseArgs(int argc, char** argv, Options* o) {
   }
   if (!o->root.empty() && o->foreground && o->watch.empty()) {
     // A sandboxed run must never mark the machine's own file systems.
-    return Usage("--root needs --watch: a sandboxed run watches only what it is given");
+    return Usage(
+        "--root needs --watch: a sandboxed run watches only what it is given");
   }
   return -1;
 }
 
-std::string Dirname(const std::string& path) {
+std::string Dirname(const std::string &path) {
   const auto slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  if (slash == 0) return "/";
+  if (slash == std::string::npos)
+    return ".";
+  if (slash == 0)
+    return "/";
   return path.substr(0, slash);
 }
 
-std::string Basename(const std::string& path) {
+std::string Basename(const std::string &path) {
   const auto slash = path.rfind('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-void MakeDirs(const std::string& dir) {
-  for (std::size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
-    const std::string part = slash == std::string::npos ? dir : dir.substr(0, slash);
+void MakeDirs(const std::string &dir) {
+  for (std::size_t slash = dir.find('/', 1);;
+       slash = dir.find('/', slash + 1)) {
+    const std::string part =
+        slash == std::string::npos ? dir : dir.substr(0, slash);
     mkdir(part.c_str(), 0755);
-    if (slash == std::string::npos) break;
+    if (slash == std::string::npos)
+      break;
   }
 }
 
-int DecideList(const Options& o) {
-  RuleSetSpec spec;
+int DecideList(const Options &o) {
+  RuleSetInput input;
   std::string why;
-  if (!aec::engine::ReadRuleSetFile(o.loaded_set, &spec, &why)) {
+  if (!aec::engine::ReadRuleSetFile(o.loaded_set, &input, &why)) {
     std::fprintf(stderr, "kxaecd: %s\n", why.c_str());
     return 1;
   }
-  const auto tables = Tables::Build(spec, aec::engine::StatResolver);
+  const auto tables = Tables::Build(input, aec::engine::StatResolver);
   std::ifstream file;
   if (o.decide_list != "-") {
     file.open(o.decide_list);
@@ -260,12 +284,13 @@ int DecideList(const Options& o) {
       return 1;
     }
   }
-  std::istream& in = o.decide_list == "-" ? std::cin : file;
+  std::istream &in = o.decide_list == "-" ? std::cin : file;
   std::vector<aec::engine::Event> events;
   std::string path;
   std::size_t skipped = 0;
   while (std::getline(in, path)) {
-    if (path.empty()) continue;
+    if (path.empty())
+      continue;
     aec::engine::Event e;
     if (aec::engine::EventForFile(path, o.uid, o.gids, &e)) {
       events.push_back(std::move(e));
@@ -280,23 +305,26 @@ int DecideList(const Options& o) {
     decisions[i] = aec::engine::Decide(events[i], *tables, control);
   }
   const double ns = std::chrono::duration<double, std::nano>(
-                        std::chrono::steady_clock::now() - start).count();
+                        std::chrono::steady_clock::now() - start)
+                        .count();
   std::size_t denied = 0;
   for (std::size_t i = 0; i < events.size(); ++i) {
     const bool deny = decisions[i].rules_deny;
     denied += deny;
     std::printf("%s\t%s\t%s\n", deny ? "deny" : "allow",
-                aec::engine::ReasonName(decisions[i].reason), events[i].path.c_str());
+                aec::engine::ReasonName(decisions[i].reason),
+                events[i].path.c_str());
   }
-  std::fprintf(stderr,
-               "kxaecd: %zu files decided (%zu denied, %zu not regular files "
-               "skipped), %.3f us per decision\n",
-               events.size(), denied, skipped,
-               events.empty() ? 0.0 : ns / 1000.0 / static_cast<double>(events.size()));
+  std::fprintf(
+      stderr,
+      "kxaecd: %zu files decided (%zu denied, %zu not regular files "
+      "skipped), %.3f us per decision\n",
+      events.size(), denied, skipped,
+      events.empty() ? 0.0 : ns / 1000.0 / static_cast<double>(events.size()));
   return 0;
 }
 
-int ShowStatus(const Options& o) {
+int ShowStatus(const Options &o) {
   std::ifstream in(o.status_file);
   if (!in) {
     std::fprintf(stderr, "kxaecd: no status at %s: kxaecd is not running\n",
@@ -308,23 +336,27 @@ int ShowStatus(const Options& o) {
   const std::string s = text.str();
   long pid = 0;
   const auto at = s.find("pid: ");
-  if (at != std::string::npos) pid = std::atol(s.c_str() + at + 5);
-  const bool running = s.find("running: yes") != std::string::npos && pid > 0 &&
-                       (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+  if (at != std::string::npos)
+    pid = std::atol(s.c_str() + at + 5);
+  const bool running =
+      s.find("running: yes") != std::string::npos && pid > 0 &&
+      (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
   std::fputs(s.c_str(), stdout);
   if (!running) {
-    std::fprintf(stderr, "kxaecd: not running (the status above is the last one)\n");
+    std::fprintf(stderr,
+                 "kxaecd: not running (the status above is the last one)\n");
     return 3;
   }
   return 0;
 }
 
 class Daemon {
- public:
+public:
   explicit Daemon(Options o) : o_(std::move(o)) {}
 
   int Run() {
-    if (o_.sysctl_root.empty()) o_.sysctl_root = aec::engine::DefaultSysctlRoot();
+    if (o_.sysctl_root.empty())
+      o_.sysctl_root = aec::engine::DefaultSysctlRoot();
     env_path_ = o_.sysctl_root + "/" + aec::engine::kEnvironmentParameter;
     verbose_path_ = o_.sysctl_root + "/" + aec::engine::kVerboseParameter;
     if (o_.sysctl_root.compare(0, 6, "/proc/") != 0) {
@@ -335,7 +367,7 @@ class Daemon {
 
     // The first set: an empty one when there is none yet (with control on
     // that denies every start; the tool writes a set before control is on).
-    tables_.Set(Tables::Build(RuleSetSpec{}, aec::engine::StatResolver));
+    tables_.Set(Tables::Build(RuleSetInput{}, aec::engine::StatResolver));
     ReloadSet();
 
     if (!o_.no_journal) {
@@ -343,7 +375,9 @@ class Daemon {
       jo.path = o_.journal;
       jo.max_rows = o_.journal_max_rows;
       jo.max_age_seconds = o_.journal_max_days * 86400;
-      jo.log = [](int priority, const std::string& m) { Log(priority, "journal: " + m); };
+      jo.log = [](int priority, const std::string &m) {
+        Log(priority, "journal: " + m);
+      };
       MakeDirs(Dirname(o_.journal));
       journal_ = std::make_unique<JournalWriter>(std::move(jo));
     }
@@ -356,8 +390,8 @@ class Daemon {
     eo.stall_file = o_.stall_file;
     eo.log = Log;
     if (journal_) {
-      JournalWriter* writer = journal_.get();
-      eo.journal = [writer](JournalEvent&& e) { writer->Submit(std::move(e)); };
+      JournalWriter *writer = journal_.get();
+      eo.journal = [writer](JournalEvent &&e) { writer->Submit(std::move(e)); };
     }
     enforcer_ = std::make_unique<Enforcer>(std::move(eo), &tables_);
     audit_mask_ = kDefaultAuditMask;
@@ -394,18 +428,19 @@ class Daemon {
     return 0;
   }
 
- private:
+private:
   void ReloadSet() {
-    RuleSetSpec spec;
+    RuleSetInput input;
     std::string why;
-    if (!aec::engine::ReadRuleSetFile(o_.loaded_set, &spec, &why)) {
+    if (!aec::engine::ReadRuleSetFile(o_.loaded_set, &input, &why)) {
       Log(LOG_ERR, "loaded set not taken, the previous one stays: " + why);
       return;
     }
-    auto tables = Tables::Build(spec, aec::engine::StatResolver, o_.integrity);
+    auto tables = Tables::Build(input, aec::engine::StatResolver, o_.integrity);
     tables_.Set(tables);
-    if (enforcer_) enforcer_->FlushIgnoreMarks();
-    Log(LOG_INFO, "loaded set " + spec.version + ": " +
+    if (enforcer_)
+      enforcer_->FlushIgnoreMarks();
+    Log(LOG_INFO, "loaded set " + input.version + ": " +
                       std::to_string(tables->rules().size()) + " rules, " +
                       std::to_string(tables->resource_count()) + " resources");
   }
@@ -435,7 +470,8 @@ class Daemon {
 
   void WatchLoop() {
     const int in = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    const std::uint32_t mask = IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE;
+    const std::uint32_t mask =
+        IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE;
     const std::string set_dir = Dirname(o_.loaded_set);
     const std::string param_dir = Dirname(env_path_);
     if (in < 0 || inotify_add_watch(in, set_dir.c_str(), mask) < 0) {
@@ -455,11 +491,13 @@ class Daemon {
         alignas(struct inotify_event) char buffer[8192];
         ssize_t got;
         while ((got = read(in, buffer, sizeof buffer)) > 0) {
-          for (char* at = buffer; at < buffer + got;) {
-            auto* e = reinterpret_cast<struct inotify_event*>(at);
+          for (char *at = buffer; at < buffer + got;) {
+            auto *e = reinterpret_cast<struct inotify_event *>(at);
             const std::string name = e->len ? e->name : "";
-            if (name == set_name) set_changed = true;
-            if (name == Basename(env_path_) || name == Basename(verbose_path_)) {
+            if (name == set_name)
+              set_changed = true;
+            if (name == Basename(env_path_) ||
+                name == Basename(verbose_path_)) {
               params_changed = true;
             }
             at += sizeof(struct inotify_event) + e->len;
@@ -471,14 +509,18 @@ class Daemon {
       const auto now = std::chrono::steady_clock::now();
       if (now - last_status >= std::chrono::seconds(1)) {
         last_status = now;
-        if (in < 0) set_changed = params_changed = true;
+        if (in < 0)
+          set_changed = params_changed = true;
         params_changed = true;
         WriteStatus(true);
       }
-      if (set_changed) ReloadSet();
-      if (params_changed) ReadParameters(false);
+      if (set_changed)
+        ReloadSet();
+      if (params_changed)
+        ReadParameters(false);
     }
-    if (in >= 0) close(in);
+    if (in >= 0)
+      close(in);
   }
 
   void WriteStatus(bool running) {
@@ -491,8 +533,8 @@ class Daemon {
     const int env = enforcer_->control_value();
     out << "state: " << (env & 1) << "\nmode: " << ((env >> 1) & 1) << "\n";
     out << "audit mask: " << enforcer_->audit_mask() << "\n";
-    out << "set version: " << (tables->version().empty() ? "none" : tables->version())
-        << "\n";
+    out << "set version: "
+        << (tables->version().empty() ? "none" : tables->version()) << "\n";
     out << "rules: " << tables->rules().size() << "\n";
     out << "resources: " << tables->resource_count() << "\n";
     out << "events: " << s.events << "\n";
@@ -523,7 +565,8 @@ class Daemon {
     {
       std::ofstream f(tmp, std::ios::trunc);
       f << out.str();
-      if (!f) return;
+      if (!f)
+        return;
     }
     rename(tmp.c_str(), o_.status_file.c_str());
   }
@@ -538,22 +581,25 @@ class Daemon {
   std::atomic<bool> stopping_{false};
 };
 
-}  // namespace
+} // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char **argv) {
   Options o;
   const int parsed = ParseArgs(argc, argv, &o);
-  if (parsed >= 0) return parsed;
+  if (parsed >= 0)
+    return parsed;
   if (!o.root.empty()) {
     try {
       kxhost::EnterSandbox(o.root);
-    } catch (const std::exception& e) {
+    } catch (const std::exception &e) {
       std::fprintf(stderr, "kxaecd: cannot enter the sandbox: %s\n", e.what());
       return 1;
     }
   }
-  if (o.status) return ShowStatus(o);
-  if (!o.decide_list.empty()) return DecideList(o);
+  if (o.status)
+    return ShowStatus(o);
+  if (!o.decide_list.empty())
+    return DecideList(o);
   kxhost::RuntimeOptions runtime;
   runtime.mirror_to_stderr = o.verbose;
   kxhost::Configure(runtime);

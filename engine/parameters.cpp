@@ -15,28 +15,33 @@ const char kInstalledSysctlRoot[] = "/opt/korvex/var/run/sysctl";
 
 std::string DefaultSysctlRoot() {
   struct stat st;
-  if (stat("/proc/sys/korvex", &st) == 0) return "/proc/sys";
+  if (stat("/proc/sys/korvex", &st) == 0)
+    return "/proc/sys";
   return kInstalledSysctlRoot;
 }
 
-bool ParseParameter(const std::string& text, int max, int* value) {
+bool ParseParameter(const std::string &text, int max, int *value) {
   size_t end = text.size();
   while (end > 0 && (text[end - 1] == '\n' || text[end - 1] == ' ' ||
                      text[end - 1] == '\t' || text[end - 1] == '\r')) {
     --end;
   }
-  if (end == 0 || end > 9) return false;
+  if (end == 0 || end > 9)
+    return false;
   int parsed = 0;
   for (size_t i = 0; i < end; ++i) {
-    if (text[i] < '0' || text[i] > '9') return false;
+    if (text[i] < '0' || text[i] > '9')
+      return false;
     parsed = parsed * 10 + (text[i] - '0');
   }
-  if (parsed > max) return false;
+  if (parsed > max)
+    return false;
   *value = parsed;
   return true;
 }
 
-bool ReadParameter(const std::string& path, int max, int* value, std::string* why) {
+bool ReadParameter(const std::string &path, int max, int *value,
+                   std::string *why) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     *why = path + ": " + std::strerror(errno);
@@ -57,4 +62,4 @@ bool ReadParameter(const std::string& path, int max, int* value, std::string* wh
   return true;
 }
 
-}  // namespace aec::engine
+} // namespace aec::engine

@@ -9,9 +9,9 @@
 
 namespace aec::engine {
 
-extern const char kEnvironmentParameter[];  // "korvex/secure/environment"
-extern const char kVerboseParameter[];      // "korvex/secure/secenv_verbose"
-extern const char kInstalledSysctlRoot[];   // "/opt/korvex/var/run/sysctl"
+extern const char kEnvironmentParameter[]; // "korvex/secure/environment"
+extern const char kVerboseParameter[];     // "korvex/secure/secenv_verbose"
+extern const char kInstalledSysctlRoot[];  // "/opt/korvex/var/run/sysctl"
 
 // The root to read: /proc/sys when the kernel offers the parameters there,
 // the installed root otherwise.
@@ -20,9 +20,10 @@ std::string DefaultSysctlRoot();
 // Reads a decimal value in [0, max] (trailing white space allowed).
 // False, with the reason in *why, for a missing file or junk; the caller
 // keeps the value it had.
-bool ReadParameter(const std::string& path, int max, int* value, std::string* why);
+bool ReadParameter(const std::string &path, int max, int *value,
+                   std::string *why);
 
 // Parses the text of a parameter; exposed for tests.
-bool ParseParameter(const std::string& text, int max, int* value);
+bool ParseParameter(const std::string &text, int max, int *value);
 
-}  // namespace aec::engine
+} // namespace aec::engine

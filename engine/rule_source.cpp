@@ -10,27 +10,32 @@ namespace aec::engine {
 
 const char kLoadedSetPath[] = "/opt/korvex/var/lib/aec/loaded-rules";
 
-RuleSetSpec SpecFromLoadedSet(const aec::LoadedSet& set) {
-  RuleSetSpec spec;
-  spec.rules.reserve(set.rules.size());
-  for (const aec::LoadedRule& in : set.rules) {
-    RuleSetSpec::Rule rule;
+RuleSetInput InputFromLoadedSet(const aec::LoadedSet &set) {
+  RuleSetInput input;
+  input.rules.reserve(set.rules.size());
+  for (const aec::LoadedRule &in : set.rules) {
+    RuleSetInput::Rule rule;
     rule.name = in.name;
     rule.enabled = in.enable;
     rule.all_users = in.all_users;
     rule.extended = in.extended;
-    for (const auto& user : in.users) rule.uids.push_back(user.id);
-    for (const auto& group : in.groups) rule.gids.push_back(group.id);
+    for (const auto &user : in.users)
+      rule.uids.push_back(user.id);
+    for (const auto &group : in.groups)
+      rule.gids.push_back(group.id);
     rule.resources = in.resources;
-    spec.rules.push_back(std::move(rule));
+    input.rules.push_back(std::move(rule));
   }
-  for (const auto& user : set.whitelist_users) spec.whitelist_uids.push_back(user.id);
-  for (const auto& group : set.whitelist_groups) spec.whitelist_gids.push_back(group.id);
-  spec.exceptions = set.exceptions;
-  return spec;
+  for (const auto &user : set.whitelist_users)
+    input.whitelist_uids.push_back(user.id);
+  for (const auto &group : set.whitelist_groups)
+    input.whitelist_gids.push_back(group.id);
+  input.exceptions = set.exceptions;
+  return input;
 }
 
-bool ReadRuleSetFile(const std::string& path, RuleSetSpec* spec, std::string* why) {
+bool ReadRuleSetFile(const std::string &path, RuleSetInput *input,
+                     std::string *why) {
   try {
     struct stat st;
     std::string version;
@@ -39,14 +44,14 @@ bool ReadRuleSetFile(const std::string& path, RuleSetSpec* spec, std::string* wh
                 std::to_string(st.st_mtim.tv_nsec / 1000000) + "-" +
                 std::to_string(st.st_size);
     }
-    RuleSetSpec parsed = SpecFromLoadedSet(aec::ReadLoadedSetFile(path));
+    RuleSetInput parsed = InputFromLoadedSet(aec::ReadLoadedSetFile(path));
     parsed.version = version;
-    *spec = std::move(parsed);
+    *input = std::move(parsed);
     return true;
-  } catch (const std::exception& e) {
+  } catch (const std::exception &e) {
     *why = e.what();
     return false;
   }
 }
 
-}  // namespace aec::engine
+} // namespace aec::engine

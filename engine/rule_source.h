@@ -13,13 +13,14 @@ struct LoadedSet;
 
 namespace aec::engine {
 
-extern const char kLoadedSetPath[];  // "/opt/korvex/var/lib/aec/loaded-rules"
+extern const char kLoadedSetPath[]; // "/opt/korvex/var/lib/aec/loaded-rules"
 
 // The rule set a loaded set describes (numeric ids; paths as given).
-RuleSetSpec SpecFromLoadedSet(const aec::LoadedSet& set);
+RuleSetInput InputFromLoadedSet(const aec::LoadedSet &set);
 
 // Reads and parses the file. False, with the reason, when it is missing or
-// does not parse; *spec is untouched then.
-bool ReadRuleSetFile(const std::string& path, RuleSetSpec* spec, std::string* why);
+// does not parse; *input is untouched then.
+bool ReadRuleSetFile(const std::string &path, RuleSetInput *input,
+                     std::string *why);
 
-}  // namespace aec::engine
+} // namespace aec::engine

@@ -25,13 +25,13 @@ namespace aec::engine {
 struct FileId {
   std::uint64_t dev = 0;
   std::uint64_t ino = 0;
-  bool operator==(const FileId& other) const {
+  bool operator==(const FileId &other) const {
     return dev == other.dev && ino == other.ino;
   }
 };
 
 struct FileIdHash {
-  std::size_t operator()(const FileId& id) const noexcept {
+  std::size_t operator()(const FileId &id) const noexcept {
     return std::hash<std::uint64_t>()(id.ino * 0x9E3779B97F4A7C15ULL ^ id.dev);
   }
 };
@@ -41,13 +41,13 @@ struct CompiledRule {
   bool enabled = false;
   bool all_users = false;
   bool extended = false;
-  std::vector<std::uint32_t> uids;  // sorted
-  std::vector<std::uint32_t> gids;  // sorted
+  std::vector<std::uint32_t> uids; // sorted
+  std::vector<std::uint32_t> gids; // sorted
 };
 
 // What a rule set says before its files are resolved; tests fill it in,
 // the daemon makes it from the loaded set.
-struct RuleSetSpec {
+struct RuleSetInput {
   struct Rule {
     std::string name;
     bool enabled = false;
@@ -55,35 +55,35 @@ struct RuleSetSpec {
     bool extended = false;
     std::vector<std::uint32_t> uids;
     std::vector<std::uint32_t> gids;
-    std::vector<std::string> resources;  // absolute paths
+    std::vector<std::string> resources; // absolute paths
   };
   std::vector<Rule> rules;
   std::vector<std::uint32_t> whitelist_uids;
   std::vector<std::uint32_t> whitelist_gids;
-  std::vector<std::string> exceptions;  // absolute paths
-  std::string version;                  // shown in the status
+  std::vector<std::string> exceptions; // absolute paths
+  std::string version;                 // shown in the status
 };
 
 // Resolves a path to its identity (stat, links followed); false when the
 // path does not name a file now. Replaceable so that tests can give
 // identities without files.
-using Resolver = std::function<bool(const std::string& path, FileId* id)>;
-bool StatResolver(const std::string& path, FileId* id);
+using Resolver = std::function<bool(const std::string &path, FileId *id)>;
+bool StatResolver(const std::string &path, FileId *id);
 
 class Tables {
- public:
-  // Compiles `spec`; resources that do not resolve are kept by path only
+public:
+  // Compiles `input`; resources that do not resolve are kept by path only
   // and resolved on the first event that names their path. With
   // `integrity`, the SHA-256 of each resource that resolves is recorded
   // (a resource that cannot be read then has none, and its rules do not
   // allow it).
-  static std::shared_ptr<const Tables> Build(const RuleSetSpec& spec,
-                                             const Resolver& resolve,
+  static std::shared_ptr<const Tables> Build(const RuleSetInput &input,
+                                             const Resolver &resolve,
                                              bool integrity = false);
 
-  const std::vector<CompiledRule>& rules() const { return rules_; }
+  const std::vector<CompiledRule> &rules() const { return rules_; }
   std::size_t resource_count() const { return resource_paths_.size(); }
-  const std::string& version() const { return version_; }
+  const std::string &version() const { return version_; }
 
   bool IsWhitelistedUid(std::uint32_t uid) const {
     return whitelist_uids_.count(uid) != 0;
@@ -91,21 +91,21 @@ class Tables {
   bool IsWhitelistedGid(std::uint32_t gid) const {
     return whitelist_gids_.count(gid) != 0;
   }
-  bool IsException(const FileId& id, const std::string& path) const;
+  bool IsException(const FileId &id, const std::string &path) const;
 
   // The rules (indices into rules()) holding the file as a resource; null
   // when none. Looks at the identities resolved at build and at those
   // learnt later through Relearn().
-  const std::vector<std::uint32_t>* RulesOf(const FileId& id) const;
+  const std::vector<std::uint32_t> *RulesOf(const FileId &id) const;
 
   // A file that is a resource of an enabled extended rule: its opens are
   // controlled.
-  bool IsExtendedResource(const FileId& id) const;
+  bool IsExtendedResource(const FileId &id) const;
 
   bool integrity() const { return integrity_; }
   // The content recorded for the resource of this identity; null when
   // integrity is off, the file is no resource, or it could not be read.
-  const Digest* RecordedDigest(const FileId& id) const;
+  const Digest *RecordedDigest(const FileId &id) const;
 
   // Makes the identities agree with the file system for this event before
   // it is decided; the only mutation of a published Tables, thread safe.
@@ -117,22 +117,22 @@ class Tables {
   //   deleted. The resource's own path must still resolve to it; otherwise
   //   the identity is dropped, so a reused inode never inherits a rule.
   // Costs a stat only in those two cases.
-  void Verify(const FileId& id, const std::string& path,
-              const Resolver& resolve) const;
+  void Verify(const FileId &id, const std::string &path,
+              const Resolver &resolve) const;
 
   // Verify's first case alone; true when the identity was learnt.
-  bool Relearn(const FileId& id, const std::string& path,
-               const Resolver& resolve) const;
+  bool Relearn(const FileId &id, const std::string &path,
+               const Resolver &resolve) const;
 
- private:
+private:
   Tables() = default;
-  long FindResource(const FileId& id) const;  // resource index or -1
+  long FindResource(const FileId &id) const; // resource index or -1
 
   std::vector<CompiledRule> rules_;
   std::vector<std::string> resource_paths_;
   // resource index -> rules holding it
   std::vector<std::vector<std::uint32_t>> resource_rules_;
-  std::vector<bool> resource_extended_;  // held by an enabled extended rule
+  std::vector<bool> resource_extended_; // held by an enabled extended rule
   std::unordered_map<FileId, std::uint32_t, FileIdHash> by_id_;
   std::unordered_map<std::string, std::uint32_t> by_path_;
   std::unordered_set<FileId, FileIdHash> extended_ids_;
@@ -142,10 +142,10 @@ class Tables {
   std::unordered_set<std::string> exception_paths_;
   std::string version_;
   bool integrity_ = false;
-  std::vector<Digest> digests_;     // per resource, with integrity
+  std::vector<Digest> digests_; // per resource, with integrity
   std::vector<bool> has_digest_;
 
-  std::vector<std::vector<std::string>> id_paths_;  // per resource: its paths
+  std::vector<std::vector<std::string>> id_paths_; // per resource: its paths
 
   // Identities learnt or dropped after the build. `changed_` keeps the
   // common lookup free of the lock while nothing was learnt or dropped.
@@ -158,14 +158,16 @@ class Tables {
 // The snapshot in force. Readers take a reference for the length of one
 // decision; a writer publishes a new one in one atomic step.
 class TablesHolder {
- public:
-  std::shared_ptr<const Tables> Get() const { return std::atomic_load(&tables_); }
+public:
+  std::shared_ptr<const Tables> Get() const {
+    return std::atomic_load(&tables_);
+  }
   void Set(std::shared_ptr<const Tables> tables) {
     std::atomic_store(&tables_, std::move(tables));
   }
 
- private:
+private:
   std::shared_ptr<const Tables> tables_;
 };
 
-}  // namespace aec::engine
+} // namespace aec::engine

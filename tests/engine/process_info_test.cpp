@@ -47,5 +47,5 @@ TEST(ParametersTest, JunkIsRefusedAndValuesInRangeTaken) {
   EXPECT_EQ(v, 15);
 }
 
-}  // namespace
-}  // namespace aec::engine
+} // namespace
+} // namespace aec::engine

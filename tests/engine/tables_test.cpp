@@ -18,7 +18,7 @@ namespace aec::engine {
 namespace {
 
 class TablesTest : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
     char tmpl[] = "/tmp/kx-tables-XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -28,35 +28,40 @@ class TablesTest : public ::testing::Test {
     std::string cmd = "rm -rf '" + dir_ + "'";
     ASSERT_EQ(system(cmd.c_str()), 0);
   }
-  std::string Write(const std::string& name, const std::string& text) {
+  std::string Write(const std::string &name, const std::string &text) {
     const std::string path = dir_ + "/" + name;
     std::ofstream(path) << text;
     return path;
   }
-  static FileId IdOf(const std::string& path) {
+  static FileId IdOf(const std::string &path) {
     FileId id;
     EXPECT_TRUE(StatResolver(path, &id)) << path;
     return id;
+  }
+  // A rule for dir_/tool, which also has the hard link dir_/link.
+  std::shared_ptr<const Tables> RuleOfToolWithLink() {
+    const std::string tool = Write("tool", "x");
+    const std::string link = dir_ + "/link";
+    EXPECT_EQ(::link(tool.c_str(), link.c_str()), 0);
+    RuleSetInput input;
+    input.rules.push_back({"r", true, true, false, {}, {}, {tool}});
+    return Tables::Build(input, StatResolver);
   }
   std::string dir_;
 };
 
 TEST_F(TablesTest, ResourceIsFoundByIdentityThroughAHardLink) {
-  const std::string tool = Write("tool", "x");
-  const std::string link = dir_ + "/link";
-  ASSERT_EQ(::link(tool.c_str(), link.c_str()), 0);
-  RuleSetSpec spec;
-  spec.rules.push_back({"r", true, true, false, {}, {}, {tool}});
-  const auto tables = Tables::Build(spec, StatResolver);
+  const std::string tool = dir_ + "/tool", link = dir_ + "/link";
+  const auto tables = RuleOfToolWithLink();
   ASSERT_NE(tables->RulesOf(IdOf(link)), nullptr);
   EXPECT_EQ(tables->resource_count(), 1u);
 }
 
 TEST_F(TablesTest, ReplacedResourceIsRelearntOnlyWhenThePathNamesIt) {
   const std::string tool = Write("tool", "old");
-  RuleSetSpec spec;
-  spec.rules.push_back({"r", true, true, false, {}, {}, {tool}});
-  const auto tables = Tables::Build(spec, StatResolver);
+  RuleSetInput input;
+  input.rules.push_back({"r", true, true, false, {}, {}, {tool}});
+  const auto tables = Tables::Build(input, StatResolver);
   // Replaced by rename: a new inode at the same path.
   const std::string fresh = Write("fresh", "new");
   ASSERT_EQ(rename(fresh.c_str(), tool.c_str()), 0);
@@ -78,12 +83,8 @@ TEST_F(TablesTest, ReplacedResourceIsRelearntOnlyWhenThePathNamesIt) {
 }
 
 TEST_F(TablesTest, VerifyKeepsAHardLinkWhileTheResourcePathStillNamesIt) {
-  const std::string tool = Write("tool", "x");
-  const std::string link = dir_ + "/link";
-  ASSERT_EQ(::link(tool.c_str(), link.c_str()), 0);
-  RuleSetSpec spec;
-  spec.rules.push_back({"r", true, true, false, {}, {}, {tool}});
-  const auto tables = Tables::Build(spec, StatResolver);
+  const std::string tool = dir_ + "/tool", link = dir_ + "/link";
+  const auto tables = RuleOfToolWithLink();
   const FileId id = IdOf(link);
   tables->Verify(id, link, StatResolver);
   EXPECT_NE(tables->RulesOf(id), nullptr);
@@ -96,9 +97,9 @@ TEST_F(TablesTest, VerifyKeepsAHardLinkWhileTheResourcePathStillNamesIt) {
 
 TEST_F(TablesTest, MissingResourceIsResolvedWhenItAppears) {
   const std::string later = dir_ + "/later";
-  RuleSetSpec spec;
-  spec.rules.push_back({"r", true, true, false, {}, {}, {later}});
-  const auto tables = Tables::Build(spec, StatResolver);
+  RuleSetInput input;
+  input.rules.push_back({"r", true, true, false, {}, {}, {later}});
+  const auto tables = Tables::Build(input, StatResolver);
   Write("later", "x");
   EXPECT_TRUE(tables->Relearn(IdOf(later), later, StatResolver));
   EXPECT_NE(tables->RulesOf(IdOf(later)), nullptr);
@@ -109,7 +110,7 @@ TEST_F(TablesTest, ADecisionSeesTheOldSetOrTheNewOneNeverAMix) {
   // reader that saw half of each would see both or neither allowed.
   const std::string tool = Write("tool", "x");
   const FileId id = IdOf(tool);
-  RuleSetSpec a, b;
+  RuleSetInput a, b;
   a.rules.push_back({"r", true, false, false, {1}, {}, {tool}});
   b.rules.push_back({"r", false, false, false, {1}, {}, {tool}});
   b.whitelist_uids = {2};
@@ -119,7 +120,8 @@ TEST_F(TablesTest, ADecisionSeesTheOldSetOrTheNewOneNeverAMix) {
   holder.Set(ta);
   std::atomic<bool> stop{false};
   std::thread writer([&] {
-    for (int i = 0; i < 20000; ++i) holder.Set(i % 2 ? ta : tb);
+    for (int i = 0; i < 20000; ++i)
+      holder.Set(i % 2 ? ta : tb);
     stop = true;
   });
   long seen = 0;
@@ -138,12 +140,13 @@ TEST_F(TablesTest, ADecisionSeesTheOldSetOrTheNewOneNeverAMix) {
 
 TEST_F(TablesTest, IntegrityRecordsTheContentOfEachResource) {
   const std::string tool = Write("tool", "abc");
-  RuleSetSpec spec;
-  spec.rules.push_back({"r", true, true, false, {}, {}, {tool, dir_ + "/missing"}});
-  const auto plain = Tables::Build(spec, StatResolver);
+  RuleSetInput input;
+  input.rules.push_back(
+      {"r", true, true, false, {}, {}, {tool, dir_ + "/missing"}});
+  const auto plain = Tables::Build(input, StatResolver);
   EXPECT_EQ(plain->RecordedDigest(IdOf(tool)), nullptr);
-  const auto checked = Tables::Build(spec, StatResolver, true);
-  const Digest* recorded = checked->RecordedDigest(IdOf(tool));
+  const auto checked = Tables::Build(input, StatResolver, true);
+  const Digest *recorded = checked->RecordedDigest(IdOf(tool));
   ASSERT_NE(recorded, nullptr);
   // sha256("abc")
   const unsigned char abc[4] = {0xba, 0x78, 0x16, 0xbf};
@@ -154,5 +157,5 @@ TEST_F(TablesTest, IntegrityRecordsTheContentOfEachResource) {
   EXPECT_NE(now, *recorded);
 }
 
-}  // namespace
-}  // namespace aec::engine
+} // namespace
+} // namespace aec::engine

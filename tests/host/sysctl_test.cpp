@@ -49,16 +49,21 @@ TEST_F(Sysctl, WriteFailureIsLoggedAndReported) {
   EXPECT_TRUE(log_.Contains("sysctl: cannot"));
 }
 
-TEST_F(Sysctl, ProcRootIsNeverCreatedInto) {
+TEST_F(Sysctl, KernelWithoutKorvexParametersMeansTheInstalledFiles) {
   kxhost::RuntimeOptions saved = kxhost::Options();
   kxhost::RuntimeOptions options = saved;
   options.sysctl_root = "/proc/sys";
   kxhost::Configure(options);
-  const bool written = sysctl::set("korvex/secure/environment", "1");
+  const bool written = sysctl::set("korvex/secure/environment", "3");
+  const std::string read_back = sysctl::get("korvex/secure/environment");
   kxhost::Configure(saved);
-  // No such parameter on this machine's kernel: nothing is made for it.
-  EXPECT_FALSE(written);
+  // This machine's kernel has no such parameters: nothing is made in
+  // /proc/sys, the value goes where the enforcing component reads it.
   EXPECT_FALSE(kxtest::Exists("/proc/sys/korvex"));
+  ASSERT_TRUE(written);
+  EXPECT_EQ(read_back, "3");
+  EXPECT_EQ(kxtest::ReadFile("/opt/korvex/var/run/sysctl/korvex/secure/environment"),
+            "3");
 }
 
 }  // namespace
