@@ -42,7 +42,7 @@ using aec::engine::Control;
 using aec::engine::Decide;
 using aec::engine::Event;
 using aec::engine::FileId;
-using aec::engine::RuleSetSpec;
+using aec::engine::RuleSetInput;
 using aec::engine::Tables;
 using aec::engine::Verdict;
 using Clock = std::chrono::steady_clock;
@@ -101,7 +101,7 @@ double ResidentMiB() {
 // that name no file (each kept by path, no stat): the cost of the tables
 // themselves, apart from the file system.
 void MeasureLargeSet(std::size_t count) {
-  RuleSetSpec spec;
+  RuleSetInput spec;
   spec.rules.resize(std::max<std::size_t>(1, count / 100));
   for (std::size_t r = 0; r < spec.rules.size(); ++r) {
     spec.rules[r].name = "rule" + std::to_string(r);
@@ -185,7 +185,7 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  RuleSetSpec spec;
+  RuleSetInput spec;
   spec.version = "bench";
   spec.rules.resize(static_cast<std::size_t>(rule_count));
   for (int r = 0; r < rule_count; ++r) {
