@@ -405,5 +405,6 @@ int main(int argc, char** argv) {
                 not_enforced);
   }
   umount2(dir.c_str(), MNT_DETACH);
+  kxbench::RunChild({"/bin/rm", "-rf", scratch});
   return not_enforced == 0 ? 0 : 1;
 }
