@@ -10,9 +10,10 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 echo "== building (release preset) =="
 cmake --preset release >/dev/null
-cmake --build --preset release --target kxhost_program aec kxaecctl kxaide kxserv kxctl
+cmake --build --preset release --target kxhost_program aec kxaecctl kxaide kxserv kxctl kxaecd
 
 build=build/release
+kxhost="$PWD/$build/host/kxhost"
 plugin="$PWD/$build/services/src/plugins/libaec.so"
 kxserv="$PWD/$build/service/kxserv"
 kxctl="$PWD/$build/service/kxctl"
@@ -136,6 +137,17 @@ exec_request '<request command="confirm_hard_mode"/>'
 exec_request '<request command="status_confirmation"/>'
 printf '   kernel parameter korvex/secure/environment = %s (3: on, hard mode)\n' \
   "$(cat "$root/var/run/sysctl/korvex/secure/environment")"
+
+# The engine enforces what was configured: its own namespace, its own tmpfs.
+if [ "$(id -u)" = 0 ] && command -v unshare >/dev/null; then
+  unshare -m --propagation private bash scripts/demo-enforce.sh \
+    "$root" "$kxhost" "$plugin" "$PWD/$build/engine/kxaecd" "$step"
+  step=$((step + 5))
+else
+  echo
+  echo "   (skipped: kxaecd enforcing the rules needs root, for fanotify"
+  echo "   permission events and a private mount namespace; run the demo as root)"
+fi
 
 say "Which users, groups and programs appear in the journal (all outcomes)?"
 exec_request '<request command="loglist"><users>1</users><groups>1</groups><execfiles>1</execfiles><operationresult>all</operationresult></request>'

@@ -20,11 +20,12 @@
 
 namespace aec::engine {
 
-template <typename T> class BoundedQueue {
+template <typename T>
+class BoundedQueue {
   static_assert(std::is_nothrow_move_assignable<T>::value,
                 "elements are moved on paths that must not throw");
 
-public:
+ public:
   // Throws std::bad_alloc when the slots cannot be allocated.
   explicit BoundedQueue(size_t capacity)
       : capacity_(capacity == 0 ? 1 : capacity), slots_(new Slot[capacity_]) {
@@ -36,10 +37,10 @@ public:
   size_t capacity() const { return capacity_; }
 
   // False when the queue is full; `value` is then left as it was.
-  bool TryPush(T &value) noexcept {
+  bool TryPush(T& value) noexcept {
     uint64_t position = tail_.load(std::memory_order_relaxed);
     for (;;) {
-      Slot &slot = slots_[position % capacity_];
+      Slot& slot = slots_[position % capacity_];
       const uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
       const int64_t lag =
           static_cast<int64_t>(sequence) - static_cast<int64_t>(position);
@@ -51,7 +52,7 @@ public:
           return true;
         }
       } else if (lag < 0) {
-        return false; // the slot still holds an element a lap behind
+        return false;  // the slot still holds an element a lap behind
       } else {
         position = tail_.load(std::memory_order_relaxed);
       }
@@ -59,10 +60,10 @@ public:
   }
 
   // False when the queue is empty.
-  bool TryPop(T &out) noexcept {
+  bool TryPop(T& out) noexcept {
     uint64_t position = head_.load(std::memory_order_relaxed);
     for (;;) {
-      Slot &slot = slots_[position % capacity_];
+      Slot& slot = slots_[position % capacity_];
       const uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
       const int64_t lag =
           static_cast<int64_t>(sequence) - static_cast<int64_t>(position + 1);
@@ -88,7 +89,7 @@ public:
     return tail > head ? static_cast<size_t>(tail - head) : 0;
   }
 
-private:
+ private:
   struct Slot {
     std::atomic<uint64_t> sequence;
     T value;
@@ -101,4 +102,4 @@ private:
   alignas(64) std::atomic<uint64_t> head_{0};
 };
 
-} // namespace aec::engine
+}  // namespace aec::engine

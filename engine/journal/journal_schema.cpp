@@ -2,15 +2,13 @@
 
 namespace aec::engine {
 
-const char *const kJournalTable = "logs";
-const char *const kTimeIndex = "logs_time";
-const char *const kUserIndex = "logs_user_time";
-const char *const kAppIndex = "logs_app_time";
-const char *const kDroppedEventsTable = "dropped_events";
+const char* const kJournalTable = "logs";
+const char* const kTimeIndex = "logs_time";
+const char* const kUserIndex = "logs_user_time";
+const char* const kAppIndex = "logs_app_time";
+const char* const kDroppedEventsTable = "dropped_events";
 
-namespace {
-
-constexpr const char *kSchema =
+const char* const kJournalTableDefinition =
     "CREATE TABLE IF NOT EXISTS logs ("
     " id INTEGER PRIMARY KEY,"
     " event_id INTEGER NOT NULL,"
@@ -24,7 +22,11 @@ constexpr const char *kSchema =
     " uid INTEGER,"
     " gid INTEGER,"
     " hostname TEXT,"
-    " description TEXT);"
+    " description TEXT);";
+
+namespace {
+
+constexpr const char* kIndexesAndGaps =
     "CREATE INDEX IF NOT EXISTS logs_time"
     " ON logs(date_time, event_id, success);"
     "CREATE INDEX IF NOT EXISTS logs_user_time ON logs(username, date_time);"
@@ -34,11 +36,14 @@ constexpr const char *kSchema =
     " date_time INTEGER NOT NULL,"
     " count INTEGER NOT NULL);";
 
-} // namespace
+}  // namespace
 
-bool EnsureJournalSchema(sqlite3 *db, std::string *error) {
-  char *message = nullptr;
-  if (sqlite3_exec(db, kSchema, nullptr, nullptr, &message) == SQLITE_OK) {
+bool EnsureJournalSchema(sqlite3* db, std::string* error) {
+  char* message = nullptr;
+  if (sqlite3_exec(db, kJournalTableDefinition, nullptr, nullptr, &message) ==
+          SQLITE_OK &&
+      sqlite3_exec(db, kIndexesAndGaps, nullptr, nullptr, &message) ==
+          SQLITE_OK) {
     return true;
   }
   *error = message != nullptr ? message : sqlite3_errmsg(db);
@@ -46,4 +51,4 @@ bool EnsureJournalSchema(sqlite3 *db, std::string *error) {
   return false;
 }
 
-} // namespace aec::engine
+}  // namespace aec::engine

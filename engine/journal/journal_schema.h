@@ -21,15 +21,20 @@
 
 namespace aec::engine {
 
-extern const char *const kJournalTable;       // "logs"
-extern const char *const kTimeIndex;          // "logs_time"
-extern const char *const kUserIndex;          // "logs_user_time"
-extern const char *const kAppIndex;           // "logs_app_time"
-extern const char *const kDroppedEventsTable; // "dropped_events"
+extern const char* const kJournalTable;        // "logs"
+extern const char* const kTimeIndex;           // "logs_time"
+extern const char* const kUserIndex;           // "logs_user_time"
+extern const char* const kAppIndex;            // "logs_app_time"
+extern const char* const kDroppedEventsTable;  // "dropped_events"
+
+// The statement creating `logs` when it is missing: the one definition of
+// the journal's table, also used by the journal generator of the tests and
+// benchmarks.
+extern const char* const kJournalTableDefinition;
 
 // Creates what is missing: the tables and the indexes (an existing journal
 // without them gains them; building an index over a large journal takes as
 // long as one pass over it). Returns false and sets `error` on failure.
-bool EnsureJournalSchema(sqlite3 *db, std::string *error);
+bool EnsureJournalSchema(sqlite3* db, std::string* error);
 
-} // namespace aec::engine
+}  // namespace aec::engine

@@ -20,38 +20,38 @@
 namespace aec::engine {
 
 class JournalStore {
-public:
+ public:
   JournalStore() = default;
   ~JournalStore() { Close(); }
-  JournalStore(const JournalStore &) = delete;
-  JournalStore &operator=(const JournalStore &) = delete;
+  JournalStore(const JournalStore&) = delete;
+  JournalStore& operator=(const JournalStore&) = delete;
 
-  bool Open(const std::string &path, std::string *error);
+  bool Open(const std::string& path, std::string* error);
   bool IsOpen() const { return db_ != nullptr; }
   void Close();
 
   // All of `batch` in one transaction.
-  bool Append(const std::vector<JournalEvent> &batch, std::string *error);
+  bool Append(const std::vector<JournalEvent>& batch, std::string* error);
 
   // Notes in `dropped_events` that `count` rows were lost up to `now`.
-  bool RecordDropped(int64_t now, uint64_t count, std::string *error);
+  bool RecordDropped(int64_t now, uint64_t count, std::string* error);
 
   // Deletes the oldest rows beyond `max_rows` (0: no bound) and the rows
   // older than `min_time` (0: no bound), at most `limit` of each in one
   // transaction. Sets `deleted` to the number of rows removed.
   bool Trim(uint64_t max_rows, int64_t min_time, size_t limit,
-            uint64_t *deleted, std::string *error);
+            uint64_t* deleted, std::string* error);
 
-private:
-  bool Exec(const char *sql, std::string *error);
-  bool Fail(std::string *error); // copies SQLite's message, rolls back
+ private:
+  bool Exec(const char* sql, std::string* error);
+  bool Fail(std::string* error);  // copies SQLite's message, rolls back
 
-  sqlite3 *db_ = nullptr;
-  sqlite3_stmt *insert_ = nullptr;
-  sqlite3_stmt *trim_rows_ = nullptr;
-  sqlite3_stmt *trim_age_ = nullptr;
-  sqlite3_stmt *record_dropped_ = nullptr;
-  std::string framed_; // the framed object of the row being inserted
+  sqlite3* db_ = nullptr;
+  sqlite3_stmt* insert_ = nullptr;
+  sqlite3_stmt* trim_rows_ = nullptr;
+  sqlite3_stmt* trim_age_ = nullptr;
+  sqlite3_stmt* record_dropped_ = nullptr;
+  std::string framed_;  // the framed object of the row being inserted
 };
 
-} // namespace aec::engine
+}  // namespace aec::engine

@@ -37,9 +37,9 @@ namespace aec::engine {
 
 // One journalled decision.
 struct JournalEvent {
-  int64_t date_time; // seconds since the Unix epoch (UTC)
-  int event_id;      // 1050..1055
-  int success;       // 1 permitted, 0 denied
+  int64_t date_time;  // seconds since the Unix epoch (UTC)
+  int event_id;       // 1050..1055
+  int success;        // 1 permitted, 0 denied
   // The program of the process; empty is stored as NULL (no program known).
   std::string app;
   // The path of the object, unframed: the writer stores it framed as the
@@ -49,10 +49,11 @@ struct JournalEvent {
   std::string username, groupname;
 };
 
-template <typename T> class BoundedQueue;
+template <typename T>
+class BoundedQueue;
 
 class JournalWriter {
-public:
+ public:
   struct Options {
     std::string path;
     size_t queue_capacity = 65536;
@@ -71,7 +72,7 @@ public:
     std::chrono::milliseconds reopen_interval{1000};
     // Where the writer says what went wrong (syslog priority, message).
     // Default: syslog(3) with the process's own identity.
-    std::function<void(int priority, const std::string &message)> log;
+    std::function<void(int priority, const std::string& message)> log;
   };
 
   // Starts the writer thread; the journal is opened (and created with its
@@ -81,20 +82,20 @@ public:
   // Stops and drains: every row queued before the call is written or, when
   // the journal cannot be written, counted as dropped.
   ~JournalWriter();
-  JournalWriter(const JournalWriter &) = delete;
-  JournalWriter &operator=(const JournalWriter &) = delete;
+  JournalWriter(const JournalWriter&) = delete;
+  JournalWriter& operator=(const JournalWriter&) = delete;
 
   // Never blocks. False: the queue was full and the row was dropped (counted).
-  bool Submit(JournalEvent &&e) noexcept;
+  bool Submit(JournalEvent&& e) noexcept;
 
   struct Stats {
-    uint64_t written;     // rows committed to the journal
-    uint64_t dropped;     // rows lost: queue full or a failed transaction
-    uint64_t queue_depth; // rows waiting now
+    uint64_t written;      // rows committed to the journal
+    uint64_t dropped;      // rows lost: queue full or a failed transaction
+    uint64_t queue_depth;  // rows waiting now
   };
   Stats GetStats() const;
 
-private:
+ private:
   void Run();
 
   Options options_;
@@ -107,4 +108,4 @@ private:
   std::thread thread_;
 };
 
-} // namespace aec::engine
+}  // namespace aec::engine

@@ -75,24 +75,21 @@ TEST(BoundedQueueTest, ConcurrentProducersLoseNothingThatWasAccepted) {
         popped_sum += value;
         ++popped;
       } else if (done.load()) {
-        if (!queue.TryPop(value))
-          break;
+        if (!queue.TryPop(value)) break;
         popped_sum += value;
         ++popped;
       }
     }
   });
-  for (auto &producer : producers)
-    producer.join();
+  for (auto& producer : producers) producer.join();
   done.store(true);
   consumer.join();
   long long pushed_sum = 0;
-  for (long long sum : sums)
-    pushed_sum += sum;
+  for (long long sum : sums) pushed_sum += sum;
   EXPECT_EQ(popped, accepted.load());
   EXPECT_EQ(popped_sum, pushed_sum);
   EXPECT_GT(accepted.load(), 0);
 }
 
-} // namespace
-} // namespace aec::engine
+}  // namespace
+}  // namespace aec::engine

@@ -7,7 +7,6 @@
 #include <set>
 #include <thread>
 
-#include "lib/xml_document.h"
 #include "writer_fixture.h"
 
 namespace engine_journal_test {
@@ -17,22 +16,14 @@ using journal_test::kJournalPath;
 using journal_test::PlainQuery;
 using journal_test::Values;
 
-std::set<std::string> AsSet(const std::vector<std::string> &values) {
+std::set<std::string> AsSet(const std::vector<std::string>& values) {
   return {values.begin(), values.end()};
 }
 
 class ReadBackTest : public WriterTest {
-protected:
-  boost::property_tree::ptree Exec(const std::string &request) {
-    const kxtest::RunResult run = kxtest::RunKxhost(
-        {"--root", root_.dir(), "--plugin", KX_PLUGIN_PATH, "exec", "-"},
-        request);
-    EXPECT_EQ(run.exit_code, 0) << run.err;
-    if (run.exit_code != 0)
-      return {};
-    auto doc = kxhost::ParseXml(run.out);
-    EXPECT_EQ(doc->Name(), "reply") << run.out;
-    return doc->Tree();
+ protected:
+  boost::property_tree::ptree Exec(const std::string& request) {
+    return journal_test::ExecThroughKxhost(root_.dir(), request);
   }
 };
 
@@ -60,28 +51,28 @@ TEST_F(ReadBackTest, LogAndLoglistReadWhatTheWriterWroteWhileItWrites) {
   });
   const uint64_t written_before = writer.GetStats().written;
 
-  const auto log_reply =
-      Exec("<request command=\"log\"><execfile>/usr/bin/make</execfile>"
-           "<openfiles>1</openfiles><inittime>100</inittime>"
-           "<finaltime>200</finaltime></request>");
+  const auto log_reply = Exec(
+      "<request command=\"log\"><execfile>/usr/bin/make</execfile>"
+      "<openfiles>1</openfiles><inittime>100</inittime>"
+      "<finaltime>200</finaltime></request>");
   const auto loglist_reply = Exec(
       "<request command=\"loglist\"><users>1</users><execfiles>1</execfiles>"
       "<inittime>0</inittime><finaltime>1000</finaltime>"
       "<operationresult>all</operationresult></request>");
-  const auto denied_reply =
-      Exec("<request command=\"loglist\"><execfiles>1</execfiles>"
-           "<inittime>0</inittime><finaltime>1000</finaltime></request>");
+  const auto denied_reply = Exec(
+      "<request command=\"loglist\"><execfiles>1</execfiles>"
+      "<inittime>0</inittime><finaltime>1000</finaltime></request>");
   stop.store(true);
   filler.join();
 
   EXPECT_GT(writer.GetStats().written, written_before)
       << "the writer did not write while the commands read";
-  const auto &log = log_reply.get_child("log");
+  const auto& log = log_reply.get_child("log");
   EXPECT_EQ(log.get<std::string>("result"), "1");
   EXPECT_EQ(AsSet(Values(log.get_child("resources"), "r")),
             (std::set<std::string>{"/usr/bin/make", "/lib/libc.so.6",
                                    "/etc/make.conf"}));
-  const auto &list = loglist_reply.get_child("loglist");
+  const auto& list = loglist_reply.get_child("loglist");
   EXPECT_EQ(AsSet(Values(list.get_child("users"), "u")),
             (std::set<std::string>{"alice", "bob"}));
   EXPECT_EQ(AsSet(Values(list.get_child("execfiles"), "r")),
@@ -92,23 +83,23 @@ TEST_F(ReadBackTest, LogAndLoglistReadWhatTheWriterWroteWhileItWrites) {
 }
 
 // The query plan of `sql` on the journal, one detail per line.
-std::string PlanOf(const std::string &sql) {
+std::string PlanOf(const std::string& sql) {
   std::string plan;
-  for (const auto &row :
+  for (const auto& row :
        PlainQuery(kJournalPath, "EXPLAIN QUERY PLAN " + sql)) {
     plan += row.back() + "\n";
   }
   return plan;
 }
 
-constexpr const char *kLoglistHour =
+constexpr const char* kLoglistHour =
     "SELECT DISTINCT username FROM logs WHERE event_id >= 1050 AND "
     "event_id <= 1055 AND date_time >= 1793494800 AND date_time < 1793498400";
-constexpr const char *kLogByApp =
+constexpr const char* kLogByApp =
     "SELECT app, object_name FROM logs WHERE event_id >= 1050 AND "
     "event_id <= 1053 AND success=0 AND date_time >= 1793494800 AND "
     "date_time < 1793498400 AND app = '/usr/bin/make'";
-constexpr const char *kLogByUser =
+constexpr const char* kLogByUser =
     "SELECT app, object_name FROM logs WHERE event_id >= 1050 AND "
     "event_id <= 1053 AND username = 'alice'";
 
@@ -131,7 +122,7 @@ TEST_F(ReadBackTest, TheQueryCommandsFiltersUseTheWritersIndexes) {
 
 // A journal made before the writer had its indexes gains them on open.
 TEST_F(ReadBackTest, AnOlderJournalGainsTheIndexesWhenTheWriterOpensIt) {
-  kxbench::WriteJournal(kJournalPath,
+  kxjournal::WriteJournal(kJournalPath,
                         {journal_test::Row(1050, "/bin/a", "\"/bin/a\";")});
   EXPECT_EQ(PlanOf(kLogByUser).find("logs_user_time"), std::string::npos);
   {
@@ -142,5 +133,5 @@ TEST_F(ReadBackTest, AnOlderJournalGainsTheIndexesWhenTheWriterOpensIt) {
   EXPECT_EQ(CountRows(kJournalPath), 2);
 }
 
-} // namespace
-} // namespace engine_journal_test
+}  // namespace
+}  // namespace engine_journal_test

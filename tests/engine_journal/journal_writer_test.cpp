@@ -83,8 +83,7 @@ TEST_F(WriterTest, ConcurrentSubmittersAreWrittenOrCountedAsDropped) {
         }
       });
     }
-    for (auto &thread : threads)
-      thread.join();
+    for (auto& thread : threads) thread.join();
     // Every row ends up written or counted as dropped, none twice.
     WaitUntil([&] {
       const auto now = writer.GetStats();
@@ -216,5 +215,5 @@ TEST_F(WriterTest, FullDiskDropsCountsAndRecoversWhenThereIsRoom) {
   umount2(dir.c_str(), MNT_DETACH);
 }
 
-} // namespace
-} // namespace engine_journal_test
+}  // namespace
+}  // namespace engine_journal_test

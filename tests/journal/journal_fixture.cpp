@@ -153,4 +153,15 @@ std::vector<std::vector<std::string>> PlainQuery(const std::string& path,
   return rows;
 }
 
+boost::property_tree::ptree ExecThroughKxhost(const std::string& root,
+                                              const std::string& request) {
+  const kxtest::RunResult run = kxtest::RunKxhost(
+      {"--root", root, "--plugin", KX_PLUGIN_PATH, "exec", "-"}, request);
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  if (run.exit_code != 0) return {};
+  auto doc = kxhost::ParseXml(run.out);
+  EXPECT_EQ(doc->Name(), "reply") << run.out;
+  return doc->Tree();
+}
+
 }  // namespace journal_test

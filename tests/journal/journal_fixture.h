@@ -70,6 +70,12 @@ std::vector<std::string> OpenFiles();
 std::vector<std::vector<std::string>> PlainQuery(const std::string& path,
                                                  const std::string& sql);
 
+// Runs one request through the built kxhost and plug-in with `root` as the
+// install root; returns the reply document's content (fails the test and
+// returns an empty tree when kxhost fails or answers no reply).
+boost::property_tree::ptree ExecThroughKxhost(const std::string& root,
+                                              const std::string& request);
+
 class JournalTest : public kxtest::SandboxTest {};
 
 }  // namespace journal_test

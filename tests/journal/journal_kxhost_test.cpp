@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "journal_fixture.h"
-#include "lib/xml_document.h"
 
 namespace journal_test {
 namespace {
@@ -29,16 +28,8 @@ class JournalKxhostTest : public JournalTest {
              "adm", 1, 130)});
   }
 
-  // Runs one request; returns the reply document's content.
   boost::property_tree::ptree Exec(const std::string& request) {
-    const kxtest::RunResult run = kxtest::RunKxhost(
-        {"--root", root_.dir(), "--plugin", KX_PLUGIN_PATH, "exec", "-"},
-        request);
-    EXPECT_EQ(run.exit_code, 0) << run.err;
-    if (run.exit_code != 0) return {};
-    auto doc = kxhost::ParseXml(run.out);
-    EXPECT_EQ(doc->Name(), "reply") << run.out;
-    return doc->Tree();
+    return ExecThroughKxhost(root_.dir(), request);
   }
 };
 

@@ -11,23 +11,11 @@
 #include <random>
 #include <stdexcept>
 
+#include "journal_schema.h"
+
 namespace kxjournal {
 
-const char* const kJournalSchema =
-    "CREATE TABLE logs ("
-    " id INTEGER PRIMARY KEY,"
-    " event_id INTEGER NOT NULL,"
-    " date_time INTEGER,"
-    " app TEXT,"
-    " object_name TEXT,"
-    " username TEXT,"
-    " groupname TEXT,"
-    " success INTEGER,"
-    " pid INTEGER,"
-    " uid INTEGER,"
-    " gid INTEGER,"
-    " hostname TEXT,"
-    " description TEXT);"
+const char* const kJournalIndex =
     "CREATE INDEX logs_date_time ON logs(date_time);";
 
 namespace {
@@ -69,7 +57,8 @@ Db CreateJournal(const std::string& path) {
   const int rc = sqlite3_open(path.c_str(), &raw);
   Db db(raw);
   if (rc != SQLITE_OK) Fail(raw, "cannot create " + path);
-  Exec(raw, kJournalSchema);
+  Exec(raw, aec::engine::kJournalTableDefinition);
+  Exec(raw, kJournalIndex);
   return db;
 }
 

@@ -1,10 +1,10 @@
 // Audit journals for the journal tests, the reliability suites and the
 // journal benchmark.
 //
-// A journal is an SQLite database with the table `logs` as the agent's audit
-// service writes it (kJournalSchema). `date_time` holds the event time in
-// whole seconds since the Unix epoch (UTC), so that time bounds compare
-// without quoting; `object_name` is framed as "\"" + path + "\";" (one
+// A journal is an SQLite database with the table `logs` as the engine's
+// journal writer defines it (kJournalTableDefinition). `date_time` holds the
+// event time in whole seconds since the Unix epoch (UTC), so that time bounds
+// compare without quoting; `object_name` is framed as "\"" + path + "\";" (one
 // leading, two trailing characters), which readers cut off.
 //
 // All functions throw std::runtime_error with SQLite's message on failure.
@@ -17,8 +17,8 @@
 
 namespace kxjournal {
 
-// The journal's table and its time index.
-extern const char* const kJournalSchema;
+// The time index of a generated journal (the table is the engine's).
+extern const char* const kJournalIndex;
 
 // One journal row; nullopt columns are stored as NULL.
 struct JournalRow {
