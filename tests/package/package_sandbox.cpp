@@ -89,7 +89,7 @@ PackageSandbox::PackageSandbox() {
     // Written to the copy only: seen at /var/lib/dpkg once the copy is
     // there, which proves the bind before dpkg runs.
     std::ofstream(dir_ + "/dpkg/kxtest-copy").put('\n');
-    CopyTree(kEtc, dir_ + "/etc");
+    kxtest::CopyTree(kEtc, dir_ + "/etc");
     fs::create_directory(dir_ + "/run-systemd");
     Bind(dir_ + "/opt", kOpt);
     try {
