@@ -6,9 +6,11 @@
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <iostream>
+#include <sstream>
 #include <vector>
 
-#include "aec_policies/aecexceptionspolicy.h"
+#include "aec_config_read.h"
+#include "aec_exceptions_file.h"
 #include "aecwhitelist.h"
 #include "host/errors.h"
 #include "json_config_file.h"
@@ -45,12 +47,17 @@ std::string RuleNameOf(const fs::directory_entry& entry) {
   return file.substr(0, file.size() - suffix);
 }
 
-// Reads a JSON file into `tree`; false (the reason on standard error) when
-// it does not parse.
-bool ReadJson(const std::string& path, pt::ptree* tree) {
+// Reads a JSON file of at most `max_bytes` into `tree`; false (the reason
+// on standard error) when it is not a regular file, too large or does not
+// parse.
+bool ReadJson(const std::string& path, std::size_t max_bytes, pt::ptree* tree) {
   try {
-    pt::read_json(path, *tree);
+    std::istringstream text(aec::ReadConfigFile(path, max_bytes));
+    pt::read_json(text, *tree);
     return true;
+  } catch (const aec::ConfigReadError& e) {
+    std::cerr << "kxaecctl: " << e.what() << "\n";
+    return false;
   } catch (const pt::json_parser_error& e) {
     Refuse(path, e.what());
     return false;
@@ -61,7 +68,9 @@ bool ReadJson(const std::string& path, pt::ptree* tree) {
 // the caller's to tell apart).
 bool ReadWhitelist(UsersAndGroups* whitelist) {
   pt::ptree tree;
-  if (!ReadJson(WhitelistPath(), &tree)) return false;
+  if (!ReadJson(WhitelistPath(), aec::kMaxWhitelistFileBytes, &tree)) {
+    return false;
+  }
   try {
     *whitelist = AECWhiteList::Get(tree);
     return true;
@@ -73,9 +82,12 @@ bool ReadWhitelist(UsersAndGroups* whitelist) {
 
 bool ReadExceptions(std::set<std::string>* exceptions) {
   pt::ptree tree;
-  if (!ReadJson(ExceptionsPath(), &tree)) return false;
+  if (!ReadJson(ExceptionsPath(), aec::kMaxExceptionsFileBytes, &tree)) {
+    return false;
+  }
   try {
-    *exceptions = AecExceptionsPolicy::Get(tree);
+    const auto paths = aec::ExceptionsOf(tree);
+    *exceptions = std::set<std::string>(paths.begin(), paths.end());
     return true;
   } catch (const std::exception& e) {
     Refuse(ExceptionsPath(), e.what());
@@ -84,16 +96,16 @@ bool ReadExceptions(std::set<std::string>* exceptions) {
 }
 
 [[noreturn]] void Missing(const std::string& path) {
-  throw ToolError(KxAecCtl::kConfigMissing, "no such file: " + path);
+  throw ToolError(Exit::kConfigMissing, "no such file: " + path);
 }
 
 [[noreturn]] void Invalid(const std::vector<std::string>& files) {
-  throw ToolError(KxAecCtl::kConfigInvalid,
+  throw ToolError(Exit::kConfigInvalid,
                   WithObjects("invalid configuration", files), files);
 }
 
 [[noreturn]] void CannotWrite(const std::string& what) {
-  throw ToolError(KxAecCtl::kConfigWrite, "cannot write " + what);
+  throw ToolError(Exit::kConfigWrite, "cannot write " + what);
 }
 
 }  // namespace
@@ -204,9 +216,7 @@ void Configuration::Save() {
       whitelist_changed_ = false;
     }
     if (exceptions_changed_) {
-      pt::ptree tree;
-      tree.add_child("resource_list", ListTree(exceptions_));
-      aec::WriteJsonConfig(ExceptionsPath(), tree, ConfigDir());
+      aec::WriteExceptionsFile(exceptions_);
       exceptions_changed_ = false;
     }
   } catch (const pt::json_parser_error& e) {

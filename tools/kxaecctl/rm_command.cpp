@@ -17,7 +17,7 @@ namespace aectool {
 namespace {
 
 [[noreturn]] void Invalid(const std::string& reason) {
-  throw ToolError(KxAecCtl::kInvalidArgument, reason);
+  throw ToolError(Exit::kInvalidArgument, reason);
 }
 
 // The items of `wanted` that `present` lacks, each once, in the order given.
@@ -70,9 +70,9 @@ void RequireChangeable(const Configuration& config,
       system.push_back(name);
     }
   }
-  RequirePresent(missing, KxAecCtl::kRuleMissing, "no such rules");
+  RequirePresent(missing, Exit::kRuleMissing, "no such rules");
   if (!system.empty()) {
-    throw ToolError(KxAecCtl::kSystemRule,
+    throw ToolError(Exit::kSystemRule,
                     WithObjects("system rules cannot be changed", system),
                     system);
   }
@@ -87,22 +87,22 @@ void RemoveFromRule(const Invocation& invocation) {
   RequireChangeable(config, {name});
   RuleEdit edit(*config.FindRule(name));
   if (invocation.HasMembers() && edit.Flag(rule_key::kAllAllowed)) {
-    throw ToolError(KxAecCtl::kAllowedForAll,
+    throw ToolError(Exit::kAllowedForAll,
                     "the rule applies to all users; it has no users or "
                     "groups to remove");
   }
   const auto users = edit.List(rule_key::kUsers);
   const auto groups = edit.List(rule_key::kGroups);
   const auto resources = edit.List(rule_key::kResources);
-  RequirePresent(Absent(invocation.users, users), KxAecCtl::kUsersNotInRule,
+  RequirePresent(Absent(invocation.users, users), Exit::kUsersNotInRule,
                  "users not in the rule");
-  RequirePresent(Absent(invocation.groups, groups), KxAecCtl::kGroupsNotInRule,
+  RequirePresent(Absent(invocation.groups, groups), Exit::kGroupsNotInRule,
                  "groups not in the rule");
   RequirePresent(Absent(invocation.resources, resources),
-                 KxAecCtl::kResourcesNotInRule, "resources not in the rule");
+                 Exit::kResourcesNotInRule, "resources not in the rule");
   const auto remaining = Without(resources, invocation.resources);
   if (remaining.empty()) {
-    throw ToolError(KxAecCtl::kResourceListEmpty,
+    throw ToolError(Exit::kResourceListEmpty,
                     "a rule needs at least one resource; remove the rule "
                     "instead");
   }
@@ -139,23 +139,23 @@ void RemoveFromLists(const Invocation& invocation) {
     Invalid("nothing to remove");
   }
   if (invocation.HasMembers() && AECWhiteList::IsEnableCC()) {
-    throw ToolError(KxAecCtl::kCentralizedControl,
+    throw ToolError(Exit::kCentralizedControl,
                     "the whitelist is under centralized control");
   }
   Configuration config = Configuration::Load();
   if (invocation.HasMembers()) {
     UsersAndGroups whitelist = config.Whitelist();
     RequirePresent(Absent(invocation.users, whitelist.users),
-                   KxAecCtl::kUsersNotInRule, "users not in the whitelist");
+                   Exit::kUsersNotInRule, "users not in the whitelist");
     RequirePresent(Absent(invocation.groups, whitelist.groups),
-                   KxAecCtl::kGroupsNotInRule, "groups not in the whitelist");
+                   Exit::kGroupsNotInRule, "groups not in the whitelist");
     whitelist.users = Without(whitelist.users, invocation.users);
     whitelist.groups = Without(whitelist.groups, invocation.groups);
     config.SetWhitelist(whitelist);
   }
   if (!invocation.resources.empty()) {
     RequirePresent(Absent(invocation.resources, config.Exceptions()),
-                   KxAecCtl::kResourcesNotInRule,
+                   Exit::kResourcesNotInRule,
                    "resources not among the exceptions");
     config.SetExceptions(Without(config.Exceptions(), invocation.resources));
   }

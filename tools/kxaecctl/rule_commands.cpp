@@ -18,7 +18,7 @@ namespace aectool {
 namespace {
 
 [[noreturn]] void Invalid(const std::string& reason) {
-  throw ToolError(KxAecCtl::kInvalidArgument, reason);
+  throw ToolError(Exit::kInvalidArgument, reason);
 }
 
 bool WantsResources(const Invocation& invocation) {
@@ -54,11 +54,11 @@ void RequireChangeableRules(const Configuration& config,
     }
   }
   if (!missing.empty()) {
-    throw ToolError(KxAecCtl::kRuleMissing,
+    throw ToolError(Exit::kRuleMissing,
                     WithObjects("no such rules", missing), missing);
   }
   if (!system.empty()) {
-    throw ToolError(KxAecCtl::kSystemRule,
+    throw ToolError(Exit::kSystemRule,
                     WithObjects("system rules cannot be changed", system),
                     system);
   }
@@ -90,7 +90,7 @@ void AddToLists(const Invocation& invocation) {
   if (invocation.HasMembers()) {
     // Centrally managed, the whitelist is central management's alone.
     if (AECWhiteList::IsEnableCC()) {
-      throw ToolError(KxAecCtl::kCentralizedControl,
+      throw ToolError(Exit::kCentralizedControl,
                       "the whitelist is under centralized control");
     }
     RequireAccounts(invocation.users, invocation.groups);
@@ -140,7 +140,7 @@ void RunAdd(const Invocation& invocation) {
   RuleEdit edit = existing ? RuleEdit(*existing) : RuleEdit::New(name);
   if (existing == nullptr) {
     if (resources.empty()) {
-      throw ToolError(KxAecCtl::kResourceListEmpty,
+      throw ToolError(Exit::kResourceListEmpty,
                       "a rule needs at least one resource");
     }
   } else {
@@ -148,7 +148,7 @@ void RunAdd(const Invocation& invocation) {
     RequireChangeableRules(config, {name});
     if (invocation.HasMembers() && edit.Flag(rule_key::kAllAllowed) &&
         !invocation.all_users) {
-      throw ToolError(KxAecCtl::kAllowedForAll,
+      throw ToolError(Exit::kAllowedForAll,
                       "the rule applies to all users; users and groups "
                       "cannot be added");
     }
@@ -183,7 +183,7 @@ void RunUpdate(const Invocation& invocation) {
     resources =
         CollectResources(ResourcesOf(invocation, !invocation.no_depend));
     if (resources.empty()) {
-      throw ToolError(KxAecCtl::kResourceListEmpty,
+      throw ToolError(Exit::kResourceListEmpty,
                       "a rule needs at least one resource");
     }
   }
@@ -234,7 +234,7 @@ void RunRename(const Invocation& invocation) {
   RequireChangeableRules(config, {old_name});
   if (new_name == old_name) return;
   if (config.FindRule(new_name) != nullptr) {
-    throw ToolError(KxAecCtl::kRuleExists,
+    throw ToolError(Exit::kRuleExists,
                     "a rule named " + new_name + " exists", {new_name});
   }
   RuleEdit edit(*config.FindRule(old_name));

@@ -1,7 +1,6 @@
 #include "tool_paths.h"
 
 #include "aec_paths.h"
-#include "aec_policies/aecexceptionspolicy.h"
 #include "aecwhitelist.h"
 
 namespace aectool {
@@ -12,7 +11,7 @@ const std::string& ConfigDir() { return aec::kConfigDir; }
 
 const std::string& WhitelistPath() { return AECWhiteList::FilePath(); }
 
-const std::string& ExceptionsPath() { return AecExceptionsPolicy::FilePath(); }
+const std::string& ExceptionsPath() { return aec::kResourceExceptionPath; }
 
 const std::string& IntegrityToolPath() {
   static const std::string path = aec::kInstallRoot + "/bin/kxaide";
@@ -41,11 +40,6 @@ const std::string& LoadedSetDir() {
 
 const std::string& LoadedSetPath() {
   static const std::string path = LoadedSetDir() + "loaded-rules";
-  return path;
-}
-
-const std::string& LockPath() {
-  static const std::string path = LoadedSetDir() + "kxaecctl.lock";
   return path;
 }
 

@@ -4,7 +4,10 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <cstdlib>
 #include <exception>
+#include <sstream>
 
+#include "aec_config_lock.h"
+#include "aec_config_read.h"
 #include "aec_helper.h"
 #include "aec_paths.h"
 #include "host/errors.h"
@@ -56,7 +59,9 @@ const std::string& AECWhiteList::FilePath() { return kWhiteListPath; }
 UsersAndGroups AECWhiteList::Get() {
   try {
     boost::property_tree::ptree tree;
-    boost::property_tree::read_json(kWhiteListPath, tree);
+    std::istringstream text(
+        aec::ReadConfigFile(kWhiteListPath, aec::kMaxWhitelistFileBytes));
+    boost::property_tree::read_json(text, tree);
     return Get(tree);
   } catch (const std::exception& e) {
     BOOST_LOG_TRIVIAL(error)
@@ -73,6 +78,9 @@ UsersAndGroups AECWhiteList::Get(const boost::property_tree::ptree& tree) {
 }
 
 void AECWhiteList::Apply(UsersAndGroups value) {
+  // Write, load and seal are one change under the configuration lock; the
+  // tool run below shares it.
+  const aec::ConfigLock lock;
   boost::property_tree::ptree tree;
   AppendList(tree, "user_list", value.users);
   AppendList(tree, "group_list", value.groups);
@@ -95,6 +103,7 @@ std::string AECWhiteList::CurrentSource() {
 
 void AECWhiteList::EnableCC() const {
   if (CurrentSource() == source_) return;
+  const aec::ConfigLock lock;
   AecPolicySources* sources = AecPolicySources::Get();
   sources->SetWhitelistSource(source_);
   sources->WriteConfig();
@@ -102,6 +111,7 @@ void AECWhiteList::EnableCC() const {
 
 void AECWhiteList::DisableCC() {
   if (!IsEnableCC()) return;
+  const aec::ConfigLock lock;
   AecPolicySources* sources = AecPolicySources::Get();
   sources->SetWhitelistSource("");
   sources->WriteConfig();
