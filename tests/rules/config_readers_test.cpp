@@ -103,25 +103,6 @@ class ConfigReadersTest : public kxtest::SandboxTest {
   std::string io_;
 };
 
-std::string RulesImport() {
-  RuleSpec rule{"imported"};
-  rule.resources = {"/usr/bin/make"};
-  pt::ptree value;
-  value.push_back({"", rulestest::RuleTree(rule)});
-  pt::ptree policy;
-  policy.put("group", "aec");
-  policy.put("name", "rules");
-  policy.put("source", "dorvi");
-  policy.add_child("value", value);
-  pt::ptree policies;
-  policies.push_back({"", policy});
-  pt::ptree document;
-  document.add_child("policies", policies);
-  std::ostringstream json;
-  pt::write_json(json, document);
-  return json.str();
-}
-
 }  // namespace
 
 TEST_F(ConfigReadersTest, AFifoInTheRulesDirectoryDoesNotHangGet) {
@@ -147,8 +128,11 @@ TEST_F(ConfigReadersTest, AFifoInTheRulesDirectoryDoesNotHangGet) {
 }
 
 TEST_F(ConfigReadersTest, AFifoInTheRulesDirectoryDoesNotHangARulesImport) {
+  RuleSpec imported{"imported"};
+  imported.resources = {"/usr/bin/make"};
   MakeFifo(std::string(rulestest::kRulesDir) + "f.conf");
-  const auto run = Kxhost({"import-policies", "-"}, RulesImport());
+  const auto run = Kxhost({"import-policies", "-"},
+                          rulestest::RulesImportJson({imported}, "dorvi"));
   ASSERT_NE(run.exit_code, kTimedOut) << "the rules import hung on the FIFO";
   EXPECT_NE(run.err.find("not a regular file"), std::string::npos) << run.err;
 }

@@ -30,6 +30,10 @@ struct RuleSpec {
 boost::property_tree::ptree RuleTree(const RuleSpec& rule);
 // The rule as JSON text in the rule file's shape.
 std::string RuleJson(const RuleSpec& rule);
+// An import-policies document (JSON) setting the rules policy to `rules`
+// on behalf of `source`.
+std::string RulesImportJson(const std::vector<RuleSpec>& rules,
+                            const std::string& source);
 // Writes RuleJson(rule) to <rules dir>/<file name>, by default <name>.conf.
 void WriteRuleFile(const RuleSpec& rule, const std::string& file_name = "");
 // The names of the entries of the rules directory, sorted.

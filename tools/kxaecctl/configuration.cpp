@@ -11,7 +11,7 @@
 
 #include "aec_config_read.h"
 #include "aec_exceptions_file.h"
-#include "aecwhitelist.h"
+#include "aec_whitelist_file.h"
 #include "host/errors.h"
 #include "json_config_file.h"
 #include "rule_edit.h"
@@ -72,7 +72,7 @@ bool ReadWhitelist(UsersAndGroups* whitelist) {
     return false;
   }
   try {
-    *whitelist = AECWhiteList::Get(tree);
+    *whitelist = aec::WhitelistOf(tree);
     return true;
   } catch (const std::exception& e) {
     Refuse(WhitelistPath(), e.what());

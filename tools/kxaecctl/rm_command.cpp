@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "aecwhitelist.h"
+#include "aec_whitelist_file.h"
 #include "commands.h"
 #include "commit.h"
 #include "configuration.h"
@@ -138,7 +138,7 @@ void RemoveFromLists(const Invocation& invocation) {
   if (!invocation.HasMembers() && invocation.resources.empty()) {
     Invalid("nothing to remove");
   }
-  if (invocation.HasMembers() && AECWhiteList::IsEnableCC()) {
+  if (invocation.HasMembers() && aec::WhitelistUnderCentralControl()) {
     throw ToolError(Exit::kCentralizedControl,
                     "the whitelist is under centralized control");
   }

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "accounts.h"
-#include "aecwhitelist.h"
+#include "aec_whitelist_file.h"
 #include "commands.h"
 #include "commit.h"
 #include "configuration.h"
@@ -54,8 +54,8 @@ void RequireChangeableRules(const Configuration& config,
     }
   }
   if (!missing.empty()) {
-    throw ToolError(Exit::kRuleMissing,
-                    WithObjects("no such rules", missing), missing);
+    throw ToolError(Exit::kRuleMissing, WithObjects("no such rules", missing),
+                    missing);
   }
   if (!system.empty()) {
     throw ToolError(Exit::kSystemRule,
@@ -89,7 +89,7 @@ void AddToLists(const Invocation& invocation) {
   }
   if (invocation.HasMembers()) {
     // Centrally managed, the whitelist is central management's alone.
-    if (AECWhiteList::IsEnableCC()) {
+    if (aec::WhitelistUnderCentralControl()) {
       throw ToolError(Exit::kCentralizedControl,
                       "the whitelist is under centralized control");
     }
@@ -234,8 +234,8 @@ void RunRename(const Invocation& invocation) {
   RequireChangeableRules(config, {old_name});
   if (new_name == old_name) return;
   if (config.FindRule(new_name) != nullptr) {
-    throw ToolError(Exit::kRuleExists,
-                    "a rule named " + new_name + " exists", {new_name});
+    throw ToolError(Exit::kRuleExists, "a rule named " + new_name + " exists",
+                    {new_name});
   }
   RuleEdit edit(*config.FindRule(old_name));
   edit.SetName(new_name);

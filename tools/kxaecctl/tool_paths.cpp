@@ -1,7 +1,7 @@
 #include "tool_paths.h"
 
 #include "aec_paths.h"
-#include "aecwhitelist.h"
+#include "aec_whitelist_file.h"
 
 namespace aectool {
 
@@ -9,7 +9,7 @@ const std::string& RulesDir() { return aec::kRulesDir; }
 
 const std::string& ConfigDir() { return aec::kConfigDir; }
 
-const std::string& WhitelistPath() { return AECWhiteList::FilePath(); }
+const std::string& WhitelistPath() { return aec::WhitelistFilePath(); }
 
 const std::string& ExceptionsPath() { return aec::kResourceExceptionPath; }
 

@@ -4,12 +4,11 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <cstdlib>
 #include <exception>
-#include <sstream>
 
 #include "aec_config_lock.h"
-#include "aec_config_read.h"
 #include "aec_helper.h"
 #include "aec_paths.h"
+#include "aec_whitelist_file.h"
 #include "host/errors.h"
 #include "host/policy_sources.h"
 #include "host/utf8_text.h"
@@ -19,7 +18,6 @@ namespace {
 
 // One literal each, fixed at load: the tool's command line holds no value
 // from outside, so handing it to the shell cannot be abused.
-const std::string kWhiteListPath = "/opt/korvex/etc/aec/white-list.config";
 const std::string kReloadCommand = "/opt/korvex/bin/kxaecctl reload -w";
 const std::string kLocalSource = "local";
 
@@ -43,26 +41,15 @@ void AppendList(boost::property_tree::ptree& tree, const std::string& key,
   tree.add_child(key, list);
 }
 
-std::vector<std::string> ElementValues(
-    const boost::property_tree::ptree& node) {
-  std::vector<std::string> values;
-  for (const auto& element : node) values.push_back(element.second.data());
-  return values;
-}
-
 }  // namespace
 
 AECWhiteList::AECWhiteList(const std::string& source) : source_(source) {}
 
-const std::string& AECWhiteList::FilePath() { return kWhiteListPath; }
+const std::string& AECWhiteList::FilePath() { return aec::WhitelistFilePath(); }
 
 UsersAndGroups AECWhiteList::Get() {
   try {
-    boost::property_tree::ptree tree;
-    std::istringstream text(
-        aec::ReadConfigFile(kWhiteListPath, aec::kMaxWhitelistFileBytes));
-    boost::property_tree::read_json(text, tree);
-    return Get(tree);
+    return aec::ReadWhitelistFile();
   } catch (const std::exception& e) {
     BOOST_LOG_TRIVIAL(error)
         << "failed to parse AEC whitelist config: " << e.what();
@@ -71,10 +58,7 @@ UsersAndGroups AECWhiteList::Get() {
 }
 
 UsersAndGroups AECWhiteList::Get(const boost::property_tree::ptree& tree) {
-  UsersAndGroups result;
-  result.users = ElementValues(tree.get_child("user_list"));
-  result.groups = ElementValues(tree.get_child("group_list"));
-  return result;
+  return aec::WhitelistOf(tree);
 }
 
 void AECWhiteList::Apply(UsersAndGroups value) {
@@ -84,17 +68,14 @@ void AECWhiteList::Apply(UsersAndGroups value) {
   boost::property_tree::ptree tree;
   AppendList(tree, "user_list", value.users);
   AppendList(tree, "group_list", value.groups);
-  aec::WriteJsonConfig(kWhiteListPath, tree, aec::kConfigDir);
+  aec::WriteJsonConfig(aec::WhitelistFilePath(), tree, aec::kConfigDir);
   EnableCC();
   Reload();  // the tool reports its own failures; the file stays written
 }
 
 int AECWhiteList::Reload() { return std::system(kReloadCommand.c_str()); }
 
-bool AECWhiteList::IsEnableCC() {
-  const std::string source = AecPolicySources::Get()->GetWhitelistSource();
-  return !source.empty() && source != kLocalSource;
-}
+bool AECWhiteList::IsEnableCC() { return aec::WhitelistUnderCentralControl(); }
 
 std::string AECWhiteList::CurrentSource() {
   if (!IsEnableCC()) return kLocalSource;
