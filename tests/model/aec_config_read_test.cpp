@@ -16,7 +16,7 @@ using aec::Links;
 using aec::ReadConfigFile;
 
 class ConfigRead : public ::testing::Test {
-protected:
+ protected:
   void SetUp() override {
     char pattern[] = "/tmp/kx-config-read-XXXXXX";
     ASSERT_NE(::mkdtemp(pattern), nullptr);
@@ -25,16 +25,16 @@ protected:
   void TearDown() override {
     ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0);
   }
-  std::string Write(const std::string &name, const std::string &content) {
+  std::string Write(const std::string& name, const std::string& content) {
     const std::string path = dir_ + "/" + name;
     std::ofstream(path, std::ios::binary) << content;
     return path;
   }
-  ConfigReadError::Kind RefusalOf(const std::string &path, std::size_t max,
+  ConfigReadError::Kind RefusalOf(const std::string& path, std::size_t max,
                                   Links links = Links::kFollow) {
     try {
       ReadConfigFile(path, max, links);
-    } catch (const ConfigReadError &e) {
+    } catch (const ConfigReadError& e) {
       EXPECT_NE(std::string(e.what()).find(path), std::string::npos);
       return e.kind();
     }
@@ -92,4 +92,4 @@ TEST_F(ConfigRead, RefusesALinkToAFifoWithoutWaiting) {
   EXPECT_EQ(RefusalOf(link, 100), ConfigReadError::Kind::kNotRegular);
 }
 
-} // namespace
+}  // namespace

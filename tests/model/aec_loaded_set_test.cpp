@@ -18,7 +18,7 @@ using aec::LoadedSetError;
 using aec::ParseLoadedSet;
 
 // The example of docs/tools.md.
-const char *const kExample =
+const char* const kExample =
     "# Application execution control: the loaded rule set.\n"
     "# Written by kxaecctl; docs/tools.md describes it. Do not edit.\n"
     "format\t1\n"
@@ -31,10 +31,10 @@ const char *const kExample =
     "exception\t/opt/app/bin/tool\n";
 
 // The line number a bad text is refused with.
-std::size_t RefusedLine(const std::string &text) {
+std::size_t RefusedLine(const std::string& text) {
   try {
     ParseLoadedSet(text);
-  } catch (const LoadedSetError &e) {
+  } catch (const LoadedSetError& e) {
     return e.line();
   }
   ADD_FAILURE() << "accepted: " << text;
@@ -44,7 +44,7 @@ std::size_t RefusedLine(const std::string &text) {
 TEST(LoadedSetReader, ReadsEveryRecordOfTheDocumentedExample) {
   const LoadedSet set = ParseLoadedSet(kExample);
   ASSERT_EQ(set.rules.size(), 1u);
-  const LoadedRule &rule = set.rules[0];
+  const LoadedRule& rule = set.rules[0];
   EXPECT_EQ(rule.name, "build");
   EXPECT_TRUE(rule.enable);
   EXPECT_FALSE(rule.all_users);
@@ -61,9 +61,9 @@ TEST(LoadedSetReader, ReadsEveryRecordOfTheDocumentedExample) {
 }
 
 TEST(LoadedSetReader, ReadsEachFlagOfARuleFromItsOwnField) {
-  const LoadedSet set =
-      ParseLoadedSet("format\t1\nrule\ta\t0\t1\t0\t0\nrule\tb\t0\t0\t1\t0\n"
-                     "rule\tc\t0\t0\t0\t1\n");
+  const LoadedSet set = ParseLoadedSet(
+      "format\t1\nrule\ta\t0\t1\t0\t0\nrule\tb\t0\t0\t1\t0\n"
+      "rule\tc\t0\t0\t0\t1\n");
   ASSERT_EQ(set.rules.size(), 3u);
   EXPECT_TRUE(set.rules[0].all_users && !set.rules[0].extended &&
               !set.rules[0].system && !set.rules[0].enable);
@@ -72,9 +72,9 @@ TEST(LoadedSetReader, ReadsEachFlagOfARuleFromItsOwnField) {
 }
 
 TEST(LoadedSetReader, UndoesTheFieldEscapes) {
-  const LoadedSet set =
-      ParseLoadedSet("format\t1\nexception\t/"
-                     "a\\tb\\\\c\\nd\\re\nwhitelist-group\t7\tg\\\\x\n");
+  const LoadedSet set = ParseLoadedSet(
+      "format\t1\nexception\t/"
+      "a\\tb\\\\c\\nd\\re\nwhitelist-group\t7\tg\\\\x\n");
   EXPECT_EQ(set.exceptions, (std::vector<std::string>{"/a\tb\\c\nd\re"}));
   EXPECT_EQ(set.whitelist_groups, (std::vector<LoadedAccount>{{7, "g\\x"}}));
 }
@@ -111,7 +111,7 @@ TEST(LoadedSetReader, RefusesAnUnknownRecordNamingItsLine) {
   try {
     ParseLoadedSet("format\t1\nbogus\n");
     FAIL() << "accepted";
-  } catch (const LoadedSetError &e) {
+  } catch (const LoadedSetError& e) {
     EXPECT_STREQ(e.what(), "loaded set line 2: unknown record \"bogus\"");
   }
 }
@@ -133,7 +133,7 @@ TEST(LoadedSetReader, RefusesAFlagThatIsNotZeroOrOne) {
 }
 
 TEST(LoadedSetReader, RefusesIdsThatAreNotDecimalNumbersBelowTwoToThe32) {
-  for (const char *id :
+  for (const char* id :
        {"", "-1", "+1", "1a", " 1", "4294967296", "99999999999", "0x10"}) {
     EXPECT_EQ(
         RefusedLine(std::string("format\t1\nwhitelist-user\t") + id + "\tu\n"),
@@ -172,9 +172,9 @@ TEST(LoadedSetReader, RefusesMembersOfARuleNotDeclaredBefore) {
 }
 
 TEST(LoadedSetReader, AttachesMembersToTheRuleTheyName) {
-  const LoadedSet set =
-      ParseLoadedSet("format\t1\nrule\ta\t1\t0\t0\t0\nrule\tb\t1\t0\t0\t0\n"
-                     "rule-resource\ta\t/bin/a\nrule-resource\tb\t/bin/b\n");
+  const LoadedSet set = ParseLoadedSet(
+      "format\t1\nrule\ta\t1\t0\t0\t0\nrule\tb\t1\t0\t0\t0\n"
+      "rule-resource\ta\t/bin/a\nrule-resource\tb\t/bin/b\n");
   EXPECT_EQ(set.rules[0].resources, (std::vector<std::string>{"/bin/a"}));
   EXPECT_EQ(set.rules[1].resources, (std::vector<std::string>{"/bin/b"}));
 }
@@ -195,7 +195,7 @@ TEST(LoadedSetWriter, WritesTheDocumentedExample) {
 
 TEST(LoadedSetWriter, WhatItWritesReadsBackTheSame) {
   LoadedSet set;
-  for (const char *name : {"a\tb", "back\\slash", "line\nbreak", "cr\r"}) {
+  for (const char* name : {"a\tb", "back\\slash", "line\nbreak", "cr\r"}) {
     LoadedRule rule;
     rule.name = name;
     rule.all_users = true;
@@ -218,7 +218,7 @@ TEST(LoadedSetWriter, AnEmptySetIsTheHeaderAlone) {
   EXPECT_NE(text.find("format\t1\n"), std::string::npos);
 }
 
-} // namespace
+}  // namespace
 
 namespace {
 
@@ -243,4 +243,4 @@ TEST(LoadedSetFile, ReadsTheSetAFileHolds) {
   ::rmdir(dir.c_str());
 }
 
-} // namespace
+}  // namespace

@@ -56,22 +56,9 @@ TEST_F(RulesEndToEndTest, ImportedRulesReplaceTheNonSystemRuleFiles) {
   RuleSpec second{"imported-b"};
   second.all_allowed = true;
   second.resources = {"/usr/bin/b"};
-  pt::ptree value;
-  value.push_back({"", rulestest::RuleTree(first)});
-  value.push_back({"", rulestest::RuleTree(second)});
-  pt::ptree policy;
-  policy.put("group", "aec");
-  policy.put("name", "rules");
-  policy.put("source", "dorvi");
-  policy.add_child("value", value);
-  pt::ptree policies;
-  policies.push_back({"", policy});
-  pt::ptree document;
-  document.add_child("policies", policies);
-  std::ostringstream json;
-  pt::write_json(json, document);
-
-  const auto run = Kxhost({"import-policies", "-"}, json.str());
+  const auto run =
+      Kxhost({"import-policies", "-"},
+             rulestest::RulesImportJson({first, second}, "dorvi"));
   ASSERT_EQ(run.exit_code, 0) << run.err << run.out;
   EXPECT_EQ(rulestest::RuleFiles(),
             (std::set<std::string>{"imported-a.conf", "imported-b.conf",

@@ -32,6 +32,24 @@ namespace {
 
 }  // namespace
 
+std::string RulesImportJson(const std::vector<RuleSpec>& rules,
+                            const std::string& source) {
+  pt::ptree value;
+  for (const auto& rule : rules) value.push_back({"", RuleTree(rule)});
+  pt::ptree policy;
+  policy.put("group", "aec");
+  policy.put("name", "rules");
+  policy.put("source", source);
+  policy.add_child("value", value);
+  pt::ptree policies;
+  policies.push_back({"", policy});
+  pt::ptree document;
+  document.add_child("policies", policies);
+  std::ostringstream json;
+  pt::write_json(json, document);
+  return json.str();
+}
+
 void WriteRuleFile(const RuleSpec& rule, const std::string& file_name) {
   kxtest::WriteFile(std::string(kRulesDir) +
                         (file_name.empty() ? rule.name + ".conf" : file_name),

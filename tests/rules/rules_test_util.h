@@ -21,6 +21,10 @@ using kxtest::RuleJson;
 using kxtest::RuleSpec;
 using kxtest::RuleTree;
 
+// An import-policies document (JSON) setting the rules policy to `rules`
+// on behalf of `source`.
+std::string RulesImportJson(const std::vector<RuleSpec>& rules,
+                            const std::string& source);
 // Writes RuleJson(rule) to <rules dir>/<file name>, by default <name>.conf.
 void WriteRuleFile(const RuleSpec& rule, const std::string& file_name = "");
 

@@ -69,13 +69,13 @@ void RequireAccounts(const std::vector<std::string>& users,
                      const std::vector<std::string>& groups) {
   const auto unknown_users = UnknownUsers(users);
   if (!unknown_users.empty()) {
-    throw ToolError(KxAecCtl::kUsersNotFound,
+    throw ToolError(Exit::kUsersNotFound,
                     WithObjects("users not found", unknown_users),
                     unknown_users);
   }
   const auto unknown_groups = UnknownGroups(groups);
   if (!unknown_groups.empty()) {
-    throw ToolError(KxAecCtl::kGroupsNotFound,
+    throw ToolError(Exit::kGroupsNotFound,
                     WithObjects("groups not found", unknown_groups),
                     unknown_groups);
   }

@@ -160,7 +160,7 @@ bool IsOption(const std::string& arg) {
 }
 
 [[noreturn]] void Invalid(const std::string& reason) {
-  throw ToolError(KxAecCtl::kInvalidArgument, reason);
+  throw ToolError(Exit::kInvalidArgument, reason);
 }
 
 // Where an option's values go, or null for a flag.

@@ -6,10 +6,12 @@
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <iostream>
+#include <sstream>
 #include <vector>
 
-#include "aec_policies/aecexceptionspolicy.h"
-#include "aecwhitelist.h"
+#include "aec_config_read.h"
+#include "aec_exceptions_file.h"
+#include "aec_whitelist_file.h"
 #include "host/errors.h"
 #include "json_config_file.h"
 #include "rule_edit.h"
@@ -45,26 +47,32 @@ std::string RuleNameOf(const fs::directory_entry& entry) {
   return file.substr(0, file.size() - suffix);
 }
 
-// Reads a JSON file into `tree`; false (the reason on standard error) when
-// it does not parse.
-bool ReadJson(const std::string& path, pt::ptree* tree) {
+// Reads a JSON file of at most `max_bytes` into `tree`; false (the reason
+// on standard error) when it is not a regular file, too large or does not
+// parse.
+bool ReadJson(const std::string& path, std::size_t max_bytes, pt::ptree* tree) {
   try {
-    pt::read_json(path, *tree);
+    std::istringstream text(aec::ReadConfigFile(path, max_bytes));
+    pt::read_json(text, *tree);
     return true;
+  } catch (const aec::ConfigReadError& e) {
+    std::cerr << "kxaecctl: " << e.what() << "\n";
+    return false;
   } catch (const pt::json_parser_error& e) {
     Refuse(path, e.what());
     return false;
   }
 }
 
-// Reads the JSON file `path` and fills `*model` from its tree with
-// `from_tree`; false (the reason on standard error) when the file does not
-// parse or its tree is not the model's (missing files are the caller's to
-// tell apart).
+// Reads the JSON file `path` (at most `max_bytes`) and fills `*model` from
+// its tree with `from_tree`; false (the reason on standard error) when the
+// file does not parse or its tree is not the model's (missing files are the
+// caller's to tell apart).
 template <class Model, class FromTree>
-bool ReadModel(const std::string& path, FromTree from_tree, Model* model) {
+bool ReadModel(const std::string& path, std::size_t max_bytes,
+               FromTree from_tree, Model* model) {
   pt::ptree tree;
-  if (!ReadJson(path, &tree)) return false;
+  if (!ReadJson(path, max_bytes, &tree)) return false;
   try {
     *model = from_tree(tree);
     return true;
@@ -76,28 +84,31 @@ bool ReadModel(const std::string& path, FromTree from_tree, Model* model) {
 
 bool ReadWhitelist(UsersAndGroups* whitelist) {
   return ReadModel(
-      WhitelistPath(),
-      [](const pt::ptree& tree) { return AECWhiteList::Get(tree); }, whitelist);
+      WhitelistPath(), aec::kMaxWhitelistFileBytes,
+      [](const pt::ptree& tree) { return aec::WhitelistOf(tree); }, whitelist);
 }
 
 bool ReadExceptions(std::set<std::string>* exceptions) {
   return ReadModel(
-      ExceptionsPath(),
-      [](const pt::ptree& tree) { return AecExceptionsPolicy::Get(tree); },
+      ExceptionsPath(), aec::kMaxExceptionsFileBytes,
+      [](const pt::ptree& tree) {
+        const auto paths = aec::ExceptionsOf(tree);
+        return std::set<std::string>(paths.begin(), paths.end());
+      },
       exceptions);
 }
 
 [[noreturn]] void Missing(const std::string& path) {
-  throw ToolError(KxAecCtl::kConfigMissing, "no such file: " + path);
+  throw ToolError(Exit::kConfigMissing, "no such file: " + path);
 }
 
 [[noreturn]] void Invalid(const std::vector<std::string>& files) {
-  throw ToolError(KxAecCtl::kConfigInvalid,
+  throw ToolError(Exit::kConfigInvalid,
                   WithObjects("invalid configuration", files), files);
 }
 
 [[noreturn]] void CannotWrite(const std::string& what) {
-  throw ToolError(KxAecCtl::kConfigWrite, "cannot write " + what);
+  throw ToolError(Exit::kConfigWrite, "cannot write " + what);
 }
 
 }  // namespace
@@ -175,11 +186,11 @@ void Configuration::RequireChangeable(
     }
   }
   if (!missing.empty()) {
-    throw ToolError(KxAecCtl::kRuleMissing,
+    throw ToolError(Exit::kRuleMissing,
                     WithObjects("no such rules", missing), missing);
   }
   if (!system.empty()) {
-    throw ToolError(KxAecCtl::kSystemRule,
+    throw ToolError(Exit::kSystemRule,
                     WithObjects("system rules cannot be changed", system),
                     system);
   }
@@ -236,9 +247,7 @@ void Configuration::Save() {
       whitelist_changed_ = false;
     }
     if (exceptions_changed_) {
-      pt::ptree tree;
-      tree.add_child("resource_list", ListTree(exceptions_));
-      aec::WriteJsonConfig(ExceptionsPath(), tree, ConfigDir());
+      aec::WriteExceptionsFile(exceptions_);
       exceptions_changed_ = false;
     }
   } catch (const pt::json_parser_error& e) {

@@ -13,7 +13,7 @@ void RunConfirm(const Invocation&) {
   // files, and confirming removes the login warning as it does there.
   auto& confirmation = AecHardModeConfirmation::Get();
   if (!confirmation->Confirm()) {
-    throw ToolError(KxAecCtl::kOperationCanceled,
+    throw ToolError(Exit::kOperationCanceled,
                     "hard mode was not confirmed in time and can no longer "
                     "be confirmed (state " +
                         std::to_string(confirmation->State()) +

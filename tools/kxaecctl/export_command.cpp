@@ -37,19 +37,19 @@ bool IsWithin(const std::string& path, const std::string& dir) {
 
 void RunExport(const Invocation& invocation) {
   if (invocation.names.size() != 1 || !invocation.file) {
-    throw ToolError(KxAecCtl::kInvalidArgument,
+    throw ToolError(Exit::kInvalidArgument,
                     "export takes one rule (-n) and one file (-f)");
   }
   const std::string& name = invocation.names[0];
   const std::string& target = *invocation.file;
   if (target.empty() || target[0] != '/' || target.back() == '/') {
-    throw ToolError(KxAecCtl::kInvalidArgument,
+    throw ToolError(Exit::kInvalidArgument,
                     "not an absolute file path: '" + target + "'");
   }
   const std::string dir = DirName(target);
   const auto real_dir = Canonical(dir);
   if (!real_dir) {
-    throw ToolError(KxAecCtl::kConfigWrite,
+    throw ToolError(Exit::kConfigWrite,
                     "cannot write " + target + ": no directory " + dir);
   }
   // A rule exported into the configuration would become part of it (or,
@@ -58,35 +58,35 @@ void RunExport(const Invocation& invocation) {
   if (config_dir.size() > 1 && config_dir.back() == '/') config_dir.pop_back();
   const auto real_config = Canonical(config_dir);
   if (real_config && IsWithin(*real_dir, *real_config)) {
-    throw ToolError(KxAecCtl::kInvalidArgument,
+    throw ToolError(Exit::kInvalidArgument,
                     "will not export into " + config_dir + ": " + target);
   }
 
   if (!AecRule::IsExist(name)) {
-    throw ToolError(KxAecCtl::kRuleMissing, "no such rule: " + name, {name});
+    throw ToolError(Exit::kRuleMissing, "no such rule: " + name, {name});
   }
   const std::string path = AecRule::GetPath(name);
   try {
     // Read through the plug-in's record first: a damaged rule is not
     // handed out as if it were one.
     if (AecRule(path).Name() != name) {
-      throw ToolError(KxAecCtl::kConfigInvalid,
+      throw ToolError(Exit::kConfigInvalid,
                       "the file of " + name + " holds another rule", {path});
     }
   } catch (const PluginException&) {
-    throw ToolError(KxAecCtl::kConfigInvalid, "invalid rule file " + path,
+    throw ToolError(Exit::kConfigInvalid, "invalid rule file " + path,
                     {path});
   }
   std::ifstream in(path, std::ios::binary);
   const std::string content((std::istreambuf_iterator<char>(in)),
                             std::istreambuf_iterator<char>());
   if (!in.is_open() || in.bad()) {
-    throw ToolError(KxAecCtl::kConfigInvalid, "cannot read " + path, {path});
+    throw ToolError(Exit::kConfigInvalid, "cannot read " + path, {path});
   }
   try {
     kxfs::ReplaceFile(target, content, dir, 0644);
   } catch (const std::system_error& e) {
-    throw ToolError(KxAecCtl::kConfigWrite,
+    throw ToolError(Exit::kConfigWrite,
                     std::string("cannot write ") + target + ": " + e.what());
   }
 }

@@ -18,7 +18,7 @@ constexpr int kAideDifferences = 1;
 constexpr int kAideBadDatabase = 4;
 
 [[noreturn]] void CalculationError(const std::string& reason) {
-  throw ToolError(KxAecCtl::kIntegrityCalculation, reason);
+  throw ToolError(Exit::kIntegrityCalculation, reason);
 }
 
 ChildResult RunAide(const std::vector<std::string>& options) {
@@ -43,12 +43,12 @@ void CheckIntegrity() {
     case 0:
       return;
     case kAideDifferences:
-      throw ToolError(KxAecCtl::kIntegrityDbUpdate,
+      throw ToolError(Exit::kIntegrityDbUpdate,
                       WithObjects("configuration changed since it was sealed",
                                   result.lines),
                       result.lines);
     case kAideBadDatabase:
-      throw ToolError(KxAecCtl::kIntegrityViolation,
+      throw ToolError(Exit::kIntegrityViolation,
                       "the checksum database " + IntegrityDbPath() +
                           " is missing or damaged");
     default:

@@ -48,7 +48,7 @@ void AddDirectory(const std::string& dir, bool recursive,
     }
   }
   if (ec) {
-    throw ToolError(KxAecCtl::kResourceMissing,
+    throw ToolError(Exit::kResourceMissing,
                     "cannot read the directory " + dir + ": " + ec.message(),
                     {dir});
   }
@@ -64,7 +64,7 @@ bool ResourceExists(const std::string& path) {
 std::vector<std::string> ReadResourceList(const std::string& path) {
   std::ifstream in(path);
   if (!in || IsDirectory(path)) {
-    throw ToolError(KxAecCtl::kResourceMissing,
+    throw ToolError(Exit::kResourceMissing,
                     "cannot read the resource list " + path, {path});
   }
   std::vector<std::string> entries;
@@ -80,7 +80,7 @@ std::set<std::string> CollectResources(const ResourceRequest& request) {
   std::vector<std::string> paths = request.paths;
   if (request.list_file) {
     if (request.list_file->empty() || (*request.list_file)[0] != '/') {
-      throw ToolError(KxAecCtl::kInvalidArgument,
+      throw ToolError(Exit::kInvalidArgument,
                       "not an absolute path: " + *request.list_file);
     }
     for (auto& entry : ReadResourceList(*request.list_file)) {
@@ -90,7 +90,7 @@ std::set<std::string> CollectResources(const ResourceRequest& request) {
   std::vector<std::string> missing;
   for (const auto& path : paths) {
     if (path.empty() || path[0] != '/') {
-      throw ToolError(KxAecCtl::kInvalidArgument,
+      throw ToolError(Exit::kInvalidArgument,
                       "not an absolute path: '" + path + "'");
     }
     if (!ResourceExists(path) &&
@@ -99,7 +99,7 @@ std::set<std::string> CollectResources(const ResourceRequest& request) {
     }
   }
   if (!missing.empty()) {
-    throw ToolError(KxAecCtl::kResourceMissing,
+    throw ToolError(Exit::kResourceMissing,
                     WithObjects("resources do not exist", missing), missing);
   }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "aecwhitelist.h"
+#include "aec_whitelist_file.h"
 #include "commands.h"
 #include "commit.h"
 #include "configuration.h"
@@ -17,7 +17,7 @@ namespace aectool {
 namespace {
 
 [[noreturn]] void Invalid(const std::string& reason) {
-  throw ToolError(KxAecCtl::kInvalidArgument, reason);
+  throw ToolError(Exit::kInvalidArgument, reason);
 }
 
 // The items of `wanted` that `present` lacks, each once, in the order given.
@@ -65,22 +65,22 @@ void RemoveFromRule(const Invocation& invocation) {
   config.RequireChangeable({name});
   RuleEdit edit(*config.FindRule(name));
   if (invocation.HasMembers() && edit.Flag(rule_key::kAllAllowed)) {
-    throw ToolError(KxAecCtl::kAllowedForAll,
+    throw ToolError(Exit::kAllowedForAll,
                     "the rule applies to all users; it has no users or "
                     "groups to remove");
   }
   const auto users = edit.List(rule_key::kUsers);
   const auto groups = edit.List(rule_key::kGroups);
   const auto resources = edit.List(rule_key::kResources);
-  RequirePresent(Absent(invocation.users, users), KxAecCtl::kUsersNotInRule,
+  RequirePresent(Absent(invocation.users, users), Exit::kUsersNotInRule,
                  "users not in the rule");
-  RequirePresent(Absent(invocation.groups, groups), KxAecCtl::kGroupsNotInRule,
+  RequirePresent(Absent(invocation.groups, groups), Exit::kGroupsNotInRule,
                  "groups not in the rule");
   RequirePresent(Absent(invocation.resources, resources),
-                 KxAecCtl::kResourcesNotInRule, "resources not in the rule");
+                 Exit::kResourcesNotInRule, "resources not in the rule");
   const auto remaining = Without(resources, invocation.resources);
   if (remaining.empty()) {
-    throw ToolError(KxAecCtl::kResourceListEmpty,
+    throw ToolError(Exit::kResourceListEmpty,
                     "a rule needs at least one resource; remove the rule "
                     "instead");
   }
@@ -116,24 +116,24 @@ void RemoveFromLists(const Invocation& invocation) {
   if (!invocation.HasMembers() && invocation.resources.empty()) {
     Invalid("nothing to remove");
   }
-  if (invocation.HasMembers() && AECWhiteList::IsEnableCC()) {
-    throw ToolError(KxAecCtl::kCentralizedControl,
+  if (invocation.HasMembers() && aec::WhitelistUnderCentralControl()) {
+    throw ToolError(Exit::kCentralizedControl,
                     "the whitelist is under centralized control");
   }
   Configuration config = Configuration::Load();
   if (invocation.HasMembers()) {
     UsersAndGroups whitelist = config.Whitelist();
     RequirePresent(Absent(invocation.users, whitelist.users),
-                   KxAecCtl::kUsersNotInRule, "users not in the whitelist");
+                   Exit::kUsersNotInRule, "users not in the whitelist");
     RequirePresent(Absent(invocation.groups, whitelist.groups),
-                   KxAecCtl::kGroupsNotInRule, "groups not in the whitelist");
+                   Exit::kGroupsNotInRule, "groups not in the whitelist");
     whitelist.users = Without(whitelist.users, invocation.users);
     whitelist.groups = Without(whitelist.groups, invocation.groups);
     config.SetWhitelist(whitelist);
   }
   if (!invocation.resources.empty()) {
     RequirePresent(Absent(invocation.resources, config.Exceptions()),
-                   KxAecCtl::kResourcesNotInRule,
+                   Exit::kResourcesNotInRule,
                    "resources not among the exceptions");
     config.SetExceptions(Without(config.Exceptions(), invocation.resources));
   }

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "accounts.h"
-#include "aecwhitelist.h"
+#include "aec_whitelist_file.h"
 #include "commands.h"
 #include "commit.h"
 #include "configuration.h"
@@ -18,7 +18,7 @@ namespace aectool {
 namespace {
 
 [[noreturn]] void Invalid(const std::string& reason) {
-  throw ToolError(KxAecCtl::kInvalidArgument, reason);
+  throw ToolError(Exit::kInvalidArgument, reason);
 }
 
 bool WantsResources(const Invocation& invocation) {
@@ -65,8 +65,8 @@ void AddToLists(const Invocation& invocation) {
   }
   if (invocation.HasMembers()) {
     // Centrally managed, the whitelist is central management's alone.
-    if (AECWhiteList::IsEnableCC()) {
-      throw ToolError(KxAecCtl::kCentralizedControl,
+    if (aec::WhitelistUnderCentralControl()) {
+      throw ToolError(Exit::kCentralizedControl,
                       "the whitelist is under centralized control");
     }
     RequireAccounts(invocation.users, invocation.groups);
@@ -122,7 +122,7 @@ void RunAdd(const Invocation& invocation) {
   RuleEdit edit = existing ? RuleEdit(*existing) : RuleEdit::New(name);
   if (existing == nullptr) {
     if (resources.empty()) {
-      throw ToolError(KxAecCtl::kResourceListEmpty,
+      throw ToolError(Exit::kResourceListEmpty,
                       "a rule needs at least one resource");
     }
   } else {
@@ -130,7 +130,7 @@ void RunAdd(const Invocation& invocation) {
     config.RequireChangeable({name});
     if (invocation.HasMembers() && edit.Flag(rule_key::kAllAllowed) &&
         !invocation.all_users) {
-      throw ToolError(KxAecCtl::kAllowedForAll,
+      throw ToolError(Exit::kAllowedForAll,
                       "the rule applies to all users; users and groups "
                       "cannot be added");
     }
@@ -159,7 +159,7 @@ void RunUpdate(const Invocation& invocation) {
   const std::set<std::string> resources =
       CheckedMembersAndResources(invocation);
   if (WantsResources(invocation) && resources.empty()) {
-    throw ToolError(KxAecCtl::kResourceListEmpty,
+    throw ToolError(Exit::kResourceListEmpty,
                     "a rule needs at least one resource");
   }
   Configuration config = Configuration::Load();
@@ -209,8 +209,8 @@ void RunRename(const Invocation& invocation) {
   config.RequireChangeable({old_name});
   if (new_name == old_name) return;
   if (config.FindRule(new_name) != nullptr) {
-    throw ToolError(KxAecCtl::kRuleExists,
-                    "a rule named " + new_name + " exists", {new_name});
+    throw ToolError(Exit::kRuleExists, "a rule named " + new_name + " exists",
+                    {new_name});
   }
   RuleEdit edit(*config.FindRule(old_name));
   edit.SetName(new_name);

@@ -51,21 +51,21 @@ int Run(const std::vector<std::string>& args, std::ostream& out,
   if (invocation.help) {
     out << (invocation.word.empty() ? ToolHelp()
                                     : CommandHelp(invocation.command));
-    return KxAecCtl::kSuccess;
+    return Exit::kSuccess;
   }
   try {
     if (invocation.command == Command::kConfirm) {
       // The confirmation keeps its own state safely; it needs no lock and
       // touches no configuration.
       Dispatch(invocation);
-      return KxAecCtl::kSuccess;
+      return Exit::kSuccess;
     }
     const ToolLock lock;
     if (invocation.check && invocation.command != Command::kReload) {
       CheckIntegrity();
     }
     Dispatch(invocation);
-    return KxAecCtl::kSuccess;
+    return Exit::kSuccess;
   } catch (const ToolError& e) {
     err << "kxaecctl: " << invocation.word << ": " << e.what() << "\n";
     if (invocation.verbose) {
@@ -76,7 +76,7 @@ int Run(const std::vector<std::string>& args, std::ostream& out,
     // Anything the table has no code for (a file-system error in an
     // unexpected place) is the unknown error, with its reason.
     err << "kxaecctl: " << invocation.word << ": " << e.what() << "\n";
-    return KxAecCtl::kUnknownError;
+    return Exit::kUnknownError;
   }
 }
 

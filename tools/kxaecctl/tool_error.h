@@ -1,6 +1,5 @@
-// kxaecctl's failures. Each ends the run with one of the exit codes that the
-// plug-in's driver knows (KxAecCtl::Error, services/src/plugins/kxaecctl.h):
-// the tool and its driver share one table.
+// kxaecctl's failures. Each ends the run with one of the exit codes of the
+// table the tool shares with the plug-in's driver (aec_tool_exit_codes.h).
 #pragma once
 
 #include <stdexcept>
@@ -8,11 +7,12 @@
 #include <utility>
 #include <vector>
 
-#include "kxaecctl.h"
+#include "aec_tool_exit_codes.h"
 
 namespace aectool {
 
-using ExitCode = KxAecCtl::Error;
+using Exit = aec::ToolExitCodes;
+using ExitCode = Exit::Error;
 
 // `reason` is the one line printed on standard error; `objects` are the
 // offending users, groups, rules, resources or files, printed one per line

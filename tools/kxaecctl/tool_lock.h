@@ -1,21 +1,24 @@
-// One kxaecctl at a time: the service and an administrator may run the
-// tool together, and two read-change-write runs must not interleave.
+// One kxaecctl at a time, and never while the plug-in is changing the
+// configuration: the tool holds the model's configuration lock
+// (aec_config_lock.h) for its whole run. Run by the plug-in while the
+// plug-in holds that lock, it shares the lock the plug-in hands down.
 #pragma once
+
+#include <memory>
+
+#include "aec_config_lock.h"
 
 namespace aectool {
 
-// Holds an exclusive flock(2) on /opt/korvex/var/lib/aec/kxaecctl.lock
-// while it lives (waiting for another holder). Throws
-// ToolError(kUnknownError) when the lock file cannot be made or locked.
+// Holds the configuration lock while it lives (waiting for another holder).
+// Throws ToolError(kUnknownError) when the lock file cannot be made or
+// locked.
 class ToolLock {
  public:
   ToolLock();
-  ~ToolLock();
-  ToolLock(const ToolLock&) = delete;
-  ToolLock& operator=(const ToolLock&) = delete;
 
  private:
-  int fd_ = -1;
+  std::unique_ptr<aec::ConfigLock> lock_;
 };
 
 }  // namespace aectool

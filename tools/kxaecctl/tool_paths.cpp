@@ -1,8 +1,7 @@
 #include "tool_paths.h"
 
 #include "aec_paths.h"
-#include "aec_policies/aecexceptionspolicy.h"
-#include "aecwhitelist.h"
+#include "aec_whitelist_file.h"
 
 namespace aectool {
 
@@ -10,9 +9,9 @@ const std::string& RulesDir() { return aec::kRulesDir; }
 
 const std::string& ConfigDir() { return aec::kConfigDir; }
 
-const std::string& WhitelistPath() { return AECWhiteList::FilePath(); }
+const std::string& WhitelistPath() { return aec::WhitelistFilePath(); }
 
-const std::string& ExceptionsPath() { return AecExceptionsPolicy::FilePath(); }
+const std::string& ExceptionsPath() { return aec::kResourceExceptionPath; }
 
 const std::string& IntegrityToolPath() {
   static const std::string path = aec::kInstallRoot + "/bin/kxaide";
@@ -41,11 +40,6 @@ const std::string& LoadedSetDir() {
 
 const std::string& LoadedSetPath() {
   static const std::string path = LoadedSetDir() + "loaded-rules";
-  return path;
-}
-
-const std::string& LockPath() {
-  static const std::string path = LoadedSetDir() + "kxaecctl.lock";
   return path;
 }
 

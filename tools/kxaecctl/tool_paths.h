@@ -18,6 +18,5 @@ const std::string& IntegrityDbPath();      // .../crc-rule.db
 const std::string& IntegrityOutputPath();  // .../crc-rule-out.db
 const std::string& LoadedSetDir();         // /opt/korvex/var/lib/aec/
 const std::string& LoadedSetPath();        // .../loaded-rules
-const std::string& LockPath();             // .../kxaecctl.lock
 
 }  // namespace aectool

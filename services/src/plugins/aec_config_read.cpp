@@ -11,38 +11,36 @@ namespace aec {
 namespace {
 
 class Descriptor {
-public:
+ public:
   explicit Descriptor(int fd) : fd_(fd) {}
   ~Descriptor() {
-    if (fd_ >= 0)
-      ::close(fd_);
+    if (fd_ >= 0) ::close(fd_);
   }
-  Descriptor(const Descriptor &) = delete;
-  Descriptor &operator=(const Descriptor &) = delete;
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
   int get() const { return fd_; }
 
-private:
+ private:
   int fd_;
 };
 
-[[noreturn]] void Fail(ConfigReadError::Kind kind, const std::string &path,
-                       const std::string &why) {
+[[noreturn]] void Fail(ConfigReadError::Kind kind, const std::string& path,
+                       const std::string& why) {
   throw ConfigReadError(kind, path + ": " + why);
 }
 
-[[noreturn]] void FailErrno(const std::string &path, int error) {
+[[noreturn]] void FailErrno(const std::string& path, int error) {
   Fail(error == ENOENT ? ConfigReadError::Kind::kMissing
                        : ConfigReadError::Kind::kIo,
        path, std::strerror(error));
 }
 
-} // namespace
+}  // namespace
 
-std::string ReadConfigFile(const std::string &path, std::size_t max_bytes,
+std::string ReadConfigFile(const std::string& path, std::size_t max_bytes,
                            Links links) {
   int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-  if (links == Links::kRefuse)
-    flags |= O_NOFOLLOW;
+  if (links == Links::kRefuse) flags |= O_NOFOLLOW;
   const Descriptor file(::open(path.c_str(), flags));
   if (file.get() < 0) {
     if (errno == ELOOP && links == Links::kRefuse) {
@@ -51,8 +49,7 @@ std::string ReadConfigFile(const std::string &path, std::size_t max_bytes,
     FailErrno(path, errno);
   }
   struct stat info;
-  if (::fstat(file.get(), &info) != 0)
-    FailErrno(path, errno);
+  if (::fstat(file.get(), &info) != 0) FailErrno(path, errno);
   if (!S_ISREG(info.st_mode)) {
     Fail(ConfigReadError::Kind::kNotRegular, path, "not a regular file");
   }
@@ -67,12 +64,10 @@ std::string ReadConfigFile(const std::string &path, std::size_t max_bytes,
   for (;;) {
     const ssize_t got = ::read(file.get(), buffer, sizeof buffer);
     if (got < 0) {
-      if (errno == EINTR)
-        continue;
+      if (errno == EINTR) continue;
       FailErrno(path, errno);
     }
-    if (got == 0)
-      break;
+    if (got == 0) break;
     if (content.size() + static_cast<std::size_t>(got) > max_bytes) {
       Fail(ConfigReadError::Kind::kTooLarge, path, too_large);
     }
@@ -81,4 +76,4 @@ std::string ReadConfigFile(const std::string &path, std::size_t max_bytes,
   return content;
 }
 
-} // namespace aec
+}  // namespace aec

@@ -19,23 +19,23 @@
 namespace aec {
 
 // The bounds, in bytes.
-constexpr std::size_t kMaxRuleFileBytes = 16u << 20;     // one rule file
-constexpr std::size_t kMaxWhitelistFileBytes = 4u << 20; // white-list.config
+constexpr std::size_t kMaxRuleFileBytes = 16u << 20;      // one rule file
+constexpr std::size_t kMaxWhitelistFileBytes = 4u << 20;  // white-list.config
 constexpr std::size_t kMaxExceptionsFileBytes =
-    16u << 20; // resource-exception.conf
-constexpr std::size_t kMaxLoadedSetBytes = 256u << 20; // loaded-rules
+    16u << 20;  // resource-exception.conf
+constexpr std::size_t kMaxLoadedSetBytes = 256u << 20;  // loaded-rules
 
 // Why a file could not be read. what() names the path and the reason, ready
 // for a log line: "<path>: not a regular file", "<path>: larger than N
 // bytes", "<path>: <strerror>".
 class ConfigReadError : public std::runtime_error {
-public:
+ public:
   enum class Kind { kMissing, kNotRegular, kTooLarge, kIo };
-  ConfigReadError(Kind kind, const std::string &what)
+  ConfigReadError(Kind kind, const std::string& what)
       : std::runtime_error(what), kind_(kind) {}
   Kind kind() const { return kind_; }
 
-private:
+ private:
   Kind kind_;
 };
 
@@ -46,7 +46,7 @@ enum class Links { kFollow, kRefuse };
 // anything that is not a regular file and any file longer than `max_bytes`
 // (also one that grows past it while being read). Throws ConfigReadError
 // (kMissing when the path does not exist); never blocks on the file's type.
-std::string ReadConfigFile(const std::string &path, std::size_t max_bytes,
+std::string ReadConfigFile(const std::string& path, std::size_t max_bytes,
                            Links links = Links::kFollow);
 
-} // namespace aec
+}  // namespace aec

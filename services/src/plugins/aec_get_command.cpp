@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "aec_commands.h"
+#include "aec_exceptions_file.h"
 #include "aec_paths.h"
 #include "aec_replies.h"
 #include "aec_request_switch.h"
@@ -57,10 +58,8 @@ boost::shared_ptr<IXml> WhitelistSection() {
 
 boost::shared_ptr<IXml> ExceptionSection() {
   auto section = XMLParserBoost::CreateEmptyXML();
-  boost::property_tree::ptree tree;
-  boost::property_tree::read_json(kResourceExceptionPath, tree);
-  for (const auto& item : tree.get_child("resource_list")) {
-    section->AddValue("r", item.second.data(), true);
+  for (const std::string& path : ReadExceptionsFile()) {
+    section->AddValue("r", path, true);
   }
   section->AddValue("source", AecPolicySources::Get()->GetExceptionSource(),
                     false);

@@ -1,48 +1,47 @@
 #include "aec_loaded_set.h"
 
-#include "aec_config_read.h"
-
 #include <initializer_list>
 #include <unordered_map>
+
+#include "aec_config_read.h"
 
 namespace aec {
 namespace {
 
-constexpr const char *kHeader =
+constexpr const char* kHeader =
     "# Application execution control: the loaded rule set.\n"
     "# Written by kxaecctl; docs/tools.md describes it. Do not edit.\n"
     "format\t1\n";
 
-std::string Escape(const std::string &text) {
+std::string Escape(const std::string& text) {
   std::string out;
   out.reserve(text.size());
   for (char c : text) {
     switch (c) {
-    case '\\':
-      out += "\\\\";
-      break;
-    case '\t':
-      out += "\\t";
-      break;
-    case '\n':
-      out += "\\n";
-      break;
-    case '\r':
-      out += "\\r";
-      break;
-    default:
-      out += c;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
 }
 
-void AppendRecord(std::string *text,
+void AppendRecord(std::string* text,
                   std::initializer_list<std::string> fields) {
   bool first = true;
-  for (const auto &field : fields) {
-    if (!first)
-      *text += '\t';
+  for (const auto& field : fields) {
+    if (!first) *text += '\t';
     first = false;
     *text += Escape(field);
   }
@@ -53,8 +52,8 @@ std::string Bit(bool flag) { return flag ? "1" : "0"; }
 
 // One line being parsed; every failure names its line number.
 class Line {
-public:
-  Line(std::size_t number, const std::string &raw) : number_(number) {
+ public:
+  Line(std::size_t number, const std::string& raw) : number_(number) {
     std::string field;
     for (std::size_t i = 0; i < raw.size(); ++i) {
       const char c = raw[i];
@@ -62,23 +61,22 @@ public:
         fields_.push_back(std::move(field));
         field.clear();
       } else if (c == '\\') {
-        if (++i == raw.size())
-          Fail("a backslash ends the line");
+        if (++i == raw.size()) Fail("a backslash ends the line");
         switch (raw[i]) {
-        case '\\':
-          field += '\\';
-          break;
-        case 't':
-          field += '\t';
-          break;
-        case 'n':
-          field += '\n';
-          break;
-        case 'r':
-          field += '\r';
-          break;
-        default:
-          Fail(std::string("unknown escape \\") + raw[i]);
+          case '\\':
+            field += '\\';
+            break;
+          case 't':
+            field += '\t';
+            break;
+          case 'n':
+            field += '\n';
+            break;
+          case 'r':
+            field += '\r';
+            break;
+          default:
+            Fail(std::string("unknown escape \\") + raw[i]);
         }
       } else if (c == '\r' || c == '\0') {
         Fail(c == '\r' ? "a raw carriage return" : "a NUL byte");
@@ -89,7 +87,7 @@ public:
     fields_.push_back(std::move(field));
   }
 
-  const std::string &Kind() const { return fields_[0]; }
+  const std::string& Kind() const { return fields_[0]; }
 
   void ExpectFields(std::size_t count) const {
     if (fields_.size() != count) {
@@ -99,9 +97,8 @@ public:
   }
 
   // A name or path: never empty.
-  const std::string &Text(std::size_t i, const char *what) const {
-    if (fields_[i].empty())
-      Fail(std::string("an empty ") + what);
+  const std::string& Text(std::size_t i, const char* what) const {
+    if (fields_[i].empty()) Fail(std::string("an empty ") + what);
     return fields_[i];
   }
 
@@ -113,17 +110,15 @@ public:
   }
 
   std::uint32_t Id(std::size_t i) const {
-    const std::string &digits = fields_[i];
+    const std::string& digits = fields_[i];
     std::uint64_t value = 0;
     if (digits.empty() || digits.size() > 10)
       Fail("a bad id \"" + digits + "\"");
     for (char c : digits) {
-      if (c < '0' || c > '9')
-        Fail("a bad id \"" + digits + "\"");
+      if (c < '0' || c > '9') Fail("a bad id \"" + digits + "\"");
       value = value * 10 + static_cast<std::uint64_t>(c - '0');
     }
-    if (value > 0xffffffffULL)
-      Fail("a bad id \"" + digits + "\"");
+    if (value > 0xffffffffULL) Fail("a bad id \"" + digits + "\"");
     return static_cast<std::uint32_t>(value);
   }
 
@@ -131,38 +126,38 @@ public:
     return LoadedAccount{Id(id_field), Text(id_field + 1, "name")};
   }
 
-  [[noreturn]] void Fail(const std::string &reason) const {
+  [[noreturn]] void Fail(const std::string& reason) const {
     throw LoadedSetError(number_, reason);
   }
 
-private:
+ private:
   std::size_t number_;
   std::vector<std::string> fields_;
 };
 
-} // namespace
+}  // namespace
 
-bool LoadedRule::operator==(const LoadedRule &other) const {
+bool LoadedRule::operator==(const LoadedRule& other) const {
   return name == other.name && enable == other.enable &&
          all_users == other.all_users && extended == other.extended &&
          system == other.system && users == other.users &&
          groups == other.groups && resources == other.resources;
 }
 
-bool LoadedSet::operator==(const LoadedSet &other) const {
+bool LoadedSet::operator==(const LoadedSet& other) const {
   return rules == other.rules && whitelist_users == other.whitelist_users &&
          whitelist_groups == other.whitelist_groups &&
          exceptions == other.exceptions;
 }
 
-LoadedSetError::LoadedSetError(std::size_t line, const std::string &reason)
+LoadedSetError::LoadedSetError(std::size_t line, const std::string& reason)
     : std::runtime_error(
           (line == 0 ? std::string("loaded set: ")
                      : "loaded set line " + std::to_string(line) + ": ") +
           reason),
       line_(line) {}
 
-LoadedSet ParseLoadedSet(const std::string &text) {
+LoadedSet ParseLoadedSet(const std::string& text) {
   LoadedSet set;
   std::unordered_map<std::string, std::size_t> rule_index;
   bool have_format = false;
@@ -170,19 +165,16 @@ LoadedSet ParseLoadedSet(const std::string &text) {
   std::size_t begin = 0;
   while (begin < text.size()) {
     std::size_t end = text.find('\n', begin);
-    if (end == std::string::npos)
-      end = text.size();
+    if (end == std::string::npos) end = text.size();
     ++number;
     const std::string raw = text.substr(begin, end - begin);
     begin = end + 1;
-    if (raw.empty() || raw[0] == '#')
-      continue;
+    if (raw.empty() || raw[0] == '#') continue;
 
     const Line line(number, raw);
-    const std::string &kind = line.Kind();
+    const std::string& kind = line.Kind();
     if (kind == "format") {
-      if (have_format)
-        line.Fail("a second format record");
+      if (have_format) line.Fail("a second format record");
       line.ExpectFields(2);
       if (line.Text(1, "format") != "1") {
         line.Fail("unknown format \"" + line.Text(1, "format") + "\"");
@@ -190,8 +182,7 @@ LoadedSet ParseLoadedSet(const std::string &text) {
       have_format = true;
       continue;
     }
-    if (!have_format)
-      line.Fail("a record before the format record");
+    if (!have_format) line.Fail("a record before the format record");
 
     if (kind == "rule") {
       line.ExpectFields(6);
@@ -208,12 +199,12 @@ LoadedSet ParseLoadedSet(const std::string &text) {
     } else if (kind == "rule-user" || kind == "rule-group" ||
                kind == "rule-resource") {
       line.ExpectFields(kind == "rule-resource" ? 3 : 4);
-      const std::string &name = line.Text(1, "rule name");
+      const std::string& name = line.Text(1, "rule name");
       const auto found = rule_index.find(name);
       if (found == rule_index.end()) {
         line.Fail("rule \"" + name + "\" is not declared before");
       }
-      LoadedRule &rule = set.rules[found->second];
+      LoadedRule& rule = set.rules[found->second];
       if (kind == "rule-user") {
         rule.users.push_back(line.Account(2));
       } else if (kind == "rule-group") {
@@ -232,45 +223,44 @@ LoadedSet ParseLoadedSet(const std::string &text) {
       line.Fail("unknown record \"" + kind + "\"");
     }
   }
-  if (!have_format)
-    throw LoadedSetError(0, "no format record");
+  if (!have_format) throw LoadedSetError(0, "no format record");
   return set;
 }
 
-LoadedSet ReadLoadedSetFile(const std::string &path) {
+LoadedSet ReadLoadedSetFile(const std::string& path) {
   return ParseLoadedSet(
       ReadConfigFile(path, kMaxLoadedSetBytes, Links::kRefuse));
 }
 
-std::string FormatLoadedSet(const LoadedSet &set) {
+std::string FormatLoadedSet(const LoadedSet& set) {
   std::string text = kHeader;
-  for (const auto &rule : set.rules) {
+  for (const auto& rule : set.rules) {
     AppendRecord(&text,
                  {"rule", rule.name, Bit(rule.enable), Bit(rule.all_users),
                   Bit(rule.extended), Bit(rule.system)});
-    for (const auto &user : rule.users) {
+    for (const auto& user : rule.users) {
       AppendRecord(
           &text, {"rule-user", rule.name, std::to_string(user.id), user.name});
     }
-    for (const auto &group : rule.groups) {
+    for (const auto& group : rule.groups) {
       AppendRecord(&text, {"rule-group", rule.name, std::to_string(group.id),
                            group.name});
     }
-    for (const auto &resource : rule.resources) {
+    for (const auto& resource : rule.resources) {
       AppendRecord(&text, {"rule-resource", rule.name, resource});
     }
   }
-  for (const auto &user : set.whitelist_users) {
+  for (const auto& user : set.whitelist_users) {
     AppendRecord(&text, {"whitelist-user", std::to_string(user.id), user.name});
   }
-  for (const auto &group : set.whitelist_groups) {
+  for (const auto& group : set.whitelist_groups) {
     AppendRecord(&text,
                  {"whitelist-group", std::to_string(group.id), group.name});
   }
-  for (const auto &exception : set.exceptions) {
+  for (const auto& exception : set.exceptions) {
     AppendRecord(&text, {"exception", exception});
   }
   return text;
 }
 
-} // namespace aec
+}  // namespace aec

@@ -34,7 +34,7 @@ struct LoadedAccount {
   std::uint32_t id = 0;
   std::string name;
 
-  bool operator==(const LoadedAccount &other) const {
+  bool operator==(const LoadedAccount& other) const {
     return id == other.id && name == other.name;
   }
 };
@@ -49,16 +49,16 @@ struct LoadedRule {
   std::vector<LoadedAccount> groups;
   std::vector<std::string> resources;
 
-  bool operator==(const LoadedRule &other) const;
+  bool operator==(const LoadedRule& other) const;
 };
 
 struct LoadedSet {
-  std::vector<LoadedRule> rules; // in the order of the text
+  std::vector<LoadedRule> rules;  // in the order of the text
   std::vector<LoadedAccount> whitelist_users;
   std::vector<LoadedAccount> whitelist_groups;
   std::vector<std::string> exceptions;
 
-  bool operator==(const LoadedSet &other) const;
+  bool operator==(const LoadedSet& other) const;
 };
 
 // Why a text is not a loaded set. line() is the 1-based number of the
@@ -66,11 +66,11 @@ struct LoadedSet {
 // record). what() reads "loaded set line N: <reason>" (or "loaded set:
 // <reason>").
 class LoadedSetError : public std::runtime_error {
-public:
-  LoadedSetError(std::size_t line, const std::string &reason);
+ public:
+  LoadedSetError(std::size_t line, const std::string& reason);
   std::size_t line() const { return line_; }
 
-private:
+ private:
   std::size_t line_;
 };
 
@@ -81,20 +81,20 @@ private:
 // or path, an unknown escape or a lone backslash, a raw carriage return or
 // NUL, a rule declared twice, a rule-* record whose rule was not declared
 // on an earlier line. Throws nothing else but std::bad_alloc.
-LoadedSet ParseLoadedSet(const std::string &text);
+LoadedSet ParseLoadedSet(const std::string& text);
 
 // Reads and parses the loaded set at `path` (normally
 // /opt/korvex/var/lib/aec/loaded-rules) through ReadConfigFile with
 // kMaxLoadedSetBytes, refusing a symbolic link: the set is only ever written
 // by the tool, as a regular file. Throws ConfigReadError (aec_config_read.h;
 // kind kMissing when no set was ever written) or LoadedSetError.
-LoadedSet ReadLoadedSetFile(const std::string &path);
+LoadedSet ReadLoadedSetFile(const std::string& path);
 
 // The text of `set`: a comment header, "format 1", then the rules each with
 // its users, groups and resources, the whitelist users, the whitelist
 // groups and the exceptions, all in the order `set` holds them (the caller
 // decides the order; the tool sorts). ParseLoadedSet(FormatLoadedSet(s))
 // == s for every set whose names and paths are not empty.
-std::string FormatLoadedSet(const LoadedSet &set);
+std::string FormatLoadedSet(const LoadedSet& set);
 
-} // namespace aec
+}  // namespace aec

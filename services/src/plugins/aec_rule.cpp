@@ -7,6 +7,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "aec_config_read.h"
 #include "aec_paths.h"
 #include "host/errors.h"
 #include "host/file_util.h"
@@ -57,7 +58,8 @@ AecRule::AecRule(const pt::ptree& tree) {
 AecRule::AecRule(const std::string& path) : path_(path) {
   try {
     pt::ptree tree;
-    pt::read_json(path, tree);
+    std::istringstream text(aec::ReadConfigFile(path, aec::kMaxRuleFileBytes));
+    pt::read_json(text, tree);
     Init(tree);
   } catch (const std::exception& e) {
     log_trivial(LOG_ERR,
@@ -170,7 +172,6 @@ bool AecRule::IsValidName(const std::string& name) {
   // such rule fail a whole rule set at write time; it is refused up front
   // like any other name that cannot be a file.
   return !name.empty() && name.size() <= kMaxNameLength && name != "." &&
-         name != ".." &&
-         name.find('/') == std::string::npos &&
+         name != ".." && name.find('/') == std::string::npos &&
          name.find('\0') == std::string::npos;
 }

@@ -6,8 +6,10 @@
 #include <cstdlib>
 #include <exception>
 
+#include "aec_config_lock.h"
 #include "aec_helper.h"
 #include "aec_paths.h"
+#include "aec_whitelist_file.h"
 #include "host/errors.h"
 #include "host/log.h"
 #include "host/policy_sources.h"
@@ -18,7 +20,6 @@ namespace {
 
 // One literal each, fixed at load: the tool's command line holds no value
 // from outside, so handing it to the shell cannot be abused.
-const std::string kWhiteListPath = "/opt/korvex/etc/aec/white-list.config";
 const std::string kReloadCommand = "/opt/korvex/bin/kxaecctl reload -w";
 const std::string kLocalSource = "local";
 
@@ -42,24 +43,15 @@ void AppendList(boost::property_tree::ptree& tree, const std::string& key,
   tree.add_child(key, list);
 }
 
-std::vector<std::string> ElementValues(
-    const boost::property_tree::ptree& node) {
-  std::vector<std::string> values;
-  for (const auto& element : node) values.push_back(element.second.data());
-  return values;
-}
-
 }  // namespace
 
 AECWhiteList::AECWhiteList(const std::string& source) : source_(source) {}
 
-const std::string& AECWhiteList::FilePath() { return kWhiteListPath; }
+const std::string& AECWhiteList::FilePath() { return aec::WhitelistFilePath(); }
 
 UsersAndGroups AECWhiteList::Get() {
   try {
-    boost::property_tree::ptree tree;
-    boost::property_tree::read_json(kWhiteListPath, tree);
-    return Get(tree);
+    return aec::ReadWhitelistFile();
   } catch (const std::exception& e) {
     log_trivial(LOG_ERR, std::string("failed to parse AEC whitelist config: ") +
                              e.what());
@@ -68,27 +60,24 @@ UsersAndGroups AECWhiteList::Get() {
 }
 
 UsersAndGroups AECWhiteList::Get(const boost::property_tree::ptree& tree) {
-  UsersAndGroups result;
-  result.users = ElementValues(tree.get_child("user_list"));
-  result.groups = ElementValues(tree.get_child("group_list"));
-  return result;
+  return aec::WhitelistOf(tree);
 }
 
 void AECWhiteList::Apply(UsersAndGroups value) {
+  // Write, load and seal are one change under the configuration lock; the
+  // tool run below shares it.
+  const aec::ConfigLock lock;
   boost::property_tree::ptree tree;
   AppendList(tree, "user_list", value.users);
   AppendList(tree, "group_list", value.groups);
-  aec::WriteJsonConfig(kWhiteListPath, tree, aec::kConfigDir);
+  aec::WriteJsonConfig(aec::WhitelistFilePath(), tree, aec::kConfigDir);
   EnableCC();
   Reload();  // the tool reports its own failures; the file stays written
 }
 
 int AECWhiteList::Reload() { return std::system(kReloadCommand.c_str()); }
 
-bool AECWhiteList::IsEnableCC() {
-  const std::string source = AecPolicySources::Get()->GetWhitelistSource();
-  return !source.empty() && source != kLocalSource;
-}
+bool AECWhiteList::IsEnableCC() { return aec::WhitelistUnderCentralControl(); }
 
 std::string AECWhiteList::CurrentSource() {
   if (!IsEnableCC()) return kLocalSource;
@@ -97,6 +86,7 @@ std::string AECWhiteList::CurrentSource() {
 
 void AECWhiteList::EnableCC() const {
   if (CurrentSource() == source_) return;
+  const aec::ConfigLock lock;
   AecPolicySources* sources = AecPolicySources::Get();
   sources->SetWhitelistSource(source_);
   sources->WriteConfig();
@@ -104,6 +94,7 @@ void AECWhiteList::EnableCC() const {
 
 void AECWhiteList::DisableCC() {
   if (!IsEnableCC()) return;
+  const aec::ConfigLock lock;
   AecPolicySources* sources = AecPolicySources::Get();
   sources->SetWhitelistSource("");
   sources->WriteConfig();

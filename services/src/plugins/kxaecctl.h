@@ -28,38 +28,12 @@
 #include <string>
 #include <vector>
 
-class KxAecCtl {
- public:
-  // The tool's exit codes. Any other value (an unknown code, -1 for a
-  // failing wait) can be held as well.
-  enum Error : std::int32_t {
-    kSuccess = 0,
-    kUnknownError = 1,
-    kInvalidArgument = 2,
-    kOperationCanceled = 3,
-    kUsersNotFound = 4,
-    kGroupsNotFound = 5,
-    kKernelInteraction = 6,
-    kUsersNotInRule = 7,
-    kGroupsNotInRule = 8,
-    kResourcesNotInRule = 9,
-    kConfigInvalid = 10,
-    kConfigMissing = 11,
-    kConfigWrite = 12,
-    kCentralizedControl = 13,
-    kRuleMissing = 14,
-    kResourceListEmpty = 15,
-    kSystemRule = 16,
-    kAllowedForAll = 17,
-    kRuleExists = 18,
-    kInvalidDateTime = 19,
-    kIntegrityCalculation = 20,
-    kIntegrityViolation = 21,
-    kServiceCommunication = 23,
-    kIntegrityDbUpdate = 24,
-    kResourceMissing = 25,
-  };
+#include "aec_tool_exit_codes.h"
 
+// The exit codes (Error, kSuccess, ...) are the shared table of
+// aec_tool_exit_codes.h.
+class KxAecCtl : public aec::ToolExitCodes {
+ public:
   // Command line = tool path + " " + command; with `standardOptions` then
   // " -C" and " -v".
   KxAecCtl(const std::string& command, bool standardOptions);

@@ -3,6 +3,8 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <exception>
 
+#include "aec_config_lock.h"
+#include "aec_exceptions_file.h"
 #include "aec_helper.h"
 #include "aec_log.h"
 #include "aec_paths.h"
@@ -21,9 +23,8 @@ AecExceptionsPolicy::AecExceptionsPolicy(const KernelPolicyManager& manager)
   // May be empty: the host's record as it stands, not a default.
   source_ = AecPolicySources::Get()->GetExceptionSource();
   try {
-    boost::property_tree::ptree tree;
-    boost::property_tree::read_json(FilePath(), tree);
-    exceptions_ = Get(tree);
+    const auto paths = aec::ReadExceptionsFile();
+    exceptions_.insert(paths.begin(), paths.end());
   } catch (const std::exception& e) {
     // The format has one conversion more than there are values; the last
     // one is given an empty text so the line stays well-defined.
@@ -42,11 +43,8 @@ const std::string& AecExceptionsPolicy::FilePath() {
 
 std::set<std::string> AecExceptionsPolicy::Get(
     const boost::property_tree::ptree& tree) {
-  std::set<std::string> result;
-  for (const auto& element : tree.get_child("resource_list")) {
-    result.insert(element.second.data());
-  }
-  return result;
+  const auto paths = aec::ExceptionsOf(tree);
+  return std::set<std::string>(paths.begin(), paths.end());
 }
 
 void AecExceptionsPolicy::SetValue(const boost::property_tree::ptree& value) {
@@ -72,15 +70,10 @@ void AecExceptionsPolicy::SetValue(const boost::property_tree::ptree& value) {
 }
 
 bool AecExceptionsPolicy::Apply() {
-  boost::property_tree::ptree list;
-  for (const std::string& path : exceptions_) {
-    boost::property_tree::ptree element;
-    element.put_value(path);
-    list.push_back(std::make_pair(std::string(), element));
-  }
-  boost::property_tree::ptree tree;
-  tree.add_child("resource_list", list);
-  aec::WriteJsonConfig(FilePath(), tree, aec::kConfigDir);
+  // Write, load and seal are one change under the configuration lock; the
+  // tool run below shares it.
+  const aec::ConfigLock lock;
+  aec::WriteExceptionsFile(exceptions_);
   RecordSource();
   const bool ok = aec::reload_rules();
   if (ok) changed_ = false;
@@ -93,6 +86,7 @@ void AecExceptionsPolicy::ResetSource() {
 }
 
 void AecExceptionsPolicy::SourceWasReset() {
+  const aec::ConfigLock lock;
   RecordSource();
   // The sources file is checksummed with the rule configuration.
   aec::recalc_common_crc();

@@ -27,9 +27,9 @@ std::string WarningPath() {
 // stray temporary file. Same file system, so the rename is atomic.
 std::string WarningTempDir() { return aec::kInstallRoot + "/var/tmp/"; }
 
-} // namespace
+}  // namespace
 
-std::unique_ptr<AecHardModeConfirmation> &AecHardModeConfirmation::Get() {
+std::unique_ptr<AecHardModeConfirmation>& AecHardModeConfirmation::Get() {
   static std::unique_ptr<AecHardModeConfirmation> instance(
       new AecHardModeConfirmation());
   return instance;
@@ -66,7 +66,7 @@ bool AecHardModeConfirmation::HandlerWaitForConfirmation() {
     // Owner read/write only at first; readers are let in below by adding
     // bits, never by replacing the mode.
     kxfs::ReplaceFile(WarningPath(), text, WarningTempDir(), 0600);
-  } catch (const std::system_error &) {
+  } catch (const std::system_error&) {
     return false;
   }
   boost::system::error_code ec;

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "aec_config_lock.h"
 #include "aec_helper.h"
 #include "aec_paths.h"
 #include "aec_rule_batch.h"
@@ -39,6 +40,9 @@ void AecRulesPolicy::SetValue(const boost::property_tree::ptree& value) {
 }
 
 bool AecRulesPolicy::Apply() {
+  // Writes, load and seal are one change under the configuration lock; the
+  // tool run below shares it.
+  const aec::ConfigLock lock;
   // Every new file is in place before any dropped one goes, so a failed
   // write never leaves the rule set smaller than both the old and the new.
   // The files are written as one batch with a single flush: a flush per
