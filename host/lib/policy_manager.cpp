@@ -14,6 +14,7 @@
 
 #include "host/log.h"
 #include "getter_table.h"
+#include "host_events.h"
 #include "kernel_int.h"
 #include "policy_documents.h"
 #include "settings_db.h"
@@ -245,13 +246,17 @@ void PolicyManager::ApplyPolicies() {
   for (const auto& policy : policies_) {
     if (!policy->IsChanged()) continue;
     const std::string name = policy->Name();
+    // The entry points that apply return nothing about it, so a failure is
+    // also recorded as a host event: kxhost turns it into its exit code.
     try {
       if (!policy->Apply()) {
         KX_MANAGER_LOG(4, "[%d] %s: policy '%s' was not applied", name.c_str());
+        kxhost::RecordEvent("policy_not_applied", {plugin_, name});
       }
     } catch (const std::exception& e) {
       KX_MANAGER_LOG(3, "[%d] %s: policy '%s' failed to apply: %s",
                      name.c_str(), e.what());
+      kxhost::RecordEvent("policy_not_applied", {plugin_, name});
     }
   }
   SavePolicies(policies_);
