@@ -171,6 +171,8 @@ TEST_F(JournalReadBudget, ReadsWaitWhileAWriterHoldsTheJournal) {
                                     {"operationresult", "all"}});
     if (reply.Result("loglist").get<std::string>("result", "") != "1") {
       ++failures;
+      ADD_FAILURE() << ErrorOf(reply, "loglist") << "\n"
+                    << (log_.Lines().empty() ? "" : log_.Lines().back());
     }
   }
   stop = true;

@@ -144,6 +144,9 @@ Database OpenJournal(StatementCheck* check) {
           SQLITE_OK &&
       sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0,
                         nullptr) == SQLITE_OK &&
+      // First: the PRAGMAs below already wait for a writer's lock.
+      sqlite3_busy_timeout(raw, JournalReadLimits::kBusyTimeoutMs) ==
+          SQLITE_OK &&
       // Page caches are set while PRAGMA is still allowed; temp is the
       // database that DISTINCT and ORDER BY spill into.
       sqlite3_exec(raw,
@@ -153,8 +156,6 @@ Database OpenJournal(StatementCheck* check) {
                     std::to_string(JournalReadLimits::kCacheKib))
                        .c_str(),
                    nullptr, nullptr, nullptr) == SQLITE_OK &&
-      sqlite3_busy_timeout(raw, JournalReadLimits::kBusyTimeoutMs) ==
-          SQLITE_OK &&
       sqlite3_set_authorizer(raw, AuthorizeJournalAccess, check) == SQLITE_OK;
   sqlite3_limit(raw, SQLITE_LIMIT_ATTACHED, 0);
   sqlite3_limit(raw, SQLITE_LIMIT_LENGTH, JournalReadLimits::kMaxValueBytes);
