@@ -65,7 +65,7 @@ KX_HOST_API std::string ReadLimited(std::istream& in, std::size_t max_bytes);
 
 // CheckJsonLimits, then Boost's JSON reader. Throws DocumentLimitError or
 // boost::property_tree::json_parser_error.
-KX_HOST_API boost::property_tree::ptree ParseJson(
-    const std::string& text, const DocumentLimits& limits);
+KX_HOST_API boost::property_tree::ptree ParseJson(const std::string& text,
+                                                  const DocumentLimits& limits);
 
 }  // namespace kxdoc

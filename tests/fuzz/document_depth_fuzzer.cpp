@@ -80,7 +80,8 @@ bool WellFormed(const std::string& text) {
 
 class Bytes {
  public:
-  Bytes(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
+  Bytes(const std::uint8_t* data, std::size_t size)
+      : data_(data), size_(size) {}
   bool empty() const { return at_ >= size_; }
   std::uint8_t Next() { return at_ < size_ ? data_[at_++] : 0; }
 

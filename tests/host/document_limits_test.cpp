@@ -100,7 +100,8 @@ TEST(DocumentLimits, TooDeepXmlIsRefusedNamingTheLimit) {
 
 TEST(DocumentLimits, TooLargeTextIsRefusedNamingTheLimit) {
   const std::string text = "<a>" + std::string(100, 'x') + "</a>";
-  EXPECT_THROW(CheckXmlLimits(text, DocumentLimits{64, 64}), DocumentLimitError);
+  EXPECT_THROW(CheckXmlLimits(text, DocumentLimits{64, 64}),
+               DocumentLimitError);
   EXPECT_THROW(CheckJsonLimits("\"" + std::string(100, 'x') + "\"",
                                DocumentLimits{64, 64}),
                DocumentLimitError);

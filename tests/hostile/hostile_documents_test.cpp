@@ -52,9 +52,9 @@ class HostileDocuments : public kxtest::SandboxTest {
 
 TEST_F(HostileDocuments, ADeeplyNestedRequestIsRefusedWithoutCrashing) {
   const std::size_t n = 25000;
-  const std::string request =
-      "<request command=\"add\"><rule name=\"r\"><u>" + Repeat("<a>", n) +
-      Repeat("</a>", n) + "</u></rule></request>";
+  const std::string request = "<request command=\"add\"><rule name=\"r\"><u>" +
+                              Repeat("<a>", n) + Repeat("</a>", n) +
+                              "</u></rule></request>";
   const auto result = Run("exec", request);
   EXPECT_EQ(result.exit_code, 2) << result.err;
   EXPECT_TRUE(Has(result.err, "nested deeper than 64 levels")) << result.err;
@@ -115,8 +115,9 @@ TEST_F(HostileDocuments, ARuleNameWithControlBytesGivesAWellFormedReply) {
   const auto result = Run("exec", request);
   ASSERT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(kxtest::XmlWellFormednessError(result.out), "") << result.out;
-  EXPECT_TRUE(Has(result.out, "bad\xef\xbf\xbdname\xef\xbf\xbd\xef\xbf\xbd"
-                              "\xef\xbf\xbd"))
+  EXPECT_TRUE(Has(result.out,
+                  "bad\xef\xbf\xbdname\xef\xbf\xbd\xef\xbf\xbd"
+                  "\xef\xbf\xbd"))
       << result.out;
 }
 

@@ -4,9 +4,8 @@
 // 5.4 GB and 68 s, a busy writer made reads fail at once, and a control
 // byte in a program name made a reply no XML parser accepts.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-
 #include <sqlite3.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
@@ -77,9 +76,9 @@ TEST_F(JournalReadBudget, FunctionsThatMakeLongValuesAreRefused) {
         "replace(app,'/','//')", "hex(app)", "quote(app)", "format('%s',app)",
         "group_concat(app)", "substr(app,1,1)||printf('%s',app)"}) {
     log_.Clear();
-    const Reply reply =
-        RunCommand(aec::HandleLog, "log",
-                   {{"execfile", "x' UNION SELECT " + call + ",1 FROM logs --"}});
+    const Reply reply = RunCommand(
+        aec::HandleLog, "log",
+        {{"execfile", "x' UNION SELECT " + call + ",1 FROM logs --"}});
     EXPECT_EQ(ErrorOf(reply, "log"), kReadError) << call;
     EXPECT_TRUE(log_.Contains("is not allowed")) << call;
   }
@@ -98,12 +97,13 @@ TEST_F(JournalReadBudget, FunctionsThatCannotGrowAValueStillWork) {
 TEST_F(JournalReadBudget, AValueLongerThanTheLengthLimitFails) {
   // 600 KB paths joined to themselves pass the 1 MiB value limit.
   WriteJournal(kJournalPath, Programs(2, 600 * 1024));
-  const Reply reply = RunCommand(
-      aec::HandleLog, "log",
-      {{"execfile", "x' UNION SELECT app || app, 1 FROM logs --"}});
+  const Reply reply =
+      RunCommand(aec::HandleLog, "log",
+                 {{"execfile", "x' UNION SELECT app || app, 1 FROM logs --"}});
   EXPECT_EQ(ErrorOf(reply, "log"), kReadError);
-  EXPECT_TRUE(log_.Contains("journal read stopped: a value or the statement "
-                            "is longer than 1048576 bytes"));
+  EXPECT_TRUE(
+      log_.Contains("journal read stopped: a value or the statement "
+                    "is longer than 1048576 bytes"));
 }
 
 TEST_F(JournalReadBudget, AReplyLargerThanItsBoundFails) {
@@ -116,8 +116,9 @@ TEST_F(JournalReadBudget, AReplyLargerThanItsBoundFails) {
       {{"execfile",
         "x' UNION ALL SELECT a.app || b.app, 1 FROM logs a, logs b --"}});
   EXPECT_EQ(ErrorOf(reply, "log"), kReadError);
-  EXPECT_TRUE(log_.Contains("journal read stopped: the reply would be longer "
-                            "than 67108864 bytes"));
+  EXPECT_TRUE(
+      log_.Contains("journal read stopped: the reply would be longer "
+                    "than 67108864 bytes"));
   EXPECT_LT(MaxRssKib() - rss_before, 256 * 1024);
 }
 
@@ -125,15 +126,17 @@ TEST_F(JournalReadBudget, AStatementOverItsTimeBudgetIsInterrupted) {
   // 200^4 rows to walk: hours without a budget.
   WriteJournal(kJournalPath, Programs(200));
   const auto start = std::chrono::steady_clock::now();
-  const Reply reply = RunCommand(
-      aec::HandleLogList, "loglist",
-      {{"execfiles", "1"},
-       {"finaltime", "0 OR EXISTS (SELECT 1 FROM logs a, logs b, logs c, "
-                     "logs d WHERE a.app || b.app || c.app || d.app = 'z')"}});
+  const Reply reply =
+      RunCommand(aec::HandleLogList, "loglist",
+                 {{"execfiles", "1"},
+                  {"finaltime",
+                   "0 OR EXISTS (SELECT 1 FROM logs a, logs b, logs c, "
+                   "logs d WHERE a.app || b.app || c.app || d.app = 'z')"}});
   EXPECT_EQ(ErrorOf(reply, "loglist"), kReadError);
   EXPECT_LT(SecondsSince(start), 30.0);
-  EXPECT_TRUE(log_.Contains("journal read stopped: the statement ran longer "
-                            "than 10000 ms"));
+  EXPECT_TRUE(
+      log_.Contains("journal read stopped: the statement ran longer "
+                    "than 10000 ms"));
 }
 
 TEST_F(JournalReadBudget, ReadsWaitWhileAWriterHoldsTheJournal) {
@@ -183,16 +186,21 @@ TEST_F(JournalReadBudget, ReadsWaitWhileAWriterHoldsTheJournal) {
 
 TEST_F(JournalReadBudget, ControlBytesInTheJournalGiveWellFormedReplies) {
   std::vector<kxbench::JournalRow> rows = {
-      Row(1054, std::string("/tmp/a\x01" "b"), FrameObjectName("/tmp/o\x1b")),
+      Row(1054,
+          std::string("/tmp/a\x01"
+                      "b"),
+          FrameObjectName("/tmp/o\x1b")),
       Row(1050, std::string("/tmp/\xff\xfe"), FrameObjectName("/lib/\xc3")),
   };
   rows[0].username = std::string("eve\x02");
   WriteJournal(kJournalPath, rows);
-  const Reply log = RunCommand(aec::HandleLog, "log",
-                               {{"operationresult", "all"}, {"openfiles", "1"}});
+  const Reply log = RunCommand(
+      aec::HandleLog, "log", {{"operationresult", "all"}, {"openfiles", "1"}});
   const std::string log_text = log.doc->ToString("reply");
   EXPECT_EQ(kxtest::XmlWellFormednessError(log_text), "") << log_text;
-  EXPECT_NE(log_text.find("/tmp/a\xef\xbf\xbd" "b"), std::string::npos)
+  EXPECT_NE(log_text.find("/tmp/a\xef\xbf\xbd"
+                          "b"),
+            std::string::npos)
       << log_text;
   const Reply list = RunCommand(
       aec::HandleLogList, "loglist",

@@ -16,9 +16,8 @@ inline std::string XmlWellFormednessError(const std::string& text) {
   if (XML_Parse(parser, text.data(), static_cast<int>(text.size()), 1) !=
       XML_STATUS_OK) {
     error = std::string(XML_ErrorString(XML_GetErrorCode(parser))) +
-            " at line " +
-            std::to_string(XML_GetCurrentLineNumber(parser)) + ", column " +
-            std::to_string(XML_GetCurrentColumnNumber(parser));
+            " at line " + std::to_string(XML_GetCurrentLineNumber(parser)) +
+            ", column " + std::to_string(XML_GetCurrentColumnNumber(parser));
   }
   XML_ParserFree(parser);
   return error;

@@ -41,11 +41,11 @@ struct StatementCheck {
 
 // Sorted, lower case: looked up with std::binary_search.
 constexpr const char* kAllowedFunctions[] = {
-    "abs",      "avg",       "coalesce", "count",     "date",   "datetime",
-    "glob",     "ifnull",    "iif",      "instr",     "julianday", "length",
-    "like",     "lower",     "ltrim",    "max",       "min",    "nullif",
-    "round",    "rtrim",     "strftime", "substr",    "substring", "sum",
-    "time",     "total",     "trim",     "typeof",    "unixepoch", "upper",
+    "abs",   "avg",    "coalesce", "count",  "date",      "datetime",
+    "glob",  "ifnull", "iif",      "instr",  "julianday", "length",
+    "like",  "lower",  "ltrim",    "max",    "min",       "nullif",
+    "round", "rtrim",  "strftime", "substr", "substring", "sum",
+    "time",  "total",  "trim",     "typeof", "unixepoch", "upper",
 };
 
 // Called by SQLite every few hundred virtual machine steps; a non-zero
@@ -233,7 +233,8 @@ void ExplainFailure(sqlite3* db, const StatementCheck& check, int rc) {
   } else if (rc == SQLITE_NOMEM) {
     LogBound("out of memory");
   } else if (rc == SQLITE_ERROR &&
-             std::strstr(sqlite3_errmsg(db), "too many") != nullptr) {
+             (std::strstr(sqlite3_errmsg(db), "too many") != nullptr ||
+              std::strstr(sqlite3_errmsg(db), "too large") != nullptr)) {
     LogBound(sqlite3_errmsg(db));  // compound, depth or argument limits
   }
 }
@@ -292,8 +293,9 @@ void QueryAuditDb(const std::string& sql, const AuditRowHandler& on_row) {
     check.saw_select = false;
     check.refused_function.clear();
     check.out_of_time = false;
-    check.deadline = std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(JournalReadLimits::kTimeBudgetMs);
+    check.deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::milliseconds(JournalReadLimits::kTimeBudgetMs);
     sqlite3_stmt* raw = nullptr;
     const int prepared = sqlite3_prepare_v2(db.get(), next, -1, &raw, &next);
     if (prepared != SQLITE_OK) {
