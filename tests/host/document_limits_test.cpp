@@ -28,7 +28,11 @@ std::string Repeat(const std::string& text, std::size_t n) {
 std::size_t TreeDepth(const pt::ptree& tree) {
   std::size_t deepest = 0;
   for (const auto& child : tree) {
-    if (!child.first.empty() && child.first[0] == '<') continue;
+    // The parser's own keys; an element may be named "<x" all the same.
+    if (child.first == "<xmlattr>" || child.first == "<xmlcomment>" ||
+        child.first == "<xmltext>") {
+      continue;
+    }
     deepest = std::max(deepest, 1 + TreeDepth(child.second));
   }
   return deepest;
