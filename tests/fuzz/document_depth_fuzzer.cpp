@@ -27,6 +27,7 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 #include "host/document_limits.h"
 #include "lib/xml_document.h"
@@ -56,22 +57,24 @@ std::size_t TreeDepth(const pt::ptree& tree) {
   return deepest;
 }
 
-bool XmlAccepted(const std::string& text, std::size_t depth) {
+// Whether `check` (CheckXmlLimits or CheckJsonLimits) lets `text` through
+// at a depth limit of `depth`.
+bool Accepted(void (*check)(std::string_view, const kxdoc::DocumentLimits&),
+              const std::string& text, std::size_t depth) {
   try {
-    kxdoc::CheckXmlLimits(text, kxdoc::DocumentLimits{1u << 30, depth});
+    check(text, kxdoc::DocumentLimits{1u << 30, depth});
     return true;
   } catch (const kxdoc::DocumentLimitError&) {
     return false;
   }
 }
 
+bool XmlAccepted(const std::string& text, std::size_t depth) {
+  return Accepted(kxdoc::CheckXmlLimits, text, depth);
+}
+
 bool JsonAccepted(const std::string& text, std::size_t depth) {
-  try {
-    kxdoc::CheckJsonLimits(text, kxdoc::DocumentLimits{1u << 30, depth});
-    return true;
-  } catch (const kxdoc::DocumentLimitError&) {
-    return false;
-  }
+  return Accepted(kxdoc::CheckJsonLimits, text, depth);
 }
 
 bool WellFormed(const std::string& text) {
