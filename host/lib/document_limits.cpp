@@ -38,11 +38,13 @@ bool IsAttributeNameChar(char c) {
 // the parser never got deeper than the count at that point.
 class XmlDepthScan {
  public:
+  // The parser reads the text as a C string: a NUL byte ends the document
+  // for it, wherever it stands.
   XmlDepthScan(std::string_view text, const DocumentLimits& limits)
-      : text_(text), limits_(limits) {}
+      : text_(text.substr(0, text.find('\0'))), limits_(limits) {}
 
   void Run() {
-    while (pos_ < text_.size() && text_[pos_] != '\0') {
+    while (pos_ < text_.size()) {
       const std::size_t open = text_.find('<', pos_);
       if (open == kEnd) return;
       pos_ = open + 1;
@@ -86,7 +88,7 @@ class XmlDepthScan {
   // Brackets of the internal subset nest; '>' inside them does not end it.
   bool DocType() {
     std::size_t brackets = 0;
-    for (; pos_ < text_.size() && text_[pos_] != '\0'; ++pos_) {
+    for (; pos_ < text_.size(); ++pos_) {
       const char c = text_[pos_];
       if (c == '[') {
         ++brackets;

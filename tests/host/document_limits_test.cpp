@@ -71,6 +71,8 @@ TEST(DocumentLimits, TheXmlDepthCountedIsTheParsersDepth) {
       "<?xml version=\"1.0\"?><!DOCTYPE a [<!ELEMENT a ANY><!-- > -->]>"
       "<a><!-- <b><b><b> --><![CDATA[<b><b>]]><?pi <b><b> ?><c><d/></c></a>",
       "<a>text &lt; <b>more</b> tail</a>",
+      // A NUL byte after the root ends the document for the parser.
+      std::string("<r><c/></r>") + '\0' + "<b><b><b><b>",
   };
   for (const auto& text : texts) {
     const std::size_t depth = ParsedXmlDepth(text);
