@@ -26,6 +26,15 @@ using kxbench::WriteJournal;
 
 const char* const kReadError = "failed to read audit database";
 
+// Under AddressSanitizer freed memory stays in its quarantine and every
+// block has red zones, so the resident size says little about what a read
+// kept; the memory checks run in the plain builds only.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kMeasureMemory = false;
+#else
+constexpr bool kMeasureMemory = true;
+#endif
+
 long MaxRssKib() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -64,7 +73,9 @@ TEST_F(JournalReadBudget, AHugeGeneratedValueFailsFastWithBoundedMemory) {
       {{"execfile", "x' UNION SELECT printf('%.*c',900000000,'x'),1 --"}});
   EXPECT_EQ(ErrorOf(reply, "log"), kReadError);
   EXPECT_LT(SecondsSince(start), 5.0);
-  EXPECT_LT(MaxRssKib() - rss_before, 64 * 1024);
+  if (kMeasureMemory) {
+    EXPECT_LT(MaxRssKib() - rss_before, 64 * 1024);
+  }
   EXPECT_TRUE(log_.Contains(
       "journal read stopped: the function printf() is not allowed"));
 }
@@ -119,7 +130,9 @@ TEST_F(JournalReadBudget, AReplyLargerThanItsBoundFails) {
   EXPECT_TRUE(
       log_.Contains("journal read stopped: the reply would be longer "
                     "than 67108864 bytes"));
-  EXPECT_LT(MaxRssKib() - rss_before, 256 * 1024);
+  if (kMeasureMemory) {
+    EXPECT_LT(MaxRssKib() - rss_before, 256 * 1024);
+  }
 }
 
 TEST_F(JournalReadBudget, AStatementOverItsTimeBudgetIsInterrupted) {
