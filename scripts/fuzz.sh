@@ -25,7 +25,8 @@ build="${KX_FUZZ_BUILD:-build/fuzz}"
 out="${KX_FUZZ_OUT:-$build/fuzz-runs}"
 nice_level="${KX_FUZZ_NICE:-10}"
 all_targets=(request_xml request_structured rule_file whitelist_file
-             exceptions_file policies_xml import_json whitelist_server)
+             exceptions_file policies_xml import_json whitelist_server
+             document_depth)
 targets=("${@:-${all_targets[@]}}")
 if [ $# -eq 0 ]; then targets=("${all_targets[@]}"); fi
 

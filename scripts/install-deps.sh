@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config
   libboost-dev libboost-filesystem-dev libboost-log-dev libboost-system-dev
-  libsqlite3-dev sqlite3 libldap-dev libssl-dev
+  libsqlite3-dev sqlite3 libldap-dev libssl-dev libexpat1-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   slapd ldap-utils libnss-wrapper gettext
   clang-14 libclang-rt-14-dev valgrind dpkg-dev file

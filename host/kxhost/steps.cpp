@@ -9,8 +9,10 @@
 #include <sstream>
 
 #include "host/crypto.h"
+#include "host/document_limits.h"
 #include "host/ixml.h"
 #include "lib/fresh_install.h"
+#include "lib/runtime.h"
 #include "network_settings.h"
 
 namespace kxhost {
@@ -22,20 +24,27 @@ constexpr const char* kPasswordSetting = "KXDomainPassword";
 constexpr const char* kInstallRoot = "/opt/korvex";
 
 std::string ReadInput(const std::string& path, bool* stdin_used) {
+  const std::string shown = path == "-" ? "standard input" : path;
+  std::ifstream file;
+  std::istream* in = &std::cin;
   if (path == "-") {
     if (*stdin_used) {
       throw InputError("standard input is read by more than one step");
     }
     *stdin_used = true;
-    return std::string(std::istreambuf_iterator<char>(std::cin),
-                       std::istreambuf_iterator<char>());
+  } else {
+    file.open(path, std::ios::binary);
+    if (!file) throw InputError("cannot read " + path);
+    in = &file;
   }
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw InputError("cannot read " + path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) throw InputError("cannot read " + path);
-  return text.str();
+  // Bounded while reading: a huge input is refused before it is held.
+  try {
+    return kxdoc::ReadLimited(*in, kxdoc::kHostDocumentLimits.max_bytes);
+  } catch (const kxdoc::DocumentLimitError& e) {
+    throw InputError(shown + ": " + e.what());
+  } catch (const std::runtime_error&) {
+    throw InputError("cannot read " + path);
+  }
 }
 
 boost::shared_ptr<XmlDocument> ParseDocument(const std::string& path,
@@ -52,6 +61,34 @@ void Print(const std::string& text) {
   std::cout << text;
   if (!text.empty() && text.back() != '\n') std::cout << '\n';
   std::cout.flush();
+}
+
+// The policies whose Apply failed since `first_event` (host events of kind
+// policy_not_applied), for the apply steps, whose entry points do not say.
+std::vector<std::string> PoliciesNotApplied(std::size_t first_event) {
+  std::vector<std::string> names;
+  const auto events = Events();
+  for (std::size_t i = first_event; i < events.size(); ++i) {
+    if (events[i].kind == "policy_not_applied" && events[i].args.size() == 2) {
+      names.push_back(events[i].args[1]);
+    }
+  }
+  return names;
+}
+
+// Tells whoever reads the output that the apply failed: the reply document
+// may still say result 1 for every entry, which only means the values were
+// taken.
+int ReportApply(const std::string& step, bool ok, std::size_t first_event) {
+  if (!ok) std::fprintf(stderr, "kxhost: plugin_%s failed\n", step.c_str());
+  const auto failed = PoliciesNotApplied(first_event);
+  for (const auto& name : failed) {
+    std::fprintf(stderr,
+                 "kxhost: %s: policy '%s' was not applied (the log says "
+                 "why)\n",
+                 step.c_str(), name.c_str());
+  }
+  return ok && failed.empty() ? 0 : kExitFailure;
 }
 
 int Worse(int current, int code) {
@@ -87,17 +124,17 @@ int RunPluginStep(const PluginEntryPoints& plugin, PreparedStep& prepared) {
   }
   if (name == "set-policies") {
     boost::shared_ptr<IXml> document = prepared.document;
+    const std::size_t first_event = Events().size();
     const bool ok = plugin.set_policies(document);
     Print(document->ToString("policies"));
-    if (!ok) std::fprintf(stderr, "kxhost: plugin_set_policies failed\n");
-    return ok ? 0 : kExitFailure;
+    return ReportApply("set_policies", ok, first_event);
   }
   if (name == "import-policies") {
     auto result = XMLParserBoost::CreateEmptyXML();
+    const std::size_t first_event = Events().size();
     const bool ok = plugin.import_policies(prepared.json, result);
     Print(result->ToString("result"));
-    if (!ok) std::fprintf(stderr, "kxhost: plugin_import_policies failed\n");
-    return ok ? 0 : kExitFailure;
+    return ReportApply("import_policies", ok, first_event);
   }
   if (name == "info") {
     plugin_info_data_t info{};
@@ -148,9 +185,11 @@ std::vector<PreparedStep> PrepareSteps(const std::vector<Step>& steps) {
           ParseDocument(step.args[0], ReadInput(step.args[0], &stdin_used));
     } else if (step.name == "import-policies") {
       entry.json.text = ReadInput(step.args[0], &stdin_used);
-      std::istringstream in(entry.json.text);
       try {
-        boost::property_tree::read_json(in, entry.json.tree);
+        entry.json.tree =
+            kxdoc::ParseJson(entry.json.text, kxdoc::kHostDocumentLimits);
+      } catch (const kxdoc::DocumentLimitError& e) {
+        throw InputError(step.args[0] + ": " + e.what());
       } catch (const boost::property_tree::json_parser_error& e) {
         throw InputError(step.args[0] + ": malformed JSON: " + e.message() +
                          " (line " + std::to_string(e.line()) + ")");

@@ -1,6 +1,6 @@
 // Recording of host events (send_message, free_msg_memory, update_clients,
-// send_notify_systemwide, block_station) for kxhost::Events() and the events
-// file.
+// send_notify_systemwide, block_station, and policy_not_applied when a
+// policy's Apply failed) for kxhost::Events() and the events file.
 #pragma once
 
 #include <string>

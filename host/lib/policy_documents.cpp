@@ -27,15 +27,17 @@ bool HasElements(const pt::ptree& tree) {
 }
 
 // A value tree as a policy expects it: elements only, so that a policy that
-// walks "every child" (exceptions, rules) never meets attributes.
-pt::ptree ElementsOnly(const pt::ptree& tree) {
-  pt::ptree out(tree.data());
+// walks "every child" (exceptions, rules) never meets attributes. Each child
+// is built in its place: returning subtrees by value would copy every level
+// again at each level above it.
+void CopyElementsOnly(const pt::ptree& tree, pt::ptree* out) {
+  out->data() = tree.data();
   for (const auto& child : tree) {
     if (!IsMarkup(child.first)) {
-      out.push_back(std::make_pair(child.first, ElementsOnly(child.second)));
+      out->push_back(std::make_pair(child.first, pt::ptree()));
+      CopyElementsOnly(child.second, &out->back().second);
     }
   }
-  return out;
 }
 
 std::string Trimmed(const std::string& text) {
@@ -58,7 +60,7 @@ const pt::ptree* Child(const pt::ptree& tree, const std::string& key) {
 void TakeValue(const pt::ptree& value, std::string text, PolicyEntry* entry) {
   if (HasElements(value) || text.empty()) {
     entry->is_tree = true;
-    entry->tree = ElementsOnly(value);
+    CopyElementsOnly(value, &entry->tree);
     entry->text = entry->tree.data();
   } else {
     entry->text = std::move(text);

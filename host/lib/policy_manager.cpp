@@ -15,6 +15,7 @@
 #include "host/log.h"
 #include "getter_table.h"
 #include "host_log.h"
+#include "host_events.h"
 #include "kernel_int.h"
 #include "policy_documents.h"
 #include "settings_db.h"
@@ -259,15 +260,19 @@ void PolicyManager::ApplyPolicies() {
   for (const auto& policy : policies_) {
     if (!policy->IsChanged()) continue;
     const std::string name = policy->Name();
+    // The entry points that apply return nothing about it, so a failure is
+    // also recorded as a host event: kxhost turns it into its exit code.
     try {
       if (!policy->Apply()) {
         KX_HOST_CODED_LOG(kLogFile, 4, LogId(), Plugin().c_str(),
                           "[%d] %s: policy '%s' was not applied", name.c_str());
+        kxhost::RecordEvent("policy_not_applied", {plugin_, name});
       }
     } catch (const std::exception& e) {
       KX_HOST_CODED_LOG(kLogFile, 3, LogId(), Plugin().c_str(),
                         "[%d] %s: policy '%s' failed to apply: %s",
                         name.c_str(), e.what());
+      kxhost::RecordEvent("policy_not_applied", {plugin_, name});
     }
   }
   SavePolicies(policies_);

@@ -9,6 +9,7 @@
 #include <string>
 #include <system_error>
 
+#include "host/document_limits.h"
 #include "host/file_util.h"
 #include "host/log.h"
 #include "host/utf8_text.h"
@@ -143,8 +144,11 @@ void AecPolicySources::ReadConfig() {
   if (!in) return;  // never written yet: the defaults are the record
   boost::property_tree::ptree tree;
   try {
-    boost::property_tree::read_json(in, tree);
-  } catch (const boost::property_tree::json_parser_error& e) {
+    tree = kxdoc::ParseJson(
+        kxdoc::ReadLimited(in, kxdoc::kHostDocumentLimits.max_bytes),
+        kxdoc::kHostDocumentLimits);
+  } catch (const std::runtime_error& e) {
+    // json_parser_error, DocumentLimitError and read errors alike.
     KX_HOST_CODED_LOG(kLogFile, 3, kxhost::kHostLogId, kxhost::kHostLogName,
                       "[%d] %s: cannot read %s: %s", kConfigPath, e.what());
     return;

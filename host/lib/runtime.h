@@ -43,7 +43,7 @@ using LogObserver = std::function<void(int priority, const std::string& line)>;
 KX_HOST_INTERNAL void SetLogObserver(LogObserver observer);
 
 struct HostEvent {
-  std::string kind;               // "send_message", "block_station", ...
+  std::string kind;  // "send_message", "block_station", "policy_not_applied"
   std::vector<std::string> args;  // the call's arguments as text
 };
 KX_HOST_INTERNAL std::vector<HostEvent> Events();

@@ -43,4 +43,89 @@ bool IsUtf8(const std::string& text) {
   return true;
 }
 
+namespace {
+
+constexpr const char* kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+
+bool IsControlXmlRefuses(unsigned char byte) {
+  return byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r';
+}
+
+// U+FFFE and U+FFFF: well-formed UTF-8, yet not XML characters.
+bool IsNonCharacter(const std::string& text, std::size_t i) {
+  return static_cast<unsigned char>(text[i]) == 0xef &&
+         static_cast<unsigned char>(text[i + 1]) == 0xbf &&
+         static_cast<unsigned char>(text[i + 2]) >= 0xbe;
+}
+
+bool IsNameByte(char c, bool first) {
+  if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
+      c == ':') {
+    return true;
+  }
+  return !first && ((c >= '0' && c <= '9') || c == '-' || c == '.');
+}
+
+}  // namespace
+
+bool IsXmlText(const std::string& text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x80) {
+      if (IsControlXmlRefuses(byte)) return false;
+      ++i;
+    } else if (const std::size_t length = Utf8SequenceLength(text, i)) {
+      if (length == 3 && IsNonCharacter(text, i)) return false;
+      i += length;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string ToXmlText(const std::string& text) {
+  if (IsXmlText(text)) return text;
+  std::string out;
+  out.reserve(text.size() + 8);
+  for (std::size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x80) {
+      if (IsControlXmlRefuses(byte)) {
+        out += kReplacement;
+      } else {
+        out += text[i];
+      }
+      ++i;
+    } else if (const std::size_t length = Utf8SequenceLength(text, i)) {
+      if (length == 3 && IsNonCharacter(text, i)) {
+        out += kReplacement;
+      } else {
+        out.append(text, i, length);
+      }
+      i += length;
+    } else {
+      out += kReplacement;
+      ++i;
+    }
+  }
+  return out;
+}
+
+bool IsXmlName(const std::string& name) {
+  if (name.empty()) return false;
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    if (!IsNameByte(name[i], i == 0)) return false;
+  }
+  return true;
+}
+
+std::string ToXmlName(const std::string& name) {
+  if (IsXmlName(name)) return name;
+  std::string out;
+  if (name.empty() || !IsNameByte(name[0], true)) out += '_';
+  for (const char c : name) out += IsNameByte(c, false) ? c : '_';
+  return out;
+}
+
 }  // namespace kxtext

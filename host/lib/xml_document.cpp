@@ -7,6 +7,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "host/document_limits.h"
+#include "host/utf8_text.h"
+
 namespace kxhost {
 namespace {
 
@@ -56,6 +59,32 @@ void PlaceChild(pt::ptree* tree, const std::string& name, pt::ptree& child,
     slot = &tree->back().second;
   }
   slot->swap(child);
+}
+
+// Copies `from` into `to` so that whatever the values hold, the text that
+// write_xml makes of it is well-formed XML: text and attribute values through
+// kxtext::ToXmlText (U+FFFD for what XML cannot carry), element and attribute
+// names through kxtext::ToXmlName. Comments and other parser bookkeeping are
+// not written; a reply never carries them. An attribute whose name becomes
+// the same as an earlier one's is left out, as XML allows one of each.
+void CopyWritable(const pt::ptree& from, pt::ptree* to) {
+  to->data() = kxtext::ToXmlText(from.data());
+  for (const auto& child : from) {
+    if (child.first == kAttributes) {
+      to->push_back(std::make_pair(kAttributes, pt::ptree()));
+      pt::ptree& attributes = to->back().second;
+      for (const auto& attribute : child.second) {
+        const std::string name = kxtext::ToXmlName(attribute.first);
+        if (attributes.find(name) != attributes.not_found()) continue;
+        attributes.push_back(std::make_pair(
+            name, pt::ptree(kxtext::ToXmlText(attribute.second.data()))));
+      }
+    } else if (IsElementName(child.first) || child.first.empty()) {
+      to->push_back(
+          std::make_pair(kxtext::ToXmlName(child.first), pt::ptree()));
+      CopyWritable(child.second, &to->back().second);
+    }
+  }
 }
 
 }  // namespace
@@ -131,7 +160,8 @@ std::string XmlDocument::ToString(const std::string& root) const {
   std::string element = root.empty() ? name_ : root;
   if (element.empty()) element = "document";
   pt::ptree wrapper;
-  wrapper.push_back(std::make_pair(element, tree_));
+  wrapper.push_back(std::make_pair(kxtext::ToXmlName(element), pt::ptree()));
+  CopyWritable(tree_, &wrapper.back().second);
   std::ostringstream out;
   pt::write_xml(out, wrapper, pt::xml_writer_make_settings<std::string>(' ', 2));
   // The declaration line is dropped: a reply is one element, printed on its
@@ -183,6 +213,9 @@ boost::shared_ptr<IXml> XmlDocument::GetNode(const std::string& name) {
 }
 
 boost::shared_ptr<XmlDocument> ParseXml(const std::string& text) {
+  // Before the parser: it recurses once per level and would end the process
+  // on a deep enough document.
+  kxdoc::CheckXmlLimits(text, kxdoc::kHostDocumentLimits);
   pt::ptree parsed;
   std::istringstream in(text);
   try {

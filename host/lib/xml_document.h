@@ -8,6 +8,12 @@
 //   GetNode(n)          a copy of the first child element n
 // The tree holds the element's content: attributes under "<xmlattr>", child
 // elements under their names, the text as the tree's data.
+//
+// ToString always gives well-formed XML, whatever the values hold: a value
+// XML cannot carry (invalid UTF-8, a C0 control other than tab, LF and CR,
+// U+FFFE, U+FFFF) is written with U+FFFD in its place, a name that is not
+// an XML name with '_' for each byte not allowed (kxtext::ToXmlText,
+// kxtext::ToXmlName); comments are not written.
 #pragma once
 
 #include <boost/property_tree/ptree.hpp>
@@ -57,8 +63,11 @@ class KX_HOST_INTERNAL XmlDocument : public IXml {
 };
 
 // Parses XML text holding one root element. Throws std::runtime_error with
-// the parser's message (and line) for malformed text or more than one root.
-KX_HOST_INTERNAL boost::shared_ptr<XmlDocument> ParseXml(const std::string& text);
+// the parser's message (and line) for malformed text or more than one root,
+// and kxdoc::DocumentLimitError (a std::runtime_error) for text beyond
+// kxdoc::kHostDocumentLimits, checked before any tree is built.
+KX_HOST_INTERNAL boost::shared_ptr<XmlDocument> ParseXml(
+    const std::string& text);
 
 // The content tree of any document made by this host (every IXml in this
 // process is an XmlDocument); throws std::logic_error for another type.

@@ -20,8 +20,10 @@
 #include <string>
 #include <vector>
 
+#include "host/utf8_text.h"
 #include "hostile_env.h"
 #include "lib/xml_document.h"
+#include "support/well_formed_xml.h"
 
 namespace hostile {
 namespace {
@@ -155,6 +157,8 @@ TEST_P(HostileCommands, CommandsPassTheValueOnAsOneArgumentAndExplainFailures) {
   for (std::size_t i = 0; i < steps.size(); ++i) {
     SCOPED_TRACE("step " + std::to_string(i) + " (" + steps[i].command +
                  "):\n" + replies[i]);
+    // Whatever the value holds, the reply is XML that any parser takes.
+    EXPECT_EQ(kxtest::XmlWellFormednessError(replies[i]), "");
     const auto document = kxhost::ParseXml(replies[i]);
     const pt::ptree& reply = kxhost::TreeOf(*document);
     int failed = 0;
@@ -169,16 +173,19 @@ TEST_P(HostileCommands, CommandsPassTheValueOnAsOneArgumentAndExplainFailures) {
       if (value.element.empty()) {
         EXPECT_EQ(Text(reply, "get/rules/result"), "1");
       } else {
+        // Quoted as XML can carry it: U+FFFD for each control character
+        // and each byte that is not UTF-8.
         EXPECT_EQ(Text(reply, "get/rules/error_desc"),
-                  "Rule does not exists: " + value.element);
+                  "Rule does not exists: " + kxtext::ToXmlText(value.element));
       }
       EXPECT_EQ(Text(reply, "get/whitelist/result"), "1");
       EXPECT_EQ(Text(reply, "get/resource-exception/result"), "1");
     } else if (command == "edit" && i == 3) {
       EXPECT_EQ(Text(reply, "edit/rule/result"), "0");
       if (!value.attribute.empty()) {
-        EXPECT_EQ(Text(reply, "edit/rule/error_desc"),
-                  "Rule does not exists: " + value.attribute);
+        EXPECT_EQ(
+            Text(reply, "edit/rule/error_desc"),
+            "Rule does not exists: " + kxtext::ToXmlText(value.attribute));
       }
     } else if (command == "add" || command == "edit" || command == "remove" ||
                command == "export" || command == "reload") {

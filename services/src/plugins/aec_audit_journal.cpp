@@ -7,7 +7,10 @@
 #include <libintl.h>
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <vector>
@@ -28,10 +31,36 @@ namespace {
 constexpr const char* kLogFile = "aec_plugin";
 constexpr const char* kJournalTable = "logs";
 
-// What the read-only policy learnt while one statement was prepared.
+// What the read-only policy learnt while one statement was prepared, and
+// the time budget of the statement that runs.
 struct StatementCheck {
   bool saw_select = false;
+  std::string refused_function;  // the first function call refused
+  std::chrono::steady_clock::time_point deadline;
+  bool out_of_time = false;
 };
+
+// Sorted, lower case: looked up with std::binary_search.
+constexpr const char* kAllowedFunctions[] = {
+    "abs",   "avg",    "coalesce", "count",  "date",      "datetime",
+    "glob",  "ifnull", "iif",      "instr",  "julianday", "length",
+    "like",  "lower",  "ltrim",    "max",    "min",       "nullif",
+    "round", "rtrim",  "strftime", "substr", "substring", "sum",
+    "time",  "total",  "trim",     "typeof", "unixepoch", "upper",
+};
+
+// Called by SQLite every few hundred virtual machine steps; a non-zero
+// answer interrupts the statement.
+int CheckTimeBudget(void* user_data) {
+  auto* check = static_cast<StatementCheck*>(user_data);
+  if (std::chrono::steady_clock::now() < check->deadline) return 0;
+  check->out_of_time = true;
+  return 1;
+}
+
+void LogBound(const std::string& bound) {
+  AEC_LOG(kLogFile, 3, "[%d] %s: journal read stopped: %s", bound.c_str());
+}
 
 // Admits what a plain SELECT over `logs` needs and refuses everything else:
 // every write, schema change, ATTACH, DETACH, PRAGMA, transaction, recursive
@@ -56,9 +85,11 @@ int AuthorizeJournalAccess(void* user_data, int action, const char* arg1,
       return in_main && of_logs ? SQLITE_OK : SQLITE_DENY;
     }
     case SQLITE_FUNCTION:
-      return arg2 != nullptr && sqlite3_stricmp(arg2, "load_extension") == 0
-                 ? SQLITE_DENY
-                 : SQLITE_OK;
+      if (IsAllowedJournalFunction(arg2)) return SQLITE_OK;
+      if (check->refused_function.empty() && arg2 != nullptr) {
+        check->refused_function = arg2;
+      }
+      return SQLITE_DENY;
     default:
       return SQLITE_DENY;
   }
@@ -114,8 +145,29 @@ Database OpenJournal(StatementCheck* check) {
           SQLITE_OK &&
       sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0,
                         nullptr) == SQLITE_OK &&
+      // First: the PRAGMAs below already wait for a writer's lock.
+      sqlite3_busy_timeout(raw, JournalReadLimits::kBusyTimeoutMs) ==
+          SQLITE_OK &&
+      // Page caches are set while PRAGMA is still allowed; temp is the
+      // database that DISTINCT and ORDER BY spill into.
+      sqlite3_exec(raw,
+                   ("PRAGMA main.cache_size=-" +
+                    std::to_string(JournalReadLimits::kCacheKib) +
+                    ";PRAGMA temp.cache_size=-" +
+                    std::to_string(JournalReadLimits::kCacheKib))
+                       .c_str(),
+                   nullptr, nullptr, nullptr) == SQLITE_OK &&
       sqlite3_set_authorizer(raw, AuthorizeJournalAccess, check) == SQLITE_OK;
   sqlite3_limit(raw, SQLITE_LIMIT_ATTACHED, 0);
+  sqlite3_limit(raw, SQLITE_LIMIT_LENGTH, JournalReadLimits::kMaxValueBytes);
+  sqlite3_limit(raw, SQLITE_LIMIT_SQL_LENGTH, JournalReadLimits::kMaxSqlBytes);
+  sqlite3_limit(raw, SQLITE_LIMIT_COMPOUND_SELECT,
+                JournalReadLimits::kMaxCompoundSelect);
+  sqlite3_limit(raw, SQLITE_LIMIT_EXPR_DEPTH,
+                JournalReadLimits::kMaxExpressionDepth);
+  sqlite3_limit(raw, SQLITE_LIMIT_FUNCTION_ARG,
+                JournalReadLimits::kMaxFunctionArguments);
+  sqlite3_progress_handler(raw, 1000, CheckTimeBudget, check);
   if (!guarded) {
     AEC_LOG(kLogFile, 3, "[%d] %s: can`t open sqllite db file %s, %s",
             kAuditDbPath.c_str(), sqlite3_errmsg(raw));
@@ -163,10 +215,12 @@ boost::shared_ptr<IXml> CollectResources(const std::string& conditions,
   DistinctTexts resources;
   QueryAuditDb(LogObjectsQuery(conditions), [&resources](const AuditRow& row) {
     CollectRow(row, true, resources);
+    CheckJournalReplyBytes(resources.Bytes());
   });
   QueryAuditDb(LogFilesQuery(conditions, openfiles),
                [&resources, openfiles](const AuditRow& row) {
                  CollectRow(row, openfiles, resources);
+                 CheckJournalReplyBytes(resources.Bytes());
                });
   auto list = XMLParserBoost::CreateEmptyXML();
   resources.ForEach([&list](std::string_view text) {
@@ -175,7 +229,48 @@ boost::shared_ptr<IXml> CollectResources(const std::string& conditions,
   return list;
 }
 
+// Logs which bound stopped a statement, when one did; SQLite's own message
+// follows in FailRead.
+void ExplainFailure(sqlite3* db, const StatementCheck& check, int rc) {
+  if (!check.refused_function.empty()) {
+    LogBound("the function " + check.refused_function + "() is not allowed");
+  } else if (check.out_of_time) {
+    LogBound("the statement ran longer than " +
+             std::to_string(JournalReadLimits::kTimeBudgetMs) + " ms");
+  } else if (rc == SQLITE_TOOBIG || sqlite3_errcode(db) == SQLITE_TOOBIG) {
+    LogBound("a value or the statement is longer than " +
+             std::to_string(JournalReadLimits::kMaxValueBytes) + " bytes");
+  } else if (rc == SQLITE_BUSY || rc == SQLITE_LOCKED) {
+    LogBound("the journal stayed locked for " +
+             std::to_string(JournalReadLimits::kBusyTimeoutMs) + " ms");
+  } else if (rc == SQLITE_NOMEM) {
+    LogBound("out of memory");
+  } else if (rc == SQLITE_ERROR &&
+             (std::strstr(sqlite3_errmsg(db), "too many") != nullptr ||
+              std::strstr(sqlite3_errmsg(db), "too large") != nullptr)) {
+    LogBound(sqlite3_errmsg(db));  // compound, depth or argument limits
+  }
+}
+
 }  // namespace
+
+bool IsAllowedJournalFunction(const char* name) {
+  if (name == nullptr) return false;
+  std::string lower(name);
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  });
+  return std::binary_search(
+      std::begin(kAllowedFunctions), std::end(kAllowedFunctions), lower,
+      [](const std::string& a, const std::string& b) { return a < b; });
+}
+
+void CheckJournalReplyBytes(std::size_t bytes) {
+  if (bytes <= JournalReadLimits::kMaxReplyBytes) return;
+  LogBound("the reply would be longer than " +
+           std::to_string(JournalReadLimits::kMaxReplyBytes) + " bytes");
+  throw PluginException(gettext("failed to read audit database"));
+}
 
 AuditRow::AuditRow(sqlite3_stmt* statement)
     : statement_(statement), columns_(sqlite3_column_count(statement)) {}
@@ -209,8 +304,15 @@ void QueryAuditDb(const std::string& sql, const AuditRowHandler& on_row) {
   const char* next = sql.c_str();
   while (*next != '\0') {
     check.saw_select = false;
+    check.refused_function.clear();
+    check.out_of_time = false;
+    check.deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::milliseconds(JournalReadLimits::kTimeBudgetMs);
     sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(db.get(), next, -1, &raw, &next) != SQLITE_OK) {
+    const int prepared = sqlite3_prepare_v2(db.get(), next, -1, &raw, &next);
+    if (prepared != SQLITE_OK) {
+      ExplainFailure(db.get(), check, prepared);
       FailRead(sqlite3_errmsg(db.get()), sql);
     }
     Statement statement(raw);
@@ -231,7 +333,10 @@ void QueryAuditDb(const std::string& sql, const AuditRowHandler& on_row) {
       }
       on_row(row);
     }
-    if (rc != SQLITE_DONE) FailRead(sqlite3_errmsg(db.get()), sql);
+    if (rc != SQLITE_DONE) {
+      ExplainFailure(db.get(), check, rc);
+      FailRead(sqlite3_errmsg(db.get()), sql);
+    }
   }
 }
 
@@ -246,9 +351,14 @@ boost::shared_ptr<IXml> DistinctColumn(const std::string& where,
                                        const std::string& column,
                                        const std::string& value_name) {
   std::vector<std::string> values;  // distinct already: bounded by the reply
+  std::size_t bytes = 0;
   QueryAuditDb("SELECT DISTINCT " + column + " FROM logs " + where,
-               [&values](const AuditRow& row) {
-                 if (auto value = row.Text(0)) values.emplace_back(*value);
+               [&values, &bytes](const AuditRow& row) {
+                 if (auto value = row.Text(0)) {
+                   bytes += value->size();
+                   CheckJournalReplyBytes(bytes);
+                   values.emplace_back(*value);
+                 }
                });
   auto doc = XMLParserBoost::CreateEmptyXML();
   doc->AddArray(values, value_name);

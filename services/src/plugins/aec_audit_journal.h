@@ -14,6 +14,7 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -43,6 +44,42 @@ class AuditRow {
 
 using AuditRowHandler = std::function<void(const AuditRow&)>;
 
+// What one journal read may cost. The SQL is built from request values, so
+// a value can make SQLite build huge values, run for hours or collect an
+// answer of gigabytes; each bound turns that into the read's ordinary
+// failure, with a log line naming the bound (docs/security.md).
+struct JournalReadLimits {
+  // SQLITE_LIMIT_LENGTH: the longest text or blob a statement may make or
+  // read (the journal holds paths and names).
+  static constexpr int kMaxValueBytes = 1 << 20;
+  // SQLITE_LIMIT_SQL_LENGTH: the longest statement text.
+  static constexpr int kMaxSqlBytes = 1 << 20;
+  // SQLITE_LIMIT_COMPOUND_SELECT, _EXPR_DEPTH, _FUNCTION_ARG.
+  static constexpr int kMaxCompoundSelect = 4;
+  static constexpr int kMaxExpressionDepth = 100;
+  static constexpr int kMaxFunctionArguments = 8;
+  // Page cache of the journal and of the temporary tables that DISTINCT and
+  // sorting use, in KiB: beyond it they spill to temporary files.
+  static constexpr int kCacheKib = 8 * 1024;
+  // Wall-clock time one statement may run (a progress handler interrupts
+  // it), and how long a read waits for a writer's lock to go.
+  static constexpr int kTimeBudgetMs = 10 * 1000;
+  static constexpr int kBusyTimeoutMs = 5 * 1000;
+  // The text one reply may collect from the journal, in bytes.
+  static constexpr std::size_t kMaxReplyBytes = 64u << 20;
+};
+
+// Whether the read-only policy lets a statement call the SQL function
+// `name`: only functions whose result is no larger than their arguments
+// (comparison, case, dates, aggregates); printf, char, replace, zeroblob,
+// randomblob, hex, group_concat and all others are refused.
+bool IsAllowedJournalFunction(const char* name);
+
+// Throws PluginException with gettext("failed to read audit database"),
+// after logging that the reply bound was hit, when `bytes` of collected
+// journal text exceed JournalReadLimits::kMaxReplyBytes.
+void CheckJournalReplyBytes(std::size_t bytes);
+
 // Runs every statement of `sql` in turn against the journal and hands each
 // result row to `on_row` as SQLite steps to it; nothing is buffered, so
 // memory does not grow with the number of rows. (The journal's classic
@@ -55,7 +92,9 @@ using AuditRowHandler = std::function<void(const AuditRow&)>;
 // Throws PluginException with gettext("failed to open audit database") when
 // the database cannot be opened, and with gettext("failed to read audit
 // database") when any statement cannot be prepared, is refused by the
-// read-only policy or fails while stepping; both are logged first. An
+// read-only policy, breaks one of JournalReadLimits or fails while stepping;
+// both are logged first. A journal locked by a writer is waited for up to
+// JournalReadLimits::kBusyTimeoutMs. An
 // exception thrown by `on_row` passes through unchanged (after closing).
 void QueryAuditDb(const std::string& sql, const AuditRowHandler& on_row);
 

@@ -28,6 +28,8 @@ class DistinctTexts {
   DistinctTexts() : slots_(kInitialSlots) {}
 
   std::size_t Size() const { return count_; }
+  // The bytes of all members together.
+  std::size_t Bytes() const { return texts_.size(); }
 
   void Add(std::string_view text) {
     const std::uint64_t hash = TextHash(text);

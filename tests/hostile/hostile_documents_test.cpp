@@ -1,0 +1,133 @@
+// Documents built to break the host rather than the plug-in: nesting deep
+// enough to exhaust the parser's stack (a 25,000-deep request ended kxhost
+// with SIGSEGV), sizes beyond any real request, and values whose bytes XML
+// cannot carry, which came back in replies that no XML parser accepts.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "kxtest.h"
+#include "support/well_formed_xml.h"
+
+namespace {
+
+std::string Repeat(const std::string& text, std::size_t n) {
+  std::string out;
+  out.reserve(text.size() * n);
+  for (std::size_t i = 0; i < n; ++i) out += text;
+  return out;
+}
+
+bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+class HostileDocuments : public kxtest::SandboxTest {
+ protected:
+  void SetUp() override {
+    for (const char* tool : {"kxaecctl", "kxaide"}) {
+      kxtest::InstallFakeTool(tool, {});
+    }
+  }
+
+  // kxhost on this test's root with `step` reading `document` from a file;
+  // `seconds` receives the wall-clock time of the run.
+  kxtest::RunResult Run(const std::string& step, const std::string& document,
+                        double* seconds = nullptr) {
+    const std::string file = root_.dir() + "/document";
+    kxtest::WriteFile(file, document);
+    const auto start = std::chrono::steady_clock::now();
+    auto result = kxtest::RunKxhost(
+        {"--root", root_.dir(), "--plugin", KX_PLUGIN_PATH, step, file});
+    if (seconds != nullptr) {
+      *seconds = std::chrono::duration<double>(
+                     std::chrono::steady_clock::now() - start)
+                     .count();
+    }
+    return result;
+  }
+};
+
+TEST_F(HostileDocuments, ADeeplyNestedRequestIsRefusedWithoutCrashing) {
+  const std::size_t n = 25000;
+  const std::string request = "<request command=\"add\"><rule name=\"r\"><u>" +
+                              Repeat("<a>", n) + Repeat("</a>", n) +
+                              "</u></rule></request>";
+  const auto result = Run("exec", request);
+  EXPECT_EQ(result.exit_code, 2) << result.err;
+  EXPECT_TRUE(Has(result.err, "nested deeper than 64 levels")) << result.err;
+  EXPECT_EQ(result.out, "");
+  EXPECT_TRUE(kxtest::FakeToolCalls("kxaecctl").empty());
+}
+
+TEST_F(HostileDocuments, ADeeplyNestedPoliciesDocumentIsRefusedAtOnce) {
+  const std::size_t n = 100000;
+  const std::string policies =
+      "<policies><policy group=\"aec\" name=\"exceptions\"><value>" +
+      Repeat("<r>", n) + Repeat("</r>", n) + "</value></policy></policies>";
+  double seconds = 0;
+  const auto result = Run("set-policies", policies, &seconds);
+  EXPECT_EQ(result.exit_code, 2) << result.err;
+  EXPECT_TRUE(Has(result.err, "nested deeper than 64 levels")) << result.err;
+  EXPECT_LT(seconds, 10.0);
+}
+
+TEST_F(HostileDocuments, ADeeplyNestedImportDocumentIsRefusedAtOnce) {
+  const std::size_t n = 100000;
+  const std::string import =
+      "{\"policies\": [{\"group\": \"aec\", \"name\": \"exceptions\", "
+      "\"value\": " +
+      Repeat("[", n) + Repeat("]", n) + "}]}";
+  double seconds = 0;
+  const auto result = Run("import-policies", import, &seconds);
+  EXPECT_EQ(result.exit_code, 2) << result.err;
+  EXPECT_TRUE(Has(result.err, "nested deeper than 64 levels")) << result.err;
+  EXPECT_LT(seconds, 10.0);
+}
+
+TEST_F(HostileDocuments, ARequestLargerThanTheSizeLimitIsRefused) {
+  const std::string request = "<request command=\"get\"><rule>" +
+                              std::string((16u << 20) + 1, 'x') +
+                              "</rule></request>";
+  const auto result = Run("exec", request);
+  EXPECT_EQ(result.exit_code, 2) << result.err;
+  EXPECT_TRUE(Has(result.err, "larger than 16777216 bytes")) << result.err;
+}
+
+TEST_F(HostileDocuments, NestingWithinTheLimitIsStillAnswered) {
+  // 60 levels inside a request of 2: below the limit of 64.
+  const std::string request = "<request command=\"get\"><extra>" +
+                              Repeat("<a>", 60) + Repeat("</a>", 60) +
+                              "</extra></request>";
+  const auto result = Run("exec", request);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_TRUE(Has(result.out, "<reply>")) << result.out;
+}
+
+TEST_F(HostileDocuments, ARuleNameWithControlBytesGivesAWellFormedReply) {
+  // ESC, char(1), a byte that is no UTF-8 and U+FFFF; the reply quotes the
+  // name in its error text.
+  const std::string request =
+      "<request command=\"get\"><rule>bad\x1bname\x01\xff\xef\xbf\xbf"
+      "</rule></request>";
+  const auto result = Run("exec", request);
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(kxtest::XmlWellFormednessError(result.out), "") << result.out;
+  EXPECT_TRUE(Has(result.out,
+                  "bad\xef\xbf\xbdname\xef\xbf\xbd\xef\xbf\xbd"
+                  "\xef\xbf\xbd"))
+      << result.out;
+}
+
+TEST_F(HostileDocuments, ACharacterReferenceToAControlGivesAWellFormedReply) {
+  const std::string request =
+      "<request command=\"get\"><rule>evil&#27;[2J&#1;</rule></request>";
+  const auto result = Run("exec", request);
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(kxtest::XmlWellFormednessError(result.out), "") << result.out;
+  EXPECT_TRUE(Has(result.out, "evil\xef\xbf\xbd[2J\xef\xbf\xbd")) << result.out;
+}
+
+}  // namespace
