@@ -21,8 +21,8 @@
 namespace journal_test {
 namespace {
 
-using kxbench::FrameObjectName;
-using kxbench::WriteJournal;
+using kxjournal::FrameObjectName;
+using kxjournal::WriteJournal;
 
 const char* const kReadError = "failed to read audit database";
 
@@ -52,8 +52,8 @@ std::string ErrorOf(const Reply& reply, const std::string& command) {
 
 // Denied executions of `count` programs named by their number, each
 // `padding` bytes long.
-std::vector<kxbench::JournalRow> Programs(int count, std::size_t padding = 0) {
-  std::vector<kxbench::JournalRow> rows;
+std::vector<kxjournal::JournalRow> Programs(int count, std::size_t padding = 0) {
+  std::vector<kxjournal::JournalRow> rows;
   for (int i = 0; i < count; ++i) {
     std::string app = "/usr/bin/p" + std::to_string(i);
     if (app.size() < padding) app += std::string(padding - app.size(), 'x');
@@ -153,9 +153,9 @@ TEST_F(JournalReadBudget, AStatementOverItsTimeBudgetIsInterrupted) {
 }
 
 TEST_F(JournalReadBudget, ReadsWaitWhileAWriterHoldsTheJournal) {
-  kxbench::JournalShape shape;
+  kxjournal::JournalShape shape;
   shape.rows = 20000;
-  kxbench::GenerateJournal(kJournalPath, shape);
+  kxjournal::GenerateJournal(kJournalPath, shape);
   // A writer in rollback-journal mode, about 100 inserts a second, each its
   // own transaction.
   std::atomic<bool> stop{false};
@@ -198,7 +198,7 @@ TEST_F(JournalReadBudget, ReadsWaitWhileAWriterHoldsTheJournal) {
 }
 
 TEST_F(JournalReadBudget, ControlBytesInTheJournalGiveWellFormedReplies) {
-  std::vector<kxbench::JournalRow> rows = {
+  std::vector<kxjournal::JournalRow> rows = {
       Row(1054,
           std::string("/tmp/a\x01"
                       "b"),
