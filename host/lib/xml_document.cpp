@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "xml_characters.h"
+
 namespace kxhost {
 namespace {
 
@@ -203,6 +205,7 @@ boost::shared_ptr<XmlDocument> ParseXml(const std::string& text) {
   if (!IsBlank(parsed.data())) {
     throw std::runtime_error("malformed XML: text outside the root element");
   }
+  RefuseControlCharacters(root->first, root->second);
   auto document = boost::make_shared<XmlDocument>(root->first, root->second);
   DropLayoutText(&document->Tree());
   return document;

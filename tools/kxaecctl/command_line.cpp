@@ -2,10 +2,13 @@
 
 #include <cstring>
 
+#include "shown_object.h"
 #include "tool_error.h"
 
 namespace aectool {
 namespace {
+
+constexpr const char* kValueMark = "--";
 
 struct CommandSpec {
   const char* word;
@@ -163,6 +166,18 @@ bool IsOption(const std::string& arg) {
   throw ToolError(KxAecCtl::kInvalidArgument, reason);
 }
 
+// Names, users, groups, paths and files never hold a control character: a
+// line break or tab would split the line-based records (the loaded set, the
+// tool's output) and an escape sequence would reach a terminal. Such a value
+// is refused, never shortened or changed.
+void RefuseControlCharacters(const std::string& value) {
+  for (const unsigned char c : value) {
+    if (IsControlCharacter(c)) {
+      Invalid("a value holds a control character: '" + ShownObject(value) + "'");
+    }
+  }
+}
+
 // Where an option's values go, or null for a flag.
 std::vector<std::string>* ListOf(Invocation& invocation, char letter) {
   switch (letter) {
@@ -213,7 +228,7 @@ Invocation ParseCommandLine(const std::vector<std::string>& args) {
     return invocation;
   }
   const CommandSpec* spec = FindCommand(args[0]);
-  if (spec == nullptr) Invalid("unknown command '" + args[0] + "'");
+  if (spec == nullptr) Invalid("unknown command '" + ShownObject(args[0]) + "'");
   invocation.command = spec->command;
   invocation.word = spec->word;
 
@@ -226,15 +241,26 @@ Invocation ParseCommandLine(const std::vector<std::string>& args) {
     }
   };
   for (std::size_t i = 1; i < args.size(); ++i) {
-    const std::string& arg = args[i];
-    if (arg == "--help") {
+    if (args[i] == "--help") {
       invocation.help = true;
       continue;
     }
-    if (!IsOption(arg)) {
-      if (current == 0) {
-        Invalid("unexpected argument '" + arg + "'");
+    bool marked_value = false;
+    if (args[i] == kValueMark) {
+      // "--" makes the next argument a value of the current option, even
+      // one that looks like an option ("-A", "--help", "--").
+      if (current == 0 || i + 1 == args.size()) {
+        Invalid("'--' must stand between a value option and its value");
       }
+      marked_value = true;
+      ++i;
+    }
+    const std::string& arg = args[i];
+    if (marked_value || !IsOption(arg)) {
+      if (current == 0) {
+        Invalid("unexpected argument '" + ShownObject(arg) + "'");
+      }
+      RefuseControlCharacters(arg);
       if (std::vector<std::string>* list = ListOf(invocation, current)) {
         list->push_back(arg);
       } else {

@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "aec_rule.h"
 #include "users_and_groups.h"
@@ -49,6 +50,9 @@ class Configuration {
   // atomically. Throws ToolError(kConfigWrite) at the first failure; files
   // written before it stay written.
   void Save();
+
+  // The files that Save would write or remove now.
+  std::vector<std::string> PendingPaths() const;
 
  private:
   Configuration() = default;

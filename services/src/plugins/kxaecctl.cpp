@@ -21,6 +21,9 @@ namespace {
 // buffer of this size, so longer ones arrive in chunks without a newline.
 constexpr int kLineBufferSize = 4096;
 
+// kxaecctl's mark for "the next argument is a value" (tools/kxaecctl).
+constexpr const char* kValueMark = "--";
+
 [[noreturn]] void CannotStart(int error_number) {
   BOOST_LOG_TRIVIAL(error) << "kxaecctl popen error " << error_number;
   throw PluginException(error::kUnknown);
@@ -118,6 +121,10 @@ void KxAecCtl::AddArg(const std::string& option,
   AddArg(option);
   for (const auto& value : values) {
     command_line_ += " \"" + value + "\"";
+    // The tool would read a value such as "-A" or "--help" as an option:
+    // "--" before it makes the next argument a value whatever it looks like.
+    // The command-line text stays as it is built.
+    if (!value.empty() && value[0] == '-') arguments_.push_back(kValueMark);
     arguments_.push_back(value);
   }
 }
