@@ -56,7 +56,8 @@ class XmlDocument : public IXml {
 };
 
 // Parses XML text holding one root element. Throws std::runtime_error with
-// the parser's message (and line) for malformed text or more than one root.
+// the parser's message (and line) for malformed text or more than one root,
+// and for a control character in a value or name (xml_characters.h).
 boost::shared_ptr<XmlDocument> ParseXml(const std::string& text);
 
 // The content tree of any document made by this host (every IXml in this

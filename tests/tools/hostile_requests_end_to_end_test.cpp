@@ -123,14 +123,6 @@ TEST_F(HostileRequestsTest, ExportOntoAFifoIsRefusedWithoutBlocking) {
       "Error writing to config file");
 }
 
-TEST_F(HostileRequestsTest, ExportIntoTheExportAreaWorks) {
-  AddRule("r1");
-  const auto reply = Export(kExportArea + "r1.json");
-  EXPECT_EQ(reply.get<std::string>("export.result", ""), "1");
-  EXPECT_EQ(kxtest::ReadFile(kExportArea + "r1.json"),
-            kxtest::ReadFile(RulePath("r1")));
-}
-
 TEST_F(HostileRequestsTest, ALongValueInARemovalIsAnsweredAfterTheRuleWent) {
   AddRule("r1");
   const std::string user(5000, 'u');
