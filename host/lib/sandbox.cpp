@@ -136,7 +136,7 @@ void MakeRootLayout(const std::string& dir) {
   static const char* const kDirs[] = {
       "bin",          "etc/aec/rules",        "usr/db",
       "var/log",      "var/tmp/rm",           "var/tmp/pam_messages",
-      "var/run/sysctl", "var/cache/kxnetwork",
+      "var/run/sysctl", "var/cache/kxnetwork",  "var/export",
   };
   MakeDirs(dir);
   for (const char* sub : kDirs) MakeDirs(dir + "/" + sub);

@@ -162,6 +162,18 @@ TEST_F(HostileRequestsTest, LongValuesInAddAndEditAreAnswered) {
   EXPECT_NE(reply.get<std::string>("edit.update.error_desc", "")
                 .find("Groups not found: uuu"),
             std::string::npos);
+
+  // Names too long for a rule are answered as well.
+  const std::string name(5000, 'n');
+  reply = Exec("<request command=\"add\"><rule name=\"" + name + "\"><r>" +
+               a_ + "</r></rule></request>");
+  EXPECT_EQ(reply.get<std::string>("add.rule.result", ""), "0");
+  reply = Exec("<request command=\"edit\"><rule name=\"r1\" rename=\"" + name +
+               "\"/></request>");
+  EXPECT_EQ(reply.get<std::string>("edit.rename.result", ""), "0");
+  EXPECT_EQ(reply.get<std::string>("edit.rename.error_desc", ""),
+            "Invalid argument");
+  EXPECT_TRUE(kxtest::Exists(RulePath("r1")));
 }
 
 TEST_F(HostileRequestsTest, AValueThatLooksLikeAnOptionIsAValue) {

@@ -87,8 +87,9 @@ const CommandSpec kCommands[] = {
     {"export", Command::kExport, "Cvnf",
      "Usage: kxaecctl export -n NAME -f FILE [-C] [-v]\n"
      "\n"
-     "Writes the rule's file content to FILE (an absolute path outside\n"
-     "/opt/korvex/etc/aec), replacing FILE whole.\n"},
+     "Writes the rule's file content to FILE, replacing FILE whole. FILE is\n"
+     "an absolute path outside /opt/korvex or inside /opt/korvex/var/export;\n"
+     "an existing FILE must be a regular file.\n"},
     {"reload", Command::kReload, "Cvw",
      "Usage: kxaecctl reload [-C] [-v]\n"
      "       kxaecctl reload -w [-C] [-v]\n"
@@ -139,7 +140,8 @@ constexpr const char* kToolHelpHead =
 
 constexpr const char* kOptionsHelp =
     "\n"
-    "Options (each value option takes the arguments up to the next option):\n"
+    "Options (each value option takes the arguments up to the next option;\n"
+    "\"--\" makes the next argument a value even when it starts with \"-\"):\n"
     "  -C  check the integrity of the configuration first\n"
     "  -v  print each offending object on its own line\n"
     "  -n  rule names        -u  users         -g  groups\n"
