@@ -40,8 +40,10 @@ std::string RefusalOf(const std::string& text) {
 }
 
 TEST(XmlDocument, AControlCharacterInAValueRefusesTheDocument) {
-  EXPECT_EQ(RefusalOf(R"(<request command="add"><rule name="evil&#0;../x"/></request>)"),
-            "malformed XML: character U+0000 in the attribute 'name' of <rule>");
+  EXPECT_EQ(
+      RefusalOf(
+          R"(<request command="add"><rule name="evil&#0;../x"/></request>)"),
+      "malformed XML: character U+0000 in the attribute 'name' of <rule>");
   EXPECT_EQ(RefusalOf("<request><u>a&#1;b</u></request>"),
             "malformed XML: character U+0001 in the text of <u>");
   EXPECT_EQ(RefusalOf("<request><deep><u>\x1b[0m</u></deep></request>"),

@@ -73,7 +73,8 @@ TEST_F(HostileRequestsTest, ExportNeverReplacesAProgramOfTheInstallation) {
   const std::string tool = kxtest::ReadFile(toolstest::kKxaecctl);
   const auto reply = Export(toolstest::kKxaecctl);
   EXPECT_EQ(reply.get<std::string>("export.result", ""), "0");
-  EXPECT_EQ(reply.get<std::string>("export.error_desc", ""), "Invalid argument");
+  EXPECT_EQ(reply.get<std::string>("export.error_desc", ""),
+            "Invalid argument");
   EXPECT_TRUE(kxtest::ReadFile(toolstest::kKxaecctl) == tool)
       << "the tool was replaced";
   // The next command still finds a working tool.
@@ -96,7 +97,8 @@ TEST_F(HostileRequestsTest, ExportNeverReplacesTheHardModeConfirmation) {
 
   const auto reply = Export(kConfirmState);
   EXPECT_EQ(reply.get<std::string>("export.result", ""), "0");
-  EXPECT_EQ(reply.get<std::string>("export.error_desc", ""), "Invalid argument");
+  EXPECT_EQ(reply.get<std::string>("export.error_desc", ""),
+            "Invalid argument");
   EXPECT_EQ(kxtest::ReadFile(kConfirmState), state);
   EXPECT_EQ(AecHardModeConfirmation::Get()->State(), state_number);
   // Through a path that only leads there by a link, too.
@@ -134,7 +136,8 @@ TEST_F(HostileRequestsTest, ALongValueInARemovalIsAnsweredAfterTheRuleWent) {
   EXPECT_EQ(reply.get<std::string>("remove.rule.result", ""), "1");
   EXPECT_FALSE(kxtest::Exists(RulePath("r1")));
   EXPECT_EQ(reply.get<std::string>("remove.whitelist.result", ""), "0");
-  const std::string why = reply.get<std::string>("remove.whitelist.error_desc", "");
+  const std::string why =
+      reply.get<std::string>("remove.whitelist.error_desc", "");
   EXPECT_EQ(why.rfind("Users not found in the rule: uuuu", 0), 0u) << why;
   EXPECT_NE(why.find("... (5000 bytes)"), std::string::npos) << why;
   EXPECT_LT(why.size(), 1200u);
@@ -153,7 +156,8 @@ TEST_F(HostileRequestsTest, LongValuesInAddAndEditAreAnswered) {
 
   AddRule("r1");
   reply = Exec("<request command=\"edit\"><rule name=\"r1\"><add><r>" + path +
-               "</r></add><update><g>" + user + "</g></update></rule></request>");
+               "</r></add><update><g>" + user +
+               "</g></update></rule></request>");
   EXPECT_EQ(reply.get<std::string>("edit.add.result", ""), "0");
   EXPECT_NE(reply.get<std::string>("edit.add.error_desc", "")
                 .find("Resource does not exist: /ppp"),

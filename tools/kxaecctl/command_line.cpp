@@ -175,7 +175,8 @@ bool IsOption(const std::string& arg) {
 void RefuseControlCharacters(const std::string& value) {
   for (const unsigned char c : value) {
     if (IsControlCharacter(c)) {
-      Invalid("a value holds a control character: '" + ShownObject(value) + "'");
+      Invalid("a value holds a control character: '" + ShownObject(value) +
+              "'");
     }
   }
 }
@@ -230,7 +231,9 @@ Invocation ParseCommandLine(const std::vector<std::string>& args) {
     return invocation;
   }
   const CommandSpec* spec = FindCommand(args[0]);
-  if (spec == nullptr) Invalid("unknown command '" + ShownObject(args[0]) + "'");
+  if (spec == nullptr) {
+    Invalid("unknown command '" + ShownObject(args[0]) + "'");
+  }
   invocation.command = spec->command;
   invocation.word = spec->word;
 

@@ -23,7 +23,8 @@ std::string ShownObject(const std::string& value) {
   }
   if (shown.size() <= kShownObjectMax) return shown;
   std::size_t cut = kShownObjectMax;
-  while (cut > 0 && IsContinuationByte(static_cast<unsigned char>(shown[cut]))) {
+  while (cut > 0 &&
+         IsContinuationByte(static_cast<unsigned char>(shown[cut]))) {
     --cut;
   }
   return shown.substr(0, cut) + "... (" + std::to_string(value.size()) +

@@ -11,8 +11,8 @@
 // succeeds. The integrity check accepts exactly these differences (a
 // recorded file with the recorded content; a recorded file whose content
 // was not recorded, which is one the change removed or was about to write
-// when it stopped), seals them, and still refuses any other difference. Only the tool, under its lock, reads or writes the
-// record.
+// when it stopped), seals them, and still refuses any other difference.
+// Only the tool, under its lock, reads or writes the record.
 #pragma once
 
 #include <string>
