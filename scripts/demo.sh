@@ -47,7 +47,7 @@ exec_request() {
 }
 
 # --- seeding the demo root -------------------------------------------------
-mkdir -p "$root/bin" "$root/var/log"
+mkdir -p "$root/bin" "$root/var/log" "$root/var/export"
 cp "$build/tools/kxaecctl" "$build/tools/kxaide" "$root/bin/"
 
 now=$(date +%s)
@@ -118,8 +118,8 @@ echo "   rule file /opt/korvex/etc/aec/rules/toolchain.conf:"
 sed 's/^/     /' "$root/etc/aec/rules/toolchain.conf"
 
 say "Export the rule to a file"
-exec_request '<request command="export" name="toolchain" file="/opt/korvex/var/tmp/toolchain-export.json"/>'
-sed 's/^/     /' "$root/var/tmp/toolchain-export.json"
+exec_request '<request command="export" name="toolchain" file="/opt/korvex/var/export/toolchain-export.json"/>'
+sed 's/^/     /' "$root/var/export/toolchain-export.json"
 
 say "Switch control on (soft mode)"
 kx set-policies "$root/control-on.xml" | sed 's/^/   /'

@@ -92,6 +92,7 @@ void MakeInstallLayout(const std::string& dir) {
       "bin",     "etc/aec/rules", "usr/db",
       "var/log", "var/tmp/rm",    "var/tmp/pam_messages",
       "var/cache/kxnetwork",
+      "var/export",
   };
   MakeDirs(dir);
   for (const char* sub : kDirs) MakeDirs(dir + "/" + sub);

@@ -21,7 +21,8 @@
 namespace kxhost {
 
 // Makes the directories of an installation below `dir`: bin, etc/aec/rules,
-// usr/db, var/log, var/tmp/rm, var/tmp/pam_messages, var/cache/kxnetwork.
+// usr/db, var/log, var/tmp/rm, var/tmp/pam_messages, var/cache/kxnetwork,
+// var/export (where exports may go inside the installation).
 KX_HOST_INTERNAL void MakeInstallLayout(const std::string& dir);
 
 // MakeInstallLayout plus, where missing, etc/aec/white-list.config with

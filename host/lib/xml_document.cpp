@@ -9,6 +9,7 @@
 
 #include "host/document_limits.h"
 #include "host/utf8_text.h"
+#include "xml_characters.h"
 
 namespace kxhost {
 namespace {
@@ -236,6 +237,7 @@ boost::shared_ptr<XmlDocument> ParseXml(const std::string& text) {
   if (!IsBlank(parsed.data())) {
     throw std::runtime_error("malformed XML: text outside the root element");
   }
+  RefuseControlCharacters(root->first, root->second);
   auto document = boost::make_shared<XmlDocument>(root->first, root->second);
   DropLayoutText(&document->Tree());
   return document;

@@ -65,7 +65,8 @@ class KX_HOST_INTERNAL XmlDocument : public IXml {
 // Parses XML text holding one root element. Throws std::runtime_error with
 // the parser's message (and line) for malformed text or more than one root,
 // and kxdoc::DocumentLimitError (a std::runtime_error) for text beyond
-// kxdoc::kHostDocumentLimits, checked before any tree is built.
+// kxdoc::kHostDocumentLimits, checked before any tree is built, and for a
+// control character in a value or name (xml_characters.h).
 KX_HOST_INTERNAL boost::shared_ptr<XmlDocument> ParseXml(
     const std::string& text);
 

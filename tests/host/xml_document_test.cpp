@@ -30,6 +30,33 @@ TEST(XmlDocument, CommandIsTheRootsCommandAttribute) {
   EXPECT_EQ(doc->Name(), "request");
 }
 
+std::string RefusalOf(const std::string& text) {
+  try {
+    ParseXml(text);
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "<parsed>";
+}
+
+TEST(XmlDocument, AControlCharacterInAValueRefusesTheDocument) {
+  EXPECT_EQ(
+      RefusalOf(
+          R"(<request command="add"><rule name="evil&#0;../x"/></request>)"),
+      "malformed XML: character U+0000 in the attribute 'name' of <rule>");
+  EXPECT_EQ(RefusalOf("<request><u>a&#1;b</u></request>"),
+            "malformed XML: character U+0001 in the text of <u>");
+  EXPECT_EQ(RefusalOf("<request><deep><u>\x1b[0m</u></deep></request>"),
+            "malformed XML: character U+001B in the text of <u>");
+  EXPECT_EQ(RefusalOf("<request command=\"a\x7f\x01\"/>"),
+            "malformed XML: character U+0001 in the attribute 'command' of "
+            "<request>");
+  // Tab, line feed and carriage return are characters of XML text.
+  auto doc = ParseXml("<request name=\"a&#9;b\"><u>a&#10;b&#13;</u></request>");
+  EXPECT_EQ(Take(doc->GetAttribute("name")), "a\tb");
+  EXPECT_EQ(Take(doc->GetParam("u")), "a\nb\r");
+}
+
 TEST(XmlDocument, MissingCommandIsNull) {
   auto doc = ParseXml("<request><command>get</command></request>");
   EXPECT_EQ(doc->GetCommand(), nullptr);

@@ -30,8 +30,10 @@ namespace {
 
 namespace pt = boost::property_tree;
 
-// The words the plug-in itself puts on the tool's command lines.
+// The words the plug-in itself puts on the tool's command lines ("--" marks
+// the next argument as a value).
 const std::set<std::string> kToolWords = {
+    "--",
     "add",    "rm",      "update", "enable", "disable", "rename", "export",
     "reload", "restart", "-C",     "-v",     "-n",      "-u",     "-g",
     "-r",     "-f",      "-R",     "-d",     "-D",      "-X",     "-a",

@@ -46,8 +46,9 @@ TEST_F(PackageInstallTest,
 }
 
 TEST_F(PackageInstallTest, PostinstCreatesTheInitialConfigurationAndSealsIt) {
-  for (const char* dir : {"etc/aec/rules", "usr/db", "var/log", "var/tmp/rm",
-                          "var/tmp/pam_messages", "var/cache/kxnetwork"}) {
+  for (const char* dir :
+       {"etc/aec/rules", "usr/db", "var/log", "var/tmp/rm",
+        "var/tmp/pam_messages", "var/cache/kxnetwork", "var/export"}) {
     EXPECT_TRUE(boost::filesystem::is_directory(std::string(kRoot) + "/" + dir))
         << dir;
   }

@@ -116,6 +116,20 @@ TEST_F(KxAecCtlTest, AddResourcesQuotesEachValueAfterOneBlank) {
             (Args{"-r", "/a b", "/c"}));
 }
 
+TEST_F(KxAecCtlTest, AValueStartingWithADashIsMarkedAsAValueForTheTool) {
+  KxAecCtl tool("rename", true);
+  tool.AddRules({"-A"});
+  tool.AddNewName("--help");
+  tool.AddUsers({"a-b", "-", "--"});
+  // The text is built as always; only the argument vector carries the mark.
+  EXPECT_EQ(tool.CommandLine(),
+            "/opt/korvex/bin/kxaecctl rename -C -v -n \"-A\" -N \"--help\" "
+            "-u \"a-b\" \"-\" \"--\"");
+  EXPECT_EQ(tool.Arguments(),
+            (Args{kTool, "rename", "-C", "-v", "-n", "--", "-A", "-N", "--",
+                  "--help", "-u", "a-b", "--", "-", "--", "--"}));
+}
+
 TEST_F(KxAecCtlTest, ApplyRunsTheToolWithTheBuiltArguments) {
   Fake(0);
   KxAecCtl tool("add", true);

@@ -129,3 +129,32 @@ TEST_F(KxaecctlHelpTest, ABadCommandLineExitsTwoAndPointsToHelp) {
   EXPECT_EQ(run.out, "");
   EXPECT_NE(run.err.find("kxaecctl --help"), std::string::npos);
 }
+
+TEST(KxaecctlCommandLineTest, TheArgumentAfterADoubleDashIsAValue) {
+  const Invocation line = ParseCommandLine(
+      {"rename", "-C", "-v", "-n", "--", "-A", "-N", "--", "--help"});
+  EXPECT_FALSE(line.help);
+  EXPECT_FALSE(line.all_rules);
+  EXPECT_EQ(line.names, (Args{"-A"}));
+  EXPECT_EQ(line.new_name, std::string("--help"));
+  EXPECT_EQ(ParseCommandLine({"rm", "-u", "a", "--", "--", "--", "-u"}).users,
+            (Args{"a", "--", "-u"}));
+  // Only between a value option and a value.
+  EXPECT_EQ(ParseFailure({"rm", "--", "-A"}), KxAecCtl::kInvalidArgument);
+  EXPECT_EQ(ParseFailure({"rm", "-A", "--", "x"}), KxAecCtl::kInvalidArgument);
+  EXPECT_EQ(ParseFailure({"rm", "-n", "--"}), KxAecCtl::kInvalidArgument);
+}
+
+TEST(KxaecctlCommandLineTest, AValueHoldingAControlCharacterIsRefused) {
+  for (const std::string value :
+       {"a\tb", "a\nb", "r\r", "\x1b[0m", "del\x7f", "-\x01"}) {
+    EXPECT_EQ(ParseFailure({"add", "-n", value, "-r", "/a"}),
+              KxAecCtl::kInvalidArgument)
+        << value;
+    EXPECT_EQ(ParseFailure({"add", "-n", "r1", "-r", "--", value}),
+              KxAecCtl::kInvalidArgument)
+        << value;
+  }
+  EXPECT_EQ(ParseCommandLine({"add", "-n", "caf\xc3\xa9", "-r", "/a"}).names,
+            (Args{"caf\xc3\xa9"}));
+}

@@ -1,6 +1,8 @@
 // kxaecctl export.
 #include <sys/stat.h>
 
+#include <boost/filesystem/operations.hpp>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -12,7 +14,7 @@ using toolstest::RuleJson;
 using toolstest::RulePath;
 using Lines = std::vector<std::string>;
 
-const std::string kOut = "/opt/korvex/var/tmp/export/";
+const std::string kOut = "/opt/korvex/var/export/";
 
 class KxaecctlExportTest : public toolstest::ToolsTest {
  protected:
@@ -92,4 +94,29 @@ TEST_F(KxaecctlExportTest, ABrokenRuleFileIsTenAndNotExported) {
   EXPECT_EQ(run.exit_code, KxAecCtl::kConfigInvalid);
   EXPECT_EQ(run.OutLines(), (Lines{RulePath("bad")}));
   EXPECT_FALSE(kxtest::Exists(kOut + "bad"));
+}
+
+TEST_F(KxaecctlExportTest, ExportElsewhereInTheInstallationIsRefused) {
+  for (const std::string& target :
+       {std::string("/opt/korvex/var/tmp/r1.json"), toolstest::kKxaide,
+        toolstest::kLoadedSet, std::string("/opt/korvex/r1.json")}) {
+    const std::string before =
+        kxtest::Exists(target) ? kxtest::ReadFile(target) : "<absent>";
+    EXPECT_EQ(Ctl({"export", "-n", "r1", "-f", target}).exit_code,
+              KxAecCtl::kInvalidArgument)
+        << target;
+    EXPECT_EQ(kxtest::Exists(target) ? kxtest::ReadFile(target) : "<absent>",
+              before)
+        << target;
+  }
+}
+
+TEST_F(KxaecctlExportTest, ExportOutsideTheInstallationWorks) {
+  char dir[] = "/tmp/kx-export-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string target = std::string(dir) + "/r1.json";
+  const auto run = Ctl({"export", "-n", "r1", "-f", target});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(kxtest::ReadFile(target), content_);
+  boost::filesystem::remove_all(dir);
 }

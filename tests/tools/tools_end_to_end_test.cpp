@@ -181,7 +181,9 @@ TEST_F(ToolsEndToEndTest, RemovingAllRulesKeepsTheSystemRules) {
 TEST_F(ToolsEndToEndTest, ExportWritesTheRuleToTheClientsFile) {
   Exec("<request command=\"add\"><rule name=\"r1\"><r>" + a_ +
        "</r></rule></request>");
-  const std::string target = "/opt/korvex/var/tmp/r1-export.json";
+  // The export area: elsewhere in the installation nothing is replaced.
+  kxtest::WriteFile("/opt/korvex/var/export/.keep", "");
+  const std::string target = "/opt/korvex/var/export/r1-export.json";
   const auto reply =
       Exec("<request command=\"export\" name=\"r1\" file=\"" + target + "\"/>");
   EXPECT_EQ(reply.get<std::string>("export.result", ""), "1");

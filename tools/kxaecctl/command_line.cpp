@@ -2,10 +2,13 @@
 
 #include <cstring>
 
+#include "shown_object.h"
 #include "tool_error.h"
 
 namespace aectool {
 namespace {
+
+constexpr const char* kValueMark = "--";
 
 struct CommandSpec {
   const char* word;
@@ -84,8 +87,9 @@ const CommandSpec kCommands[] = {
     {"export", Command::kExport, "Cvnf",
      "Usage: kxaecctl export -n NAME -f FILE [-C] [-v]\n"
      "\n"
-     "Writes the rule's file content to FILE (an absolute path outside\n"
-     "/opt/korvex/etc/aec), replacing FILE whole.\n"},
+     "Writes the rule's file content to FILE, replacing FILE whole. FILE is\n"
+     "an absolute path outside /opt/korvex or inside /opt/korvex/var/export;\n"
+     "an existing FILE must be a regular file.\n"},
     {"reload", Command::kReload, "Cvw",
      "Usage: kxaecctl reload [-C] [-v]\n"
      "       kxaecctl reload -w [-C] [-v]\n"
@@ -136,7 +140,8 @@ constexpr const char* kToolHelpHead =
 
 constexpr const char* kOptionsHelp =
     "\n"
-    "Options (each value option takes the arguments up to the next option):\n"
+    "Options (each value option takes the arguments up to the next option;\n"
+    "\"--\" makes the next argument a value even when it starts with \"-\"):\n"
     "  -C  check the integrity of the configuration first\n"
     "  -v  print each offending object on its own line\n"
     "  -n  rule names        -u  users         -g  groups\n"
@@ -161,6 +166,19 @@ bool IsOption(const std::string& arg) {
 
 [[noreturn]] void Invalid(const std::string& reason) {
   throw ToolError(Exit::kInvalidArgument, reason);
+}
+
+// Names, users, groups, paths and files never hold a control character: a
+// line break or tab would split the line-based records (the loaded set, the
+// tool's output) and an escape sequence would reach a terminal. Such a value
+// is refused, never shortened or changed.
+void RefuseControlCharacters(const std::string& value) {
+  for (const unsigned char c : value) {
+    if (IsControlCharacter(c)) {
+      Invalid("a value holds a control character: '" + ShownObject(value) +
+              "'");
+    }
+  }
 }
 
 // Where an option's values go, or null for a flag.
@@ -213,7 +231,9 @@ Invocation ParseCommandLine(const std::vector<std::string>& args) {
     return invocation;
   }
   const CommandSpec* spec = FindCommand(args[0]);
-  if (spec == nullptr) Invalid("unknown command '" + args[0] + "'");
+  if (spec == nullptr) {
+    Invalid("unknown command '" + ShownObject(args[0]) + "'");
+  }
   invocation.command = spec->command;
   invocation.word = spec->word;
 
@@ -226,15 +246,26 @@ Invocation ParseCommandLine(const std::vector<std::string>& args) {
     }
   };
   for (std::size_t i = 1; i < args.size(); ++i) {
-    const std::string& arg = args[i];
-    if (arg == "--help") {
+    if (args[i] == "--help") {
       invocation.help = true;
       continue;
     }
-    if (!IsOption(arg)) {
-      if (current == 0) {
-        Invalid("unexpected argument '" + arg + "'");
+    bool marked_value = false;
+    if (args[i] == kValueMark) {
+      // "--" makes the next argument a value of the current option, even
+      // one that looks like an option ("-A", "--help", "--").
+      if (current == 0 || i + 1 == args.size()) {
+        Invalid("'--' must stand between a value option and its value");
       }
+      marked_value = true;
+      ++i;
+    }
+    const std::string& arg = args[i];
+    if (marked_value || !IsOption(arg)) {
+      if (current == 0) {
+        Invalid("unexpected argument '" + ShownObject(arg) + "'");
+      }
+      RefuseControlCharacters(arg);
       if (std::vector<std::string>* list = ListOf(invocation, current)) {
         list->push_back(arg);
       } else {

@@ -3,10 +3,12 @@
 // An option is an argument of exactly two characters, "-" and a letter; a
 // value option (-n -u -g -r -f -N) takes every following argument up to the
 // next option, each argument one value exactly as given (the plug-in runs
-// the tool without a shell, so values may hold blanks, quotes or "$"). A
-// value that is itself a dash and a letter cannot be passed. "--help"
-// anywhere asks for the command's help. docs/tools.md has the table of
-// which command takes which option.
+// the tool without a shell, so values may hold blanks, quotes or "$").
+// "--" makes the next argument a value whatever it looks like (the plug-in
+// puts it before every value that starts with "-"). A value holding a
+// control character is refused. "--help" anywhere else asks for the
+// command's help. docs/tools.md has the table of which command takes which
+// option.
 #pragma once
 
 #include <optional>
@@ -57,7 +59,9 @@ struct Invocation {
 // Parses the arguments after the program name. Throws ToolError
 // (kInvalidArgument) for an unknown command word, an unknown option, an
 // option the command does not take, a value option without values, a
-// one-value option given several, or values after a flag. With no
+// one-value option given several, values after a flag, a "--" that is not
+// followed by a value of a value option, or a value holding a control
+// character. With no
 // arguments at all the result is the tool's help (word empty, help true).
 Invocation ParseCommandLine(const std::vector<std::string>& args);
 

@@ -255,4 +255,17 @@ void Configuration::Save() {
   }
 }
 
+std::vector<std::string> Configuration::PendingPaths() const {
+  std::vector<std::string> paths;
+  for (const auto& name : rules_to_write_) {
+    paths.push_back(AecRule::GetPath(name));
+  }
+  for (const auto& name : rules_to_remove_) {
+    paths.push_back(AecRule::GetPath(name));
+  }
+  if (whitelist_changed_) paths.push_back(WhitelistPath());
+  if (exceptions_changed_) paths.push_back(ExceptionsPath());
+  return paths;
+}
+
 }  // namespace aectool

@@ -55,6 +55,9 @@ class Configuration {
   // written before it stay written.
   void Save();
 
+  // The files that Save would write or remove now.
+  std::vector<std::string> PendingPaths() const;
+
  private:
   Configuration() = default;
 

@@ -9,6 +9,7 @@
 #include "child_process.h"
 #include "tool_error.h"
 #include "tool_paths.h"
+#include "unsealed_change.h"
 
 namespace aectool {
 namespace {
@@ -43,6 +44,17 @@ void CheckIntegrity() {
     case 0:
       return;
     case kAideDifferences:
+      if (OnlyUnsealedChanges(result.lines)) {
+        // The tool's own change whose seal failed: seal it now. When that
+        // fails again the record stays and the change still goes ahead.
+        try {
+          Seal();
+        } catch (const ToolError& e) {
+          std::cerr << "kxaecctl: an earlier change is still not sealed: "
+                    << e.what() << "\n";
+        }
+        return;
+      }
       throw ToolError(Exit::kIntegrityDbUpdate,
                       WithObjects("configuration changed since it was sealed",
                                   result.lines),
@@ -78,6 +90,7 @@ void Seal() {
     CalculationError("cannot move " + IntegrityOutputPath() + " to " +
                      IntegrityDbPath() + ": " + std::strerror(errno));
   }
+  ForgetUnsealedChange();
 }
 
 }  // namespace aectool

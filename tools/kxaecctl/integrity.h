@@ -11,7 +11,10 @@
 
 namespace aectool {
 
-// Runs "kxaide -k -c crc-rule.conf -d crc-rule.db". Throws ToolError:
+// Runs "kxaide -k -c crc-rule.conf -d crc-rule.db". Differences that are
+// all the tool's own unsealed change (unsealed_change.h) are no violation:
+// they are sealed (a failing seal is noted on standard error) and the check
+// passes. Otherwise throws ToolError:
 //  - kIntegrityDbUpdate with every changed, new or vanished file as an
 //    object;
 //  - kIntegrityViolation when the database is missing or damaged;
@@ -25,8 +28,9 @@ void CheckIntegrity();
 void ReportIntegrity();
 
 // Runs "kxaide -i -c crc-rule.conf" and moves crc-rule-out.db over
-// crc-rule.db. Throws ToolError(kIntegrityCalculation) when either step
-// fails; the database in force is then the previous one.
+// crc-rule.db, then forgets any unsealed change. Throws
+// ToolError(kIntegrityCalculation) when either step fails; the database in
+// force is then the previous one.
 void Seal();
 
 }  // namespace aectool

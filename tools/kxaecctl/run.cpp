@@ -6,6 +6,7 @@
 #include "command_line.h"
 #include "commands.h"
 #include "integrity.h"
+#include "shown_object.h"
 #include "tool_error.h"
 #include "tool_lock.h"
 
@@ -69,7 +70,9 @@ int Run(const std::vector<std::string>& args, std::ostream& out,
   } catch (const ToolError& e) {
     err << "kxaecctl: " << invocation.word << ": " << e.what() << "\n";
     if (invocation.verbose) {
-      for (const auto& object : e.objects()) out << object << "\n";
+      for (const auto& object : e.objects()) {
+        out << ShownObject(object) << "\n";
+      }
     }
     return e.code();
   } catch (const std::exception& e) {

@@ -22,6 +22,9 @@ namespace {
 // buffer of this size, so longer ones arrive in chunks without a newline.
 constexpr int kLineBufferSize = 4096;
 
+// kxaecctl's mark for "the next argument is a value" (tools/kxaecctl).
+constexpr const char* kValueMark = "--";
+
 [[noreturn]] void CannotStart(int error_number) {
   log_trivial(LOG_ERR, "kxaecctl popen error " + std::to_string(error_number));
   throw PluginException(error::kUnknown);
@@ -119,6 +122,10 @@ void KxAecCtl::AddArg(const std::string& option,
   AddArg(option);
   for (const auto& value : values) {
     command_line_ += " \"" + value + "\"";
+    // The tool would read a value such as "-A" or "--help" as an option:
+    // "--" before it makes the next argument a value whatever it looks like.
+    // The command-line text stays as it is built.
+    if (!value.empty() && value[0] == '-') arguments_.push_back(kValueMark);
     arguments_.push_back(value);
   }
 }

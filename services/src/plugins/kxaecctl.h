@@ -71,10 +71,13 @@ class KxAecCtl : public aec::ToolExitCodes {
   std::string GetErrorDescription() const;
   std::vector<std::string> GetInvalidObjects() const;
 
-  // The command line as built, the text that logs and tests see; the tool
-  // itself runs from Arguments(), without a shell.
+  // The command line as built: the text that logs and tests see; no shell
+  // ever runs it.
   const std::string& CommandLine() const { return command_line_; }
-  // The argument vector that Apply executes, the tool path first.
+  // The argument vector that Apply executes, the tool path first: the
+  // words and values of the command line, each value without its quotes,
+  // and "--" before every value that starts with "-" (the tool's mark for
+  // "the next argument is a value").
   const std::vector<std::string>& Arguments() const { return arguments_; }
 
  private:
