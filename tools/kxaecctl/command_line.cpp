@@ -132,7 +132,8 @@ constexpr const char* kToolHelpHead =
     "  reload   load the configuration on disk (-w: the whitelist) and seal "
     "it\n"
     "  restart  load the configuration on disk\n"
-    "  confirm  confirm hard mode\n";
+    "  confirm  confirm hard mode\n"
+    "  baseline the system rule of the installed packages (see its --help)\n";
 
 constexpr const char* kOptionsHelp =
     "\n"

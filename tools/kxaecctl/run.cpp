@@ -3,6 +3,7 @@
 #include <exception>
 #include <ostream>
 
+#include "baseline_command.h"
 #include "command_line.h"
 #include "commands.h"
 #include "integrity.h"
@@ -41,6 +42,11 @@ void Dispatch(const Invocation& invocation) {
 
 int Run(const std::vector<std::string>& args, std::ostream& out,
         std::ostream& err) {
+  // The baseline takes long options of its own, unlike the plug-in's
+  // command table.
+  if (!args.empty() && args[0] == "baseline") {
+    return RunBaselineCommand(args, out, err);
+  }
   Invocation invocation;
   try {
     invocation = ParseCommandLine(args);
