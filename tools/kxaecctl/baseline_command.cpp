@@ -5,6 +5,7 @@
 #include "commit.h"
 #include "configuration.h"
 #include "dpkg_database.h"
+#include "learning_options.h"
 #include "rule_edit.h"
 #include "tool_error.h"
 #include "tool_lock.h"
@@ -30,19 +31,11 @@ struct BaselineOptions {
 };
 
 BaselineOptions ParseBaselineOptions(const std::vector<std::string> &args) {
+  const LongOptions parsed = ParseLongOptions(args, {"--admindir"}, {});
   BaselineOptions options;
-  for (std::size_t i = 1; i < args.size(); ++i) {
-    if (args[i] == "--help") {
-      options.help = true;
-    } else if (args[i] == "--admindir") {
-      if (i + 1 >= args.size() || args[i + 1].empty()) {
-        throw ToolError(KxAecCtl::kInvalidArgument, "--admindir needs a value");
-      }
-      options.admin_dir = args[++i];
-    } else {
-      throw ToolError(KxAecCtl::kInvalidArgument,
-                      "unexpected argument '" + args[i] + "'");
-    }
+  options.help = parsed.Has("--help");
+  if (parsed.values.count("--admindir")) {
+    options.admin_dir = parsed.values.at("--admindir");
   }
   return options;
 }

@@ -133,7 +133,9 @@ constexpr const char* kToolHelpHead =
     "it\n"
     "  restart  load the configuration on disk\n"
     "  confirm  confirm hard mode\n"
-    "  baseline the system rule of the installed packages (see its --help)\n";
+    "  baseline the system rule of the installed packages (see its --help)\n"
+    "  propose  rules learned from the journal's denials (see its --help)\n"
+    "  simulate what hard mode would deny (see its --help)\n";
 
 constexpr const char* kOptionsHelp =
     "\n"
