@@ -25,7 +25,7 @@ std::string Paragraph(const std::string &name, const std::string &status,
 }
 
 class KxaecctlBaselineTest : public toolstest::ToolsTest {
-protected:
+ protected:
   void SetUp() override {
     ToolsTest::SetUp();
     Seal();
@@ -37,8 +37,9 @@ protected:
                   res_ + "libfoo.so.1");
     kxtest::WriteFile(res_ + "script", "#!/bin/sh\necho hi\n", 0755);
     kxtest::WriteFile(res_ + "data.txt", "plain data\n");
-    kxtest::WriteFile(res_ + "fake-elf.o", "\x7f"
-                                           "ELF not really\n");
+    kxtest::WriteFile(res_ + "fake-elf.o",
+                      "\x7f"
+                      "ELF not really\n");
     fs::create_symlink(res_ + "prog", res_ + "prog-link");
     fs::create_directories(kAdminDir + "info");
     kxtest::WriteFile(
@@ -158,4 +159,4 @@ TEST_F(KxaecctlBaselineTest, UnknownArgumentsAreTwo) {
   EXPECT_NE(help.out.find("Usage: kxaecctl baseline"), std::string::npos);
 }
 
-} // namespace
+}  // namespace

@@ -20,7 +20,7 @@ std::string Doc(const std::string &json) {
 }
 
 class KxaecctlProposeTest : public toolstest::ToolsTest {
-protected:
+ protected:
   void SetUp() override {
     ToolsTest::SetUp();
     Seal();
@@ -75,7 +75,7 @@ protected:
   std::string res_, tool_, lib_, script_, excepted_;
 };
 
-} // namespace
+}  // namespace
 
 TEST_F(KxaecctlProposeTest, DenialsBecomeOneRulePerProgramForItsUsers) {
   AddDenials();

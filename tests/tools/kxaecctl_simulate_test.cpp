@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 using toolstest::Row;
 
 class KxaecctlSimulateTest : public toolstest::ToolsTest {
-protected:
+ protected:
   void SetUp() override {
     ToolsTest::SetUp();
     Seal();
@@ -40,17 +40,18 @@ protected:
   std::string res_, tool_, lib_;
 };
 
-} // namespace
+}  // namespace
 
 TEST_F(KxaecctlSimulateTest, ReportsWhatHardModeWouldDenyByProgramAndUser) {
   const auto run = Ctl({"simulate", "--mode", "hard"});
   EXPECT_EQ(run.exit_code, aectool::kWouldDeny) << run.err;
   EXPECT_EQ(run.out,
-            tool_ + "\n"
-                    "  daemon: 2 denied (2 starts, 0 library loads, 0 opens)\n"
-                    "  root: 1 denied (0 starts, 1 library loads, 0 opens)\n"
-                    "simulate: 3 of 7 events would be denied in hard mode; 1 "
-                    "could not be replayed (file or user gone)\n");
+            tool_ +
+                "\n"
+                "  daemon: 2 denied (2 starts, 0 library loads, 0 opens)\n"
+                "  root: 1 denied (0 starts, 1 library loads, 0 opens)\n"
+                "simulate: 3 of 7 events would be denied in hard mode; 1 "
+                "could not be replayed (file or user gone)\n");
 }
 
 TEST_F(KxaecctlSimulateTest, ThePeriodNarrowsTheReplay) {
@@ -58,10 +59,11 @@ TEST_F(KxaecctlSimulateTest, ThePeriodNarrowsTheReplay) {
       Ctl({"simulate", "--mode", "hard", "--since", "205", "--until", "400"});
   EXPECT_EQ(run.exit_code, aectool::kWouldDeny) << run.err;
   EXPECT_EQ(run.out,
-            tool_ + "\n"
-                    "  daemon: 1 denied (1 starts, 0 library loads, 0 opens)\n"
-                    "  root: 1 denied (0 starts, 1 library loads, 0 opens)\n"
-                    "simulate: 2 of 3 events would be denied in hard mode\n");
+            tool_ +
+                "\n"
+                "  daemon: 1 denied (1 starts, 0 library loads, 0 opens)\n"
+                "  root: 1 denied (0 starts, 1 library loads, 0 opens)\n"
+                "simulate: 2 of 3 events would be denied in hard mode\n");
   const auto first = Ctl({"simulate", "--mode", "hard", "--until", "150"});
   EXPECT_EQ(first.exit_code, 0) << first.err;
   EXPECT_EQ(first.out,

@@ -26,7 +26,7 @@ void Bind(sqlite3_stmt *statement, int index,
   }
 }
 
-} // namespace
+}  // namespace
 
 TestJournal::TestJournal() {
   std::filesystem::create_directories(
@@ -53,19 +53,17 @@ void TestJournal::Add(const Row &row) {
   sqlite3_bind_int64(statement, 2, row.date_time);
   Bind(statement, 3, row.app);
   std::optional<std::string> framed;
-  if (row.object)
-    framed = "\"" + *row.object + "\";";
+  if (row.object) framed = "\"" + *row.object + "\";";
   Bind(statement, 4, framed);
   Bind(statement, 5, row.username);
   Bind(statement, 6, row.groupname);
   sqlite3_bind_int(statement, 7, row.success);
   const int rc = sqlite3_step(statement);
   sqlite3_finalize(statement);
-  if (rc != SQLITE_DONE)
-    throw std::runtime_error("insert into the journal");
+  if (rc != SQLITE_DONE) throw std::runtime_error("insert into the journal");
 }
 
 void TestJournal::Lock() { Exec(db_, "BEGIN EXCLUSIVE"); }
 void TestJournal::Unlock() { Exec(db_, "COMMIT"); }
 
-} // namespace toolstest
+}  // namespace toolstest

@@ -17,15 +17,15 @@ struct Row {
   int event_id = 1051;
   std::int64_t date_time = 1000;
   std::optional<std::string> app;
-  std::optional<std::string> object; // unframed; framed when written
+  std::optional<std::string> object;  // unframed; framed when written
   std::optional<std::string> username;
   std::optional<std::string> groupname;
   int success = 0;
 };
 
 class TestJournal {
-public:
-  TestJournal(); // creates the journal with the engine's schema
+ public:
+  TestJournal();  // creates the journal with the engine's schema
   ~TestJournal();
   TestJournal(const TestJournal &) = delete;
   TestJournal &operator=(const TestJournal &) = delete;
@@ -34,8 +34,8 @@ public:
   void Lock();
   void Unlock();
 
-private:
+ private:
   sqlite3 *db_ = nullptr;
 };
 
-} // namespace toolstest
+}  // namespace toolstest

@@ -73,7 +73,7 @@ void Baseline(const BaselineOptions &options, std::ostream &out) {
   out << ")\n";
 }
 
-} // namespace
+}  // namespace
 
 int RunBaselineCommand(const std::vector<std::string> &args, std::ostream &out,
                        std::ostream &err) {
@@ -101,4 +101,4 @@ int RunBaselineCommand(const std::vector<std::string> &args, std::ostream &out,
   }
 }
 
-} // namespace aectool
+}  // namespace aectool

@@ -24,4 +24,4 @@ inline constexpr const char *kBaselineRule = "system-base";
 int RunBaselineCommand(const std::vector<std::string> &args, std::ostream &out,
                        std::ostream &err);
 
-} // namespace aectool
+}  // namespace aectool

@@ -54,11 +54,9 @@ std::vector<InstalledPackage> ReadStatus(const std::string &path) {
       finish();
       continue;
     }
-    if (line[0] == ' ' || line[0] == '\t')
-      continue; // a continuation
+    if (line[0] == ' ' || line[0] == '\t') continue;  // a continuation
     const auto colon = line.find(':');
-    if (colon == std::string::npos)
-      continue;
+    if (colon == std::string::npos) continue;
     const std::string key = line.substr(0, colon);
     std::string value = line.substr(colon + 1);
     const auto start = value.find_first_not_of(" \t");
@@ -88,33 +86,28 @@ bool OpenList(const std::string &info_dir, const InstalledPackage &package,
               std::ifstream *list) {
   if (!package.architecture.empty()) {
     list->open(info_dir + package.name + ":" + package.architecture + ".list");
-    if (*list)
-      return true;
+    if (*list) return true;
     list->clear();
   }
   list->open(info_dir + package.name + ".list");
   return static_cast<bool>(*list);
 }
 
-} // namespace
+}  // namespace
 
 bool IsLoadable(const std::string &path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0)
-    return false;
+  if (fd < 0) return false;
   unsigned char head[EI_NIDENT + 2] = {};
   ssize_t got = 0;
   while (got < static_cast<ssize_t>(sizeof head)) {
     const ssize_t n = ::read(fd, head + got, sizeof head - got);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      break;
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
     got += n;
   }
   ::close(fd);
-  if (got >= 2 && head[0] == '#' && head[1] == '!')
-    return true;
+  if (got >= 2 && head[0] == '#' && head[1] == '!') return true;
   if (got < static_cast<ssize_t>(sizeof head) ||
       std::memcmp(head, ELFMAG, SELFMAG) != 0) {
     return false;
@@ -128,8 +121,7 @@ bool IsLoadable(const std::string &path) {
 
 PackageFiles ReadPackageFiles(const std::string &admin_dir) {
   std::string dir = admin_dir;
-  if (dir.empty() || dir.back() != '/')
-    dir += '/';
+  if (dir.empty() || dir.back() != '/') dir += '/';
   const std::vector<InstalledPackage> packages = ReadStatus(dir + "status");
 
   PackageFiles result;
@@ -145,8 +137,7 @@ PackageFiles ReadPackageFiles(const std::string &admin_dir) {
     bool contributed = false;
     std::string path;
     while (std::getline(list, path)) {
-      if (path.empty() || path[0] != '/')
-        continue;
+      if (path.empty() || path[0] != '/') continue;
       struct stat link_status;
       if (::lstat(path.c_str(), &link_status) != 0) {
         ++result.vanished;
@@ -168,8 +159,7 @@ PackageFiles ReadPackageFiles(const std::string &admin_dir) {
       result.files.insert(resolved);
       contributed = true;
     }
-    if (contributed)
-      ++result.contributing_packages;
+    if (contributed) ++result.contributing_packages;
   }
   if (!problems.empty()) {
     throw ToolError(KxAecCtl::kResourceMissing,
@@ -179,4 +169,4 @@ PackageFiles ReadPackageFiles(const std::string &admin_dir) {
   return result;
 }
 
-} // namespace aectool
+}  // namespace aectool

@@ -41,4 +41,4 @@ PackageFiles ReadPackageFiles(const std::string &admin_dir);
 // of type executable or shared object, or with "#!".
 bool IsLoadable(const std::string &path);
 
-} // namespace aectool
+}  // namespace aectool

@@ -16,13 +16,12 @@ namespace {
 constexpr int kBusyWaitMs = 2000;
 
 class Connection {
-public:
+ public:
   explicit Connection(const std::string &path) {
     const int rc =
         sqlite3_open_v2(path.c_str(), &db_,
                         SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
-    if (rc != SQLITE_OK)
-      Fail("cannot open the journal " + path);
+    if (rc != SQLITE_OK) Fail("cannot open the journal " + path);
     sqlite3_busy_timeout(db_, kBusyWaitMs);
   }
   ~Connection() {
@@ -51,7 +50,7 @@ public:
     throw ToolError(KxAecCtl::kUnknownError, reason);
   }
 
-private:
+ private:
   sqlite3 *db_ = nullptr;
   sqlite3_stmt *statement_ = nullptr;
 };
@@ -59,8 +58,7 @@ private:
 // The framing the journal puts around an object: a quote before, a quote
 // and a semicolon after.
 std::string Unframed(const unsigned char *text, int length) {
-  if (length <= 0)
-    return "";
+  if (length <= 0) return "";
   const char *chars = reinterpret_cast<const char *>(text);
   if (length >= 3 && chars[0] == '"' && chars[length - 2] == '"' &&
       chars[length - 1] == ';') {
@@ -71,14 +69,13 @@ std::string Unframed(const unsigned char *text, int length) {
 
 bool Text(sqlite3_stmt *statement, int column, std::string *out) {
   const unsigned char *text = sqlite3_column_text(statement, column);
-  if (text == nullptr)
-    return false;
+  if (text == nullptr) return false;
   out->assign(reinterpret_cast<const char *>(text),
               sqlite3_column_bytes(statement, column));
   return true;
 }
 
-} // namespace
+}  // namespace
 
 const std::string &JournalPath() {
   static const std::string path = "/opt/korvex/var/log/audit_logs.db";
@@ -91,9 +88,9 @@ std::int64_t ParseJournalTime(const std::string &option,
   char *end = nullptr;
   const long long seconds = std::strtoll(value.c_str(), &end, 10);
   if (value.empty() || *end != '\0' || errno != 0 || seconds < 0) {
-    throw ToolError(KxAecCtl::kInvalidDateTime,
-                    option + " takes whole seconds since the epoch, not '" +
-                        value + "'");
+    throw ToolError(
+        KxAecCtl::kInvalidDateTime,
+        option + " takes whole seconds since the epoch, not '" + value + "'");
   }
   return seconds;
 }
@@ -112,24 +109,17 @@ JournalScan ScanJournal(const std::string &path, const JournalFilter &filter,
     sql += (i ? "," : "") + std::to_string(filter.event_ids[i]);
   }
   sql += ")";
-  if (filter.denied_only)
-    sql += " AND success = 0";
-  if (filter.since)
-    sql += " AND date_time >= ?1";
-  if (filter.until)
-    sql += " AND date_time < ?2";
-  if (filter.user)
-    sql += " AND username = ?3";
-  if (filter.group)
-    sql += " AND groupname = ?4";
+  if (filter.denied_only) sql += " AND success = 0";
+  if (filter.since) sql += " AND date_time >= ?1";
+  if (filter.until) sql += " AND date_time < ?2";
+  if (filter.user) sql += " AND username = ?3";
+  if (filter.group) sql += " AND groupname = ?4";
   sql += " ORDER BY id";
 
   Connection connection(path);
   sqlite3_stmt *statement = connection.Prepare(sql);
-  if (filter.since)
-    sqlite3_bind_int64(statement, 1, *filter.since);
-  if (filter.until)
-    sqlite3_bind_int64(statement, 2, *filter.until);
+  if (filter.since) sqlite3_bind_int64(statement, 1, *filter.since);
+  if (filter.until) sqlite3_bind_int64(statement, 2, *filter.until);
   if (filter.user) {
     sqlite3_bind_text(statement, 3, filter.user->c_str(), -1, SQLITE_STATIC);
   }
@@ -141,10 +131,8 @@ JournalScan ScanJournal(const std::string &path, const JournalFilter &filter,
   std::string framed;
   for (;;) {
     const int rc = sqlite3_step(statement);
-    if (rc == SQLITE_DONE)
-      break;
-    if (rc != SQLITE_ROW)
-      connection.Fail("cannot read the journal");
+    if (rc == SQLITE_DONE) break;
+    if (rc != SQLITE_ROW) connection.Fail("cannot read the journal");
     row.event_id = sqlite3_column_int(statement, 0);
     row.date_time = sqlite3_column_int64(statement, 1);
     row.success = sqlite3_column_int(statement, 6);
@@ -159,12 +147,11 @@ JournalScan ScanJournal(const std::string &path, const JournalFilter &filter,
     row.object =
         Unframed(reinterpret_cast<const unsigned char *>(framed.data()),
                  static_cast<int>(framed.size()));
-    if (!Text(statement, 5, &row.groupname))
-      row.groupname.clear();
+    if (!Text(statement, 5, &row.groupname)) row.groupname.clear();
     ++scan.rows;
     on_row(row);
   }
   return scan;
 }
 
-} // namespace aectool
+}  // namespace aectool

@@ -11,30 +11,30 @@
 
 namespace aectool {
 
-const std::string &JournalPath(); // /opt/korvex/var/log/audit_logs.db
+const std::string &JournalPath();  // /opt/korvex/var/log/audit_logs.db
 
 struct JournalRow {
   int event_id = 0;
   std::int64_t date_time = 0;
   std::string app;
-  std::string object; // object_name without its framing
+  std::string object;  // object_name without its framing
   std::string username;
   std::string groupname;
   int success = 1;
 };
 
 struct JournalFilter {
-  std::vector<int> event_ids;        // the events wanted
-  bool denied_only = false;          // success = 0
-  std::optional<std::int64_t> since; // date_time >= since
-  std::optional<std::int64_t> until; // date_time < until
-  std::optional<std::string> user;   // username =
-  std::optional<std::string> group;  // groupname =
+  std::vector<int> event_ids;         // the events wanted
+  bool denied_only = false;           // success = 0
+  std::optional<std::int64_t> since;  // date_time >= since
+  std::optional<std::int64_t> until;  // date_time < until
+  std::optional<std::string> user;    // username =
+  std::optional<std::string> group;   // groupname =
 };
 
 struct JournalScan {
-  std::size_t rows = 0;       // rows handed to the callback
-  std::size_t incomplete = 0; // rows skipped for a NULL or empty field
+  std::size_t rows = 0;        // rows handed to the callback
+  std::size_t incomplete = 0;  // rows skipped for a NULL or empty field
 };
 
 // Hands every matching row with app, object_name and username present to
@@ -50,4 +50,4 @@ JournalScan ScanJournal(const std::string &path, const JournalFilter &filter,
 std::int64_t ParseJournalTime(const std::string &option,
                               const std::string &value);
 
-} // namespace aectool
+}  // namespace aectool

@@ -28,4 +28,4 @@ LongOptions ParseLongOptions(const std::vector<std::string> &args,
   return options;
 }
 
-} // namespace aectool
+}  // namespace aectool

@@ -10,8 +10,8 @@
 namespace aectool {
 
 struct LongOptions {
-  std::map<std::string, std::string> values; // "--since" -> "123"
-  std::set<std::string> flags;               // "--apply"
+  std::map<std::string, std::string> values;  // "--since" -> "123"
+  std::set<std::string> flags;                // "--apply"
   bool Has(const std::string &name) const {
     return values.count(name) != 0 || flags.count(name) != 0;
   }
@@ -25,4 +25,4 @@ LongOptions ParseLongOptions(const std::vector<std::string> &args,
                              const std::set<std::string> &valued,
                              const std::set<std::string> &flags);
 
-} // namespace aectool
+}  // namespace aectool

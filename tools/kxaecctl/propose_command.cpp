@@ -42,7 +42,7 @@ constexpr const char *kHelp =
     "  --apply         add the proposed rules (as kxaecctl add does)\n";
 
 struct Observed {
-  std::set<std::string> resources; // the program and its denied libraries
+  std::set<std::string> resources;  // the program and its denied libraries
   std::set<std::string> users;
 };
 
@@ -51,16 +51,15 @@ struct Proposal {
   std::string program;
   std::vector<std::string> users;
   std::vector<std::string> groups;
-  std::vector<std::string> resources; // to hand to add (existing files)
-  std::unique_ptr<AecRule> rule;      // the rule as it would be
+  std::vector<std::string> resources;  // to hand to add (existing files)
+  std::unique_ptr<AecRule> rule;       // the rule as it would be
   bool widens = false;
 };
 
 std::set<gid_t> GroupsOf(const std::string &user) {
   std::set<gid_t> result;
   struct passwd *pw = ::getpwnam(user.c_str());
-  if (pw == nullptr)
-    return result;
+  if (pw == nullptr) return result;
   int count = 64;
   std::vector<gid_t> gids(count);
   if (::getgrouplist(user.c_str(), pw->pw_gid, gids.data(), &count) < 0) {
@@ -73,15 +72,12 @@ std::set<gid_t> GroupsOf(const std::string &user) {
 }
 
 bool AppliesTo(const RuleEdit &rule, const std::string &user) {
-  if (rule.Flag(rule_key::kAllAllowed))
-    return true;
-  if (rule.List(rule_key::kUsers).count(user) != 0)
-    return true;
+  if (rule.Flag(rule_key::kAllAllowed)) return true;
+  if (rule.List(rule_key::kUsers).count(user) != 0) return true;
   const std::set<gid_t> gids = GroupsOf(user);
   for (const auto &group : rule.List(rule_key::kGroups)) {
     const std::optional<gid_t> gid = GroupId(group);
-    if (gid && gids.count(*gid) != 0)
-      return true;
+    if (gid && gids.count(*gid) != 0) return true;
   }
   return false;
 }
@@ -100,20 +96,17 @@ bool Covered(const Configuration &config, const std::string &user,
         break;
       }
     }
-    if (!allowed)
-      return false;
+    if (!allowed) return false;
   }
   return true;
 }
 
 bool Whitelisted(const UsersAndGroups &whitelist, const JournalRow &row) {
   for (const auto &user : whitelist.users) {
-    if (user == row.username)
-      return true;
+    if (user == row.username) return true;
   }
   for (const auto &group : whitelist.groups) {
-    if (group == row.groupname)
-      return true;
+    if (group == row.groupname) return true;
   }
   return false;
 }
@@ -129,8 +122,7 @@ std::vector<Proposal> Propose(const LongOptions &options,
   if (options.values.count("--until")) {
     filter.until = ParseJournalTime("--until", options.values.at("--until"));
   }
-  if (options.values.count("--user"))
-    filter.user = options.values.at("--user");
+  if (options.values.count("--user")) filter.user = options.values.at("--user");
   if (options.values.count("--group")) {
     filter.group = options.values.at("--group");
   }
@@ -140,7 +132,7 @@ std::vector<Proposal> Propose(const LongOptions &options,
 
   const std::set<std::string> &exceptions = config.Exceptions();
   std::size_t whitelisted = 0, excepted = 0;
-  std::map<std::string, Observed> programs; // sorted: deterministic output
+  std::map<std::string, Observed> programs;  // sorted: deterministic output
   const JournalScan scan =
       ScanJournal(journal, filter, [&](const JournalRow &row) {
         if (Whitelisted(config.Whitelist(), row)) {
@@ -154,8 +146,7 @@ std::vector<Proposal> Propose(const LongOptions &options,
         }
         Observed &observed = programs[row.app];
         observed.resources.insert(row.app);
-        if (row.event_id == 1053)
-          observed.resources.insert(row.object);
+        if (row.event_id == 1053) observed.resources.insert(row.object);
         observed.users.insert(row.username);
       });
   if (scan.incomplete != 0) {
@@ -178,16 +169,13 @@ std::vector<Proposal> Propose(const LongOptions &options,
             << ") skipped\n";
         continue;
       }
-      if (!Covered(config, user, observed.resources))
-        users.push_back(user);
+      if (!Covered(config, user, observed.resources)) users.push_back(user);
     }
-    if (users.empty())
-      continue;
+    if (users.empty()) continue;
     Proposal proposal;
     proposal.program = program;
     for (const auto &resource : observed.resources) {
-      if (ResourceExists(resource))
-        proposal.resources.push_back(resource);
+      if (ResourceExists(resource)) proposal.resources.push_back(resource);
     }
     if (filter.group) {
       proposal.groups = {*filter.group};
@@ -232,10 +220,8 @@ std::vector<Proposal> Propose(const LongOptions &options,
   }
   err << "kxaecctl: propose: " << proposals.size() << " rules from "
       << scan.rows << " denied events";
-  if (whitelisted != 0)
-    err << ", " << whitelisted << " of whitelisted users";
-  if (excepted != 0)
-    err << ", " << excepted << " of excepted paths";
+  if (whitelisted != 0) err << ", " << whitelisted << " of whitelisted users";
+  if (excepted != 0) err << ", " << excepted << " of excepted paths";
   err << "\n";
   return proposals;
 }
@@ -253,7 +239,7 @@ void Apply(const std::vector<Proposal> &proposals) {
   }
 }
 
-} // namespace
+}  // namespace
 
 std::string LearnedRuleName(const std::string &path) {
   const auto slash = path.find_last_of('/');
@@ -262,14 +248,11 @@ std::string LearnedRuleName(const std::string &path) {
     const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                        (c >= '0' && c <= '9') || c == '.' || c == '_' ||
                        c == '-';
-    if (!plain)
-      c = '-';
+    if (!plain) c = '-';
   }
-  if (file.empty() || file == "." || file == "..")
-    file = "program";
+  if (file.empty() || file == "." || file == "..") file = "program";
   std::string name = "learned-" + file;
-  if (name.size() > 200)
-    name.resize(200);
+  if (name.size() > 200) name.resize(200);
   return name;
 }
 
@@ -286,17 +269,14 @@ int RunProposeCommand(const std::vector<std::string> &args, std::ostream &out,
     // With --apply the lock is held from reading the rules to the last
     // add, so no other change slips in between.
     std::optional<ToolLock> lock;
-    if (options.Has("--apply"))
-      lock.emplace();
+    if (options.Has("--apply")) lock.emplace();
     const Configuration config = Configuration::Load();
     const std::vector<Proposal> proposals = Propose(options, config, err);
     for (const auto &proposal : proposals) {
       out << proposal.rule->ToJson();
-      if (proposal.rule->ToJson().back() != '\n')
-        out << "\n";
+      if (proposal.rule->ToJson().back() != '\n') out << "\n";
     }
-    if (options.Has("--apply"))
-      Apply(proposals);
+    if (options.Has("--apply")) Apply(proposals);
     return KxAecCtl::kSuccess;
   } catch (const ToolError &e) {
     err << "kxaecctl: propose: " << e.what() << "\n";
@@ -307,4 +287,4 @@ int RunProposeCommand(const std::vector<std::string> &args, std::ostream &out,
   }
 }
 
-} // namespace aectool
+}  // namespace aectool

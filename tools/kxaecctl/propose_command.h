@@ -31,4 +31,4 @@ std::string LearnedRuleName(const std::string &path);
 int RunProposeCommand(const std::vector<std::string> &args, std::ostream &out,
                       std::ostream &err);
 
-} // namespace aectool
+}  // namespace aectool

@@ -17,30 +17,30 @@ namespace {
 
 void Dispatch(const Invocation &invocation) {
   switch (invocation.command) {
-  case Command::kAdd:
-    return RunAdd(invocation);
-  case Command::kRm:
-    return RunRm(invocation);
-  case Command::kUpdate:
-    return RunUpdate(invocation);
-  case Command::kEnable:
-    return RunSwitch(invocation, true);
-  case Command::kDisable:
-    return RunSwitch(invocation, false);
-  case Command::kRename:
-    return RunRename(invocation);
-  case Command::kExport:
-    return RunExport(invocation);
-  case Command::kReload:
-    return RunReload(invocation);
-  case Command::kRestart:
-    return RunRestart(invocation);
-  case Command::kConfirm:
-    return RunConfirm(invocation);
+    case Command::kAdd:
+      return RunAdd(invocation);
+    case Command::kRm:
+      return RunRm(invocation);
+    case Command::kUpdate:
+      return RunUpdate(invocation);
+    case Command::kEnable:
+      return RunSwitch(invocation, true);
+    case Command::kDisable:
+      return RunSwitch(invocation, false);
+    case Command::kRename:
+      return RunRename(invocation);
+    case Command::kExport:
+      return RunExport(invocation);
+    case Command::kReload:
+      return RunReload(invocation);
+    case Command::kRestart:
+      return RunRestart(invocation);
+    case Command::kConfirm:
+      return RunConfirm(invocation);
   }
 }
 
-} // namespace
+}  // namespace
 
 int Run(const std::vector<std::string> &args, std::ostream &out,
         std::ostream &err) {
@@ -83,8 +83,7 @@ int Run(const std::vector<std::string> &args, std::ostream &out,
   } catch (const ToolError &e) {
     err << "kxaecctl: " << invocation.word << ": " << e.what() << "\n";
     if (invocation.verbose) {
-      for (const auto &object : e.objects())
-        out << object << "\n";
+      for (const auto &object : e.objects()) out << object << "\n";
     }
     return e.code();
   } catch (const std::exception &e) {
@@ -95,4 +94,4 @@ int Run(const std::vector<std::string> &args, std::ostream &out,
   }
 }
 
-} // namespace aectool
+}  // namespace aectool

@@ -49,14 +49,13 @@ constexpr const char *kHelp =
 struct Account {
   bool known = false;
   std::uint32_t uid = 0;
-  std::vector<std::uint32_t> gids; // primary first, then supplementary
+  std::vector<std::uint32_t> gids;  // primary first, then supplementary
 };
 
 Account LookUp(const std::string &user) {
   Account account;
   struct passwd *pw = ::getpwnam(user.c_str());
-  if (pw == nullptr)
-    return account;
+  if (pw == nullptr) return account;
   account.known = true;
   account.uid = pw->pw_uid;
   int count = 64;
@@ -68,8 +67,7 @@ Account LookUp(const std::string &user) {
   gids.resize(count);
   account.gids.push_back(pw->pw_gid);
   for (gid_t gid : gids) {
-    if (gid != pw->pw_gid)
-      account.gids.push_back(gid);
+    if (gid != pw->pw_gid) account.gids.push_back(gid);
   }
   return account;
 }
@@ -77,8 +75,7 @@ Account LookUp(const std::string &user) {
 std::vector<std::uint32_t> UserIds(const std::set<std::string> &names) {
   std::vector<std::uint32_t> ids;
   for (const auto &name : names) {
-    if (const auto id = UserId(name))
-      ids.push_back(*id);
+    if (const auto id = UserId(name)) ids.push_back(*id);
   }
   return ids;
 }
@@ -86,8 +83,7 @@ std::vector<std::uint32_t> UserIds(const std::set<std::string> &names) {
 std::vector<std::uint32_t> GroupIds(const std::set<std::string> &names) {
   std::vector<std::uint32_t> ids;
   for (const auto &name : names) {
-    if (const auto id = GroupId(name))
-      ids.push_back(*id);
+    if (const auto id = GroupId(name)) ids.push_back(*id);
   }
   return ids;
 }
@@ -103,8 +99,7 @@ engine::RuleSetInput InputFromRulesDir(const std::string &dir) {
   engine::RuleSetInput input;
   std::vector<std::filesystem::path> files;
   for (const auto &entry : std::filesystem::directory_iterator(dir)) {
-    if (entry.path().extension() == ".conf")
-      files.push_back(entry.path());
+    if (entry.path().extension() == ".conf") files.push_back(entry.path());
   }
   std::sort(files.begin(), files.end());
   for (const auto &file : files) {
@@ -112,10 +107,10 @@ engine::RuleSetInput InputFromRulesDir(const std::string &dir) {
     try {
       edit.emplace(AecRule(file.string()));
     } catch (const std::exception &e) {
-      throw ToolError(KxAecCtl::kConfigInvalid,
-                      "cannot read the rule file " + file.string() + ": " +
-                          e.what(),
-                      {file.string()});
+      throw ToolError(
+          KxAecCtl::kConfigInvalid,
+          "cannot read the rule file " + file.string() + ": " + e.what(),
+          {file.string()});
     }
     engine::RuleSetInput::Rule rule;
     rule.name = edit->Name();
@@ -160,9 +155,9 @@ int Simulate(const LongOptions &options, std::ostream &out, std::ostream &err) {
     throw ToolError(KxAecCtl::kInvalidArgument, "--mode hard is required");
   }
   if (options.values.at("--mode") != "hard") {
-    throw ToolError(KxAecCtl::kInvalidArgument,
-                    "only --mode hard can deny; not '" +
-                        options.values.at("--mode") + "'");
+    throw ToolError(
+        KxAecCtl::kInvalidArgument,
+        "only --mode hard can deny; not '" + options.values.at("--mode") + "'");
   }
   JournalFilter filter;
   filter.event_ids = {1050, 1051, 1052, 1053, 1054, 1055};
@@ -225,8 +220,7 @@ int Simulate(const LongOptions &options, std::ostream &out, std::ostream &err) {
           ++unreplayable;
           return;
         }
-        if (!*found->second)
-          return;
+        if (!*found->second) return;
         Tally &tally = denied[{row.app, row.username}];
         if (row.event_id <= 1051) {
           ++tally.starts;
@@ -262,7 +256,7 @@ int Simulate(const LongOptions &options, std::ostream &out, std::ostream &err) {
   return total != 0 ? kWouldDeny : KxAecCtl::kSuccess;
 }
 
-} // namespace
+}  // namespace
 
 int RunSimulateCommand(const std::vector<std::string> &args, std::ostream &out,
                        std::ostream &err) {
@@ -283,4 +277,4 @@ int RunSimulateCommand(const std::vector<std::string> &args, std::ostream &out,
   }
 }
 
-} // namespace aectool
+}  // namespace aectool

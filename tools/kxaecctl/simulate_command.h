@@ -25,4 +25,4 @@ inline constexpr int kWouldDeny = 26;
 int RunSimulateCommand(const std::vector<std::string> &args, std::ostream &out,
                        std::ostream &err);
 
-} // namespace aectool
+}  // namespace aectool
