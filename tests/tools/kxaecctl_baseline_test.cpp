@@ -17,8 +17,8 @@ using toolstest::RulePath;
 
 const std::string kAdminDir = "/opt/korvex/var/tmp/dpkg/";
 
-std::string Paragraph(const std::string &name, const std::string &status,
-                      const std::string &extra = "") {
+std::string Paragraph(const std::string& name, const std::string& status,
+                      const std::string& extra = "") {
   return "Package: " + name + "\nStatus: " + status +
          "\nPriority: optional\nArchitecture: amd64\n" + extra +
          "Description: test package\n continued description\n\n";

@@ -15,7 +15,7 @@ using toolstest::Row;
 using toolstest::RuleJson;
 using toolstest::RulePath;
 
-std::string Doc(const std::string &json) {
+std::string Doc(const std::string& json) {
   return json.empty() || json.back() == '\n' ? json : json + "\n";
 }
 
@@ -55,7 +55,7 @@ class KxaecctlProposeTest : public toolstest::ToolsTest {
   // A program's resources as add takes them: itself and what it loads.
   std::vector<std::string> WithDependencies(std::vector<std::string> paths) {
     std::set<std::string> all(paths.begin(), paths.end());
-    for (const auto &path : paths) {
+    for (const auto& path : paths) {
       const auto found = aectool::FindDependencies(path).found;
       all.insert(found.begin(), found.end());
     }

@@ -8,8 +8,8 @@
 namespace toolstest {
 namespace {
 
-void Exec(sqlite3 *db, const char *sql) {
-  char *message = nullptr;
+void Exec(sqlite3* db, const char* sql) {
+  char* message = nullptr;
   if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
     const std::string reason = message ? message : "?";
     sqlite3_free(message);
@@ -17,8 +17,8 @@ void Exec(sqlite3 *db, const char *sql) {
   }
 }
 
-void Bind(sqlite3_stmt *statement, int index,
-          const std::optional<std::string> &value) {
+void Bind(sqlite3_stmt* statement, int index,
+          const std::optional<std::string>& value) {
   if (value) {
     sqlite3_bind_text(statement, index, value->c_str(), -1, SQLITE_TRANSIENT);
   } else {
@@ -42,8 +42,8 @@ TestJournal::TestJournal() {
 
 TestJournal::~TestJournal() { sqlite3_close(db_); }
 
-void TestJournal::Add(const Row &row) {
-  sqlite3_stmt *statement = nullptr;
+void TestJournal::Add(const Row& row) {
+  sqlite3_stmt* statement = nullptr;
   sqlite3_prepare_v2(db_,
                      "INSERT INTO logs (event_id, date_time, app, object_name,"
                      " username, groupname, success)"

@@ -27,15 +27,15 @@ class TestJournal {
  public:
   TestJournal();  // creates the journal with the engine's schema
   ~TestJournal();
-  TestJournal(const TestJournal &) = delete;
-  TestJournal &operator=(const TestJournal &) = delete;
-  void Add(const Row &row);
+  TestJournal(const TestJournal&) = delete;
+  TestJournal& operator=(const TestJournal&) = delete;
+  void Add(const Row& row);
   // Holds the write lock until Unlock (a writer in mid-transaction).
   void Lock();
   void Unlock();
 
  private:
-  sqlite3 *db_ = nullptr;
+  sqlite3* db_ = nullptr;
 };
 
 }  // namespace toolstest

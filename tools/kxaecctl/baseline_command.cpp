@@ -13,7 +13,7 @@
 namespace aectool {
 namespace {
 
-constexpr const char *kHelp =
+constexpr const char* kHelp =
     "Usage: kxaecctl baseline [--admindir DIR]\n"
     "\n"
     "Replaces the system rule \"system-base\" (for all users) with the\n"
@@ -30,7 +30,7 @@ struct BaselineOptions {
   std::string admin_dir = kDpkgAdminDir;
 };
 
-BaselineOptions ParseBaselineOptions(const std::vector<std::string> &args) {
+BaselineOptions ParseBaselineOptions(const std::vector<std::string>& args) {
   const LongOptions parsed = ParseLongOptions(args, {"--admindir"}, {});
   BaselineOptions options;
   options.help = parsed.Has("--help");
@@ -40,7 +40,7 @@ BaselineOptions ParseBaselineOptions(const std::vector<std::string> &args) {
   return options;
 }
 
-void Baseline(const BaselineOptions &options, std::ostream &out) {
+void Baseline(const BaselineOptions& options, std::ostream& out) {
   const ToolLock lock;
   // Everything is read before the configuration is touched, so a broken
   // package database leaves the rules as they were.
@@ -50,7 +50,7 @@ void Baseline(const BaselineOptions &options, std::ostream &out) {
                     "the package database lists no executable files");
   }
   Configuration config = Configuration::Load();
-  const AecRule *existing = config.FindRule(kBaselineRule);
+  const AecRule* existing = config.FindRule(kBaselineRule);
   if (existing != nullptr && !existing->System()) {
     // An administrator's own rule of that name is not ours to replace.
     throw ToolError(KxAecCtl::kRuleExists,
@@ -75,12 +75,12 @@ void Baseline(const BaselineOptions &options, std::ostream &out) {
 
 }  // namespace
 
-int RunBaselineCommand(const std::vector<std::string> &args, std::ostream &out,
-                       std::ostream &err) {
+int RunBaselineCommand(const std::vector<std::string>& args, std::ostream& out,
+                       std::ostream& err) {
   BaselineOptions options;
   try {
     options = ParseBaselineOptions(args);
-  } catch (const ToolError &e) {
+  } catch (const ToolError& e) {
     err << "kxaecctl: baseline: " << e.what()
         << "\nTry 'kxaecctl baseline --help'.\n";
     return e.code();
@@ -92,10 +92,10 @@ int RunBaselineCommand(const std::vector<std::string> &args, std::ostream &out,
   try {
     Baseline(options, out);
     return KxAecCtl::kSuccess;
-  } catch (const ToolError &e) {
+  } catch (const ToolError& e) {
     err << "kxaecctl: baseline: " << e.what() << "\n";
     return e.code();
-  } catch (const std::exception &e) {
+  } catch (const std::exception& e) {
     err << "kxaecctl: baseline: " << e.what() << "\n";
     return KxAecCtl::kUnknownError;
   }

@@ -16,12 +16,12 @@
 
 namespace aectool {
 
-inline constexpr const char *kBaselineRule = "system-base";
+inline constexpr const char* kBaselineRule = "system-base";
 
 // Runs `kxaecctl baseline ARGS...` (args[0] is "baseline"); returns the exit
 // code. Options: --admindir DIR (dpkg's database, default /var/lib/dpkg),
 // --help.
-int RunBaselineCommand(const std::vector<std::string> &args, std::ostream &out,
-                       std::ostream &err);
+int RunBaselineCommand(const std::vector<std::string>& args, std::ostream& out,
+                       std::ostream& err);
 
 }  // namespace aectool

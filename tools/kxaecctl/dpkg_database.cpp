@@ -22,7 +22,7 @@ struct InstalledPackage {
 };
 
 // The states in which a package's files are (or may partly be) on disk.
-bool HasFilesOnDisk(const std::string &status) {
+bool HasFilesOnDisk(const std::string& status) {
   // "want flag state": the state is the last word.
   const auto space = status.find_last_of(' ');
   const std::string state =
@@ -32,7 +32,7 @@ bool HasFilesOnDisk(const std::string &status) {
          state == "triggers-awaited" || state == "triggers-pending";
 }
 
-std::vector<InstalledPackage> ReadStatus(const std::string &path) {
+std::vector<InstalledPackage> ReadStatus(const std::string& path) {
   std::ifstream in(path);
   if (!in) {
     throw ToolError(KxAecCtl::kConfigMissing,
@@ -82,8 +82,8 @@ std::vector<InstalledPackage> ReadStatus(const std::string &path) {
 
 // dpkg names the list of a package that may be installed for several
 // architectures at once "<name>:<arch>.list", any other "<name>.list".
-bool OpenList(const std::string &info_dir, const InstalledPackage &package,
-              std::ifstream *list) {
+bool OpenList(const std::string& info_dir, const InstalledPackage& package,
+              std::ifstream* list) {
   if (!package.architecture.empty()) {
     list->open(info_dir + package.name + ":" + package.architecture + ".list");
     if (*list) return true;
@@ -95,7 +95,7 @@ bool OpenList(const std::string &info_dir, const InstalledPackage &package,
 
 }  // namespace
 
-bool IsLoadable(const std::string &path) {
+bool IsLoadable(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return false;
   unsigned char head[EI_NIDENT + 2] = {};
@@ -119,7 +119,7 @@ bool IsLoadable(const std::string &path) {
   return type == ET_EXEC || type == ET_DYN;
 }
 
-PackageFiles ReadPackageFiles(const std::string &admin_dir) {
+PackageFiles ReadPackageFiles(const std::string& admin_dir) {
   std::string dir = admin_dir;
   if (dir.empty() || dir.back() != '/') dir += '/';
   const std::vector<InstalledPackage> packages = ReadStatus(dir + "status");
@@ -127,7 +127,7 @@ PackageFiles ReadPackageFiles(const std::string &admin_dir) {
   PackageFiles result;
   std::vector<std::string> problems;
   const std::string info_dir = dir + "info/";
-  for (const auto &package : packages) {
+  for (const auto& package : packages) {
     std::ifstream list;
     if (!OpenList(info_dir, package, &list)) {
       problems.push_back("no file list for package " + package.name);

@@ -11,7 +11,7 @@
 namespace aectool {
 
 // dpkg's database directory on this machine.
-inline constexpr const char *kDpkgAdminDir = "/var/lib/dpkg";
+inline constexpr const char* kDpkgAdminDir = "/var/lib/dpkg";
 
 struct PackageFiles {
   // Canonical paths of the regular files that a program start or a library
@@ -35,10 +35,10 @@ struct PackageFiles {
 // ToolError(kResourceMissing) naming every package without a readable list
 // file and every listed path that is a dangling symbolic link. Nothing is
 // returned in part.
-PackageFiles ReadPackageFiles(const std::string &admin_dir);
+PackageFiles ReadPackageFiles(const std::string& admin_dir);
 
 // True when the file at `path` (a regular file) starts with an ELF header
 // of type executable or shared object, or with "#!".
-bool IsLoadable(const std::string &path);
+bool IsLoadable(const std::string& path);
 
 }  // namespace aectool

@@ -17,7 +17,7 @@ constexpr int kBusyWaitMs = 2000;
 
 class Connection {
  public:
-  explicit Connection(const std::string &path) {
+  explicit Connection(const std::string& path) {
     const int rc =
         sqlite3_open_v2(path.c_str(), &db_,
                         SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
@@ -28,10 +28,10 @@ class Connection {
     sqlite3_finalize(statement_);
     sqlite3_close(db_);
   }
-  Connection(const Connection &) = delete;
-  Connection &operator=(const Connection &) = delete;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
 
-  sqlite3_stmt *Prepare(const std::string &sql) {
+  sqlite3_stmt* Prepare(const std::string& sql) {
     if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement_, nullptr) !=
         SQLITE_OK) {
       Fail("cannot read the journal");
@@ -39,7 +39,7 @@ class Connection {
     return statement_;
   }
 
-  [[noreturn]] void Fail(const std::string &what) {
+  [[noreturn]] void Fail(const std::string& what) {
     const int code = db_ ? sqlite3_errcode(db_) : SQLITE_CANTOPEN;
     std::string reason = what + ": ";
     if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
@@ -51,15 +51,15 @@ class Connection {
   }
 
  private:
-  sqlite3 *db_ = nullptr;
-  sqlite3_stmt *statement_ = nullptr;
+  sqlite3* db_ = nullptr;
+  sqlite3_stmt* statement_ = nullptr;
 };
 
 // The framing the journal puts around an object: a quote before, a quote
 // and a semicolon after.
-std::string Unframed(const unsigned char *text, int length) {
+std::string Unframed(const unsigned char* text, int length) {
   if (length <= 0) return "";
-  const char *chars = reinterpret_cast<const char *>(text);
+  const char* chars = reinterpret_cast<const char*>(text);
   if (length >= 3 && chars[0] == '"' && chars[length - 2] == '"' &&
       chars[length - 1] == ';') {
     return std::string(chars + 1, length - 3);
@@ -67,25 +67,25 @@ std::string Unframed(const unsigned char *text, int length) {
   return std::string(chars, length);
 }
 
-bool Text(sqlite3_stmt *statement, int column, std::string *out) {
-  const unsigned char *text = sqlite3_column_text(statement, column);
+bool Text(sqlite3_stmt* statement, int column, std::string* out) {
+  const unsigned char* text = sqlite3_column_text(statement, column);
   if (text == nullptr) return false;
-  out->assign(reinterpret_cast<const char *>(text),
+  out->assign(reinterpret_cast<const char*>(text),
               sqlite3_column_bytes(statement, column));
   return true;
 }
 
 }  // namespace
 
-const std::string &JournalPath() {
+const std::string& JournalPath() {
   static const std::string path = "/opt/korvex/var/log/audit_logs.db";
   return path;
 }
 
-std::int64_t ParseJournalTime(const std::string &option,
-                              const std::string &value) {
+std::int64_t ParseJournalTime(const std::string& option,
+                              const std::string& value) {
   errno = 0;
-  char *end = nullptr;
+  char* end = nullptr;
   const long long seconds = std::strtoll(value.c_str(), &end, 10);
   if (value.empty() || *end != '\0' || errno != 0 || seconds < 0) {
     throw ToolError(
@@ -95,8 +95,8 @@ std::int64_t ParseJournalTime(const std::string &option,
   return seconds;
 }
 
-JournalScan ScanJournal(const std::string &path, const JournalFilter &filter,
-                        const std::function<void(const JournalRow &)> &on_row) {
+JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
+                        const std::function<void(const JournalRow&)>& on_row) {
   struct stat status;
   if (::stat(path.c_str(), &status) != 0) {
     throw ToolError(KxAecCtl::kConfigMissing,
@@ -117,7 +117,7 @@ JournalScan ScanJournal(const std::string &path, const JournalFilter &filter,
   sql += " ORDER BY id";
 
   Connection connection(path);
-  sqlite3_stmt *statement = connection.Prepare(sql);
+  sqlite3_stmt* statement = connection.Prepare(sql);
   if (filter.since) sqlite3_bind_int64(statement, 1, *filter.since);
   if (filter.until) sqlite3_bind_int64(statement, 2, *filter.until);
   if (filter.user) {
@@ -144,9 +144,8 @@ JournalScan ScanJournal(const std::string &path, const JournalFilter &filter,
       ++scan.incomplete;
       continue;
     }
-    row.object =
-        Unframed(reinterpret_cast<const unsigned char *>(framed.data()),
-                 static_cast<int>(framed.size()));
+    row.object = Unframed(reinterpret_cast<const unsigned char*>(framed.data()),
+                          static_cast<int>(framed.size()));
     if (!Text(statement, 5, &row.groupname)) row.groupname.clear();
     ++scan.rows;
     on_row(row);

@@ -11,7 +11,7 @@
 
 namespace aectool {
 
-const std::string &JournalPath();  // /opt/korvex/var/log/audit_logs.db
+const std::string& JournalPath();  // /opt/korvex/var/log/audit_logs.db
 
 struct JournalRow {
   int event_id = 0;
@@ -42,12 +42,12 @@ struct JournalScan {
 // not handed over. Throws ToolError(kConfigMissing) when the journal does
 // not exist, ToolError(kUnknownError) when it is locked by its writer
 // beyond a short wait or cannot be read (with SQLite's reason).
-JournalScan ScanJournal(const std::string &path, const JournalFilter &filter,
-                        const std::function<void(const JournalRow &)> &on_row);
+JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
+                        const std::function<void(const JournalRow&)>& on_row);
 
 // "--since"/"--until" values: whole seconds since the epoch, as the
 // journal's date_time holds them. Throws ToolError(kInvalidDateTime).
-std::int64_t ParseJournalTime(const std::string &option,
-                              const std::string &value);
+std::int64_t ParseJournalTime(const std::string& option,
+                              const std::string& value);
 
 }  // namespace aectool

@@ -4,12 +4,12 @@
 
 namespace aectool {
 
-LongOptions ParseLongOptions(const std::vector<std::string> &args,
-                             const std::set<std::string> &valued,
-                             const std::set<std::string> &flags) {
+LongOptions ParseLongOptions(const std::vector<std::string>& args,
+                             const std::set<std::string>& valued,
+                             const std::set<std::string>& flags) {
   LongOptions options;
   for (std::size_t i = 1; i < args.size(); ++i) {
-    const std::string &arg = args[i];
+    const std::string& arg = args[i];
     if (options.Has(arg)) {
       throw ToolError(KxAecCtl::kInvalidArgument, arg + " given twice");
     }

@@ -22,7 +22,7 @@
 namespace aectool {
 namespace {
 
-constexpr const char *kHelp =
+constexpr const char* kHelp =
     "Usage: kxaecctl propose [--since TIME] [--until TIME] [--user USER]\n"
     "                        [--group GROUP] [--journal FILE] [--apply]\n"
     "\n"
@@ -56,9 +56,9 @@ struct Proposal {
   bool widens = false;
 };
 
-std::set<gid_t> GroupsOf(const std::string &user) {
+std::set<gid_t> GroupsOf(const std::string& user) {
   std::set<gid_t> result;
-  struct passwd *pw = ::getpwnam(user.c_str());
+  struct passwd* pw = ::getpwnam(user.c_str());
   if (pw == nullptr) return result;
   int count = 64;
   std::vector<gid_t> gids(count);
@@ -71,11 +71,11 @@ std::set<gid_t> GroupsOf(const std::string &user) {
   return result;
 }
 
-bool AppliesTo(const RuleEdit &rule, const std::string &user) {
+bool AppliesTo(const RuleEdit& rule, const std::string& user) {
   if (rule.Flag(rule_key::kAllAllowed)) return true;
   if (rule.List(rule_key::kUsers).count(user) != 0) return true;
   const std::set<gid_t> gids = GroupsOf(user);
-  for (const auto &group : rule.List(rule_key::kGroups)) {
+  for (const auto& group : rule.List(rule_key::kGroups)) {
     const std::optional<gid_t> gid = GroupId(group);
     if (gid && gids.count(*gid) != 0) return true;
   }
@@ -83,11 +83,11 @@ bool AppliesTo(const RuleEdit &rule, const std::string &user) {
 }
 
 // True when enabled rules let `user` use every one of `resources`.
-bool Covered(const Configuration &config, const std::string &user,
-             const std::set<std::string> &resources) {
-  for (const auto &resource : resources) {
+bool Covered(const Configuration& config, const std::string& user,
+             const std::set<std::string>& resources) {
+  for (const auto& resource : resources) {
     bool allowed = false;
-    for (const auto &entry : config.Rules()) {
+    for (const auto& entry : config.Rules()) {
       const RuleEdit rule(entry.second);
       if (rule.Flag(rule_key::kEnable) &&
           rule.List(rule_key::kResources).count(resource) != 0 &&
@@ -101,18 +101,18 @@ bool Covered(const Configuration &config, const std::string &user,
   return true;
 }
 
-bool Whitelisted(const UsersAndGroups &whitelist, const JournalRow &row) {
-  for (const auto &user : whitelist.users) {
+bool Whitelisted(const UsersAndGroups& whitelist, const JournalRow& row) {
+  for (const auto& user : whitelist.users) {
     if (user == row.username) return true;
   }
-  for (const auto &group : whitelist.groups) {
+  for (const auto& group : whitelist.groups) {
     if (group == row.groupname) return true;
   }
   return false;
 }
 
-std::vector<Proposal> Propose(const LongOptions &options,
-                              const Configuration &config, std::ostream &err) {
+std::vector<Proposal> Propose(const LongOptions& options,
+                              const Configuration& config, std::ostream& err) {
   JournalFilter filter;
   filter.event_ids = {1051, 1053};
   filter.denied_only = true;
@@ -130,11 +130,11 @@ std::vector<Proposal> Propose(const LongOptions &options,
                                   ? options.values.at("--journal")
                                   : JournalPath();
 
-  const std::set<std::string> &exceptions = config.Exceptions();
+  const std::set<std::string>& exceptions = config.Exceptions();
   std::size_t whitelisted = 0, excepted = 0;
   std::map<std::string, Observed> programs;  // sorted: deterministic output
   const JournalScan scan =
-      ScanJournal(journal, filter, [&](const JournalRow &row) {
+      ScanJournal(journal, filter, [&](const JournalRow& row) {
         if (Whitelisted(config.Whitelist(), row)) {
           ++whitelisted;
           return;
@@ -144,7 +144,7 @@ std::vector<Proposal> Propose(const LongOptions &options,
           ++excepted;
           return;
         }
-        Observed &observed = programs[row.app];
+        Observed& observed = programs[row.app];
         observed.resources.insert(row.app);
         if (row.event_id == 1053) observed.resources.insert(row.object);
         observed.users.insert(row.username);
@@ -156,14 +156,14 @@ std::vector<Proposal> Propose(const LongOptions &options,
 
   std::vector<Proposal> proposals;
   std::map<std::string, int> names_taken;
-  for (const auto &[program, observed] : programs) {
+  for (const auto& [program, observed] : programs) {
     if (!ResourceExists(program)) {
       err << "kxaecctl: propose: " << program
           << " no longer exists; nothing proposed for it\n";
       continue;
     }
     std::vector<std::string> users;
-    for (const auto &user : observed.users) {
+    for (const auto& user : observed.users) {
       if (!UserId(user)) {
         err << "kxaecctl: propose: unknown user " << user << " (ran " << program
             << ") skipped\n";
@@ -174,7 +174,7 @@ std::vector<Proposal> Propose(const LongOptions &options,
     if (users.empty()) continue;
     Proposal proposal;
     proposal.program = program;
-    for (const auto &resource : observed.resources) {
+    for (const auto& resource : observed.resources) {
       if (ResourceExists(resource)) proposal.resources.push_back(resource);
     }
     if (filter.group) {
@@ -199,7 +199,7 @@ std::vector<Proposal> Propose(const LongOptions &options,
     request.paths = proposal.resources;
     request.dependencies = true;
     const std::set<std::string> resources = CollectResources(request);
-    const AecRule *existing = config.FindRule(name);
+    const AecRule* existing = config.FindRule(name);
     RuleEdit edit = existing ? RuleEdit(*existing) : RuleEdit::New(name);
     std::set<std::string> list_users = edit.List(rule_key::kUsers);
     list_users.insert(proposal.users.begin(), proposal.users.end());
@@ -226,8 +226,8 @@ std::vector<Proposal> Propose(const LongOptions &options,
   return proposals;
 }
 
-void Apply(const std::vector<Proposal> &proposals) {
-  for (const auto &proposal : proposals) {
+void Apply(const std::vector<Proposal>& proposals) {
+  for (const auto& proposal : proposals) {
     Invocation add;
     add.command = Command::kAdd;
     add.word = "add";
@@ -241,10 +241,10 @@ void Apply(const std::vector<Proposal> &proposals) {
 
 }  // namespace
 
-std::string LearnedRuleName(const std::string &path) {
+std::string LearnedRuleName(const std::string& path) {
   const auto slash = path.find_last_of('/');
   std::string file = slash == std::string::npos ? path : path.substr(slash + 1);
-  for (char &c : file) {
+  for (char& c : file) {
     const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                        (c >= '0' && c <= '9') || c == '.' || c == '_' ||
                        c == '-';
@@ -256,8 +256,8 @@ std::string LearnedRuleName(const std::string &path) {
   return name;
 }
 
-int RunProposeCommand(const std::vector<std::string> &args, std::ostream &out,
-                      std::ostream &err) {
+int RunProposeCommand(const std::vector<std::string>& args, std::ostream& out,
+                      std::ostream& err) {
   try {
     const LongOptions options = ParseLongOptions(
         args, {"--since", "--until", "--user", "--group", "--journal"},
@@ -272,16 +272,16 @@ int RunProposeCommand(const std::vector<std::string> &args, std::ostream &out,
     if (options.Has("--apply")) lock.emplace();
     const Configuration config = Configuration::Load();
     const std::vector<Proposal> proposals = Propose(options, config, err);
-    for (const auto &proposal : proposals) {
+    for (const auto& proposal : proposals) {
       out << proposal.rule->ToJson();
       if (proposal.rule->ToJson().back() != '\n') out << "\n";
     }
     if (options.Has("--apply")) Apply(proposals);
     return KxAecCtl::kSuccess;
-  } catch (const ToolError &e) {
+  } catch (const ToolError& e) {
     err << "kxaecctl: propose: " << e.what() << "\n";
     return e.code();
-  } catch (const std::exception &e) {
+  } catch (const std::exception& e) {
     err << "kxaecctl: propose: " << e.what() << "\n";
     return KxAecCtl::kUnknownError;
   }

@@ -24,11 +24,11 @@ namespace aectool {
 // Name of a rule learned for the program at `path`: "learned-" and the
 // file name, characters other than letters, digits, ".", "_" and "-"
 // replaced by "-".
-std::string LearnedRuleName(const std::string &path);
+std::string LearnedRuleName(const std::string& path);
 
 // Runs `kxaecctl propose ARGS...` (args[0] is "propose"); returns the exit
 // code.
-int RunProposeCommand(const std::vector<std::string> &args, std::ostream &out,
-                      std::ostream &err);
+int RunProposeCommand(const std::vector<std::string>& args, std::ostream& out,
+                      std::ostream& err);
 
 }  // namespace aectool

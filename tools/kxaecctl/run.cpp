@@ -15,7 +15,7 @@
 namespace aectool {
 namespace {
 
-void Dispatch(const Invocation &invocation) {
+void Dispatch(const Invocation& invocation) {
   switch (invocation.command) {
     case Command::kAdd:
       return RunAdd(invocation);
@@ -42,8 +42,8 @@ void Dispatch(const Invocation &invocation) {
 
 }  // namespace
 
-int Run(const std::vector<std::string> &args, std::ostream &out,
-        std::ostream &err) {
+int Run(const std::vector<std::string>& args, std::ostream& out,
+        std::ostream& err) {
   // The learning commands take long options of their own, beside the
   // plug-in's command table.
   if (!args.empty() && args[0] == "baseline") {
@@ -58,7 +58,7 @@ int Run(const std::vector<std::string> &args, std::ostream &out,
   Invocation invocation;
   try {
     invocation = ParseCommandLine(args);
-  } catch (const ToolError &e) {
+  } catch (const ToolError& e) {
     err << "kxaecctl: " << e.what() << "\nTry 'kxaecctl --help'.\n";
     return e.code();
   }
@@ -80,13 +80,13 @@ int Run(const std::vector<std::string> &args, std::ostream &out,
     }
     Dispatch(invocation);
     return KxAecCtl::kSuccess;
-  } catch (const ToolError &e) {
+  } catch (const ToolError& e) {
     err << "kxaecctl: " << invocation.word << ": " << e.what() << "\n";
     if (invocation.verbose) {
-      for (const auto &object : e.objects()) out << object << "\n";
+      for (const auto& object : e.objects()) out << object << "\n";
     }
     return e.code();
-  } catch (const std::exception &e) {
+  } catch (const std::exception& e) {
     // Anything the table has no code for (a file-system error in an
     // unexpected place) is the unknown error, with its reason.
     err << "kxaecctl: " << invocation.word << ": " << e.what() << "\n";

@@ -27,7 +27,7 @@ namespace {
 
 namespace engine = aec::engine;
 
-constexpr const char *kHelp =
+constexpr const char* kHelp =
     "Usage: kxaecctl simulate --mode hard [--since TIME] [--until TIME]\n"
     "                         [--rules DIR] [--journal FILE]\n"
     "\n"
@@ -52,9 +52,9 @@ struct Account {
   std::vector<std::uint32_t> gids;  // primary first, then supplementary
 };
 
-Account LookUp(const std::string &user) {
+Account LookUp(const std::string& user) {
   Account account;
-  struct passwd *pw = ::getpwnam(user.c_str());
+  struct passwd* pw = ::getpwnam(user.c_str());
   if (pw == nullptr) return account;
   account.known = true;
   account.uid = pw->pw_uid;
@@ -72,17 +72,17 @@ Account LookUp(const std::string &user) {
   return account;
 }
 
-std::vector<std::uint32_t> UserIds(const std::set<std::string> &names) {
+std::vector<std::uint32_t> UserIds(const std::set<std::string>& names) {
   std::vector<std::uint32_t> ids;
-  for (const auto &name : names) {
+  for (const auto& name : names) {
     if (const auto id = UserId(name)) ids.push_back(*id);
   }
   return ids;
 }
 
-std::vector<std::uint32_t> GroupIds(const std::set<std::string> &names) {
+std::vector<std::uint32_t> GroupIds(const std::set<std::string>& names) {
   std::vector<std::uint32_t> ids;
-  for (const auto &name : names) {
+  for (const auto& name : names) {
     if (const auto id = GroupId(name)) ids.push_back(*id);
   }
   return ids;
@@ -90,7 +90,7 @@ std::vector<std::uint32_t> GroupIds(const std::set<std::string> &names) {
 
 // The rule files of `dir` with the whitelist and exceptions in force, as
 // the engine takes a rule set. Accounts that do not exist apply to nobody.
-engine::RuleSetInput InputFromRulesDir(const std::string &dir) {
+engine::RuleSetInput InputFromRulesDir(const std::string& dir) {
   std::error_code error;
   if (!std::filesystem::is_directory(dir, error)) {
     throw ToolError(KxAecCtl::kConfigMissing,
@@ -98,15 +98,15 @@ engine::RuleSetInput InputFromRulesDir(const std::string &dir) {
   }
   engine::RuleSetInput input;
   std::vector<std::filesystem::path> files;
-  for (const auto &entry : std::filesystem::directory_iterator(dir)) {
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
     if (entry.path().extension() == ".conf") files.push_back(entry.path());
   }
   std::sort(files.begin(), files.end());
-  for (const auto &file : files) {
+  for (const auto& file : files) {
     std::optional<RuleEdit> edit;
     try {
       edit.emplace(AecRule(file.string()));
-    } catch (const std::exception &e) {
+    } catch (const std::exception& e) {
       throw ToolError(
           KxAecCtl::kConfigInvalid,
           "cannot read the rule file " + file.string() + ": " + e.what(),
@@ -124,7 +124,7 @@ engine::RuleSetInput InputFromRulesDir(const std::string &dir) {
     input.rules.push_back(std::move(rule));
   }
   const Configuration config = Configuration::Load();
-  const UsersAndGroups &whitelist = config.Whitelist();
+  const UsersAndGroups& whitelist = config.Whitelist();
   input.whitelist_uids =
       UserIds({whitelist.users.begin(), whitelist.users.end()});
   input.whitelist_gids =
@@ -150,7 +150,7 @@ struct Tally {
   std::size_t Total() const { return starts + loads + opens; }
 };
 
-int Simulate(const LongOptions &options, std::ostream &out, std::ostream &err) {
+int Simulate(const LongOptions& options, std::ostream& out, std::ostream& err) {
   if (!options.values.count("--mode")) {
     throw ToolError(KxAecCtl::kInvalidArgument, "--mode hard is required");
   }
@@ -185,7 +185,7 @@ int Simulate(const LongOptions &options, std::ostream &out, std::ostream &err) {
   std::map<std::pair<std::string, std::string>, Tally> denied;
   std::size_t unreplayable = 0;
   const JournalScan scan =
-      ScanJournal(journal, filter, [&](const JournalRow &row) {
+      ScanJournal(journal, filter, [&](const JournalRow& row) {
         auto key = std::make_tuple(row.event_id, row.object, row.username);
         auto found = decided.find(key);
         if (found == decided.end()) {
@@ -221,7 +221,7 @@ int Simulate(const LongOptions &options, std::ostream &out, std::ostream &err) {
           return;
         }
         if (!*found->second) return;
-        Tally &tally = denied[{row.app, row.username}];
+        Tally& tally = denied[{row.app, row.username}];
         if (row.event_id <= 1051) {
           ++tally.starts;
         } else if (row.event_id <= 1053) {
@@ -233,7 +233,7 @@ int Simulate(const LongOptions &options, std::ostream &out, std::ostream &err) {
 
   std::size_t total = 0;
   std::string program;
-  for (const auto &[who, tally] : denied) {
+  for (const auto& [who, tally] : denied) {
     if (who.first != program) {
       program = who.first;
       out << program << "\n";
@@ -258,8 +258,8 @@ int Simulate(const LongOptions &options, std::ostream &out, std::ostream &err) {
 
 }  // namespace
 
-int RunSimulateCommand(const std::vector<std::string> &args, std::ostream &out,
-                       std::ostream &err) {
+int RunSimulateCommand(const std::vector<std::string>& args, std::ostream& out,
+                       std::ostream& err) {
   try {
     const LongOptions options = ParseLongOptions(
         args, {"--mode", "--since", "--until", "--rules", "--journal"}, {});
@@ -268,10 +268,10 @@ int RunSimulateCommand(const std::vector<std::string> &args, std::ostream &out,
       return KxAecCtl::kSuccess;
     }
     return Simulate(options, out, err);
-  } catch (const ToolError &e) {
+  } catch (const ToolError& e) {
     err << "kxaecctl: simulate: " << e.what() << "\n";
     return e.code();
-  } catch (const std::exception &e) {
+  } catch (const std::exception& e) {
     err << "kxaecctl: simulate: " << e.what() << "\n";
     return KxAecCtl::kUnknownError;
   }

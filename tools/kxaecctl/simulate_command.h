@@ -22,7 +22,7 @@ inline constexpr int kWouldDeny = 26;
 // Runs `kxaecctl simulate ARGS...` (args[0] is "simulate"); returns the exit
 // code: 0 when nothing would be denied, kWouldDeny when something would,
 // a ToolError code on failure.
-int RunSimulateCommand(const std::vector<std::string> &args, std::ostream &out,
-                       std::ostream &err);
+int RunSimulateCommand(const std::vector<std::string>& args, std::ostream& out,
+                       std::ostream& err);
 
 }  // namespace aectool
