@@ -129,6 +129,19 @@ TEST_F(KxaecctlBaselineTest, ADanglingLinkIsNamedAndNothingIsWritten) {
   EXPECT_FALSE(kxtest::Exists(RulePath("system-base")));
 }
 
+TEST_F(KxaecctlBaselineTest, SkipDanglingNamesTheLinkAndGoesOn) {
+  fs::create_symlink(res_ + "nowhere", res_ + "dangling");
+  kxtest::WriteFile(kAdminDir + "info/docs.list", res_ + "dangling\n");
+  const auto run =
+      Ctl({"baseline", "--admindir", kAdminDir, "--skip-dangling"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.err, "kxaecctl: baseline: skipped the dangling link " + res_ +
+                         "dangling\n");
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")),
+            RuleJson("system-base", true, false, true, true, {}, {},
+                     {res_ + "libfoo.so.1", res_ + "prog", res_ + "script"}));
+}
+
 TEST_F(KxaecctlBaselineTest, AMissingStatusFileIsElevenAndWritesNothing) {
   fs::remove(kAdminDir + "status");
   const auto run = Baseline();

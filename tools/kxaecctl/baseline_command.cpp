@@ -23,28 +23,37 @@ constexpr const char* kHelp =
     "A package without a file list, or a listed file that is a dangling\n"
     "link, is an error and nothing is written.\n"
     "\n"
-    "  --admindir DIR  dpkg's database directory (default /var/lib/dpkg)\n";
+    "  --admindir DIR  dpkg's database directory (default /var/lib/dpkg)\n"
+    "  --skip-dangling name each dangling link on standard error and go on\n";
 
 struct BaselineOptions {
   bool help = false;
   std::string admin_dir = kDpkgAdminDir;
+  bool skip_dangling = false;
 };
 
 BaselineOptions ParseBaselineOptions(const std::vector<std::string>& args) {
-  const LongOptions parsed = ParseLongOptions(args, {"--admindir"}, {});
+  const LongOptions parsed =
+      ParseLongOptions(args, {"--admindir"}, {"--skip-dangling"});
   BaselineOptions options;
   options.help = parsed.Has("--help");
+  options.skip_dangling = parsed.Has("--skip-dangling");
   if (parsed.values.count("--admindir")) {
     options.admin_dir = parsed.values.at("--admindir");
   }
   return options;
 }
 
-void Baseline(const BaselineOptions& options, std::ostream& out) {
+void Baseline(const BaselineOptions& options, std::ostream& out,
+              std::ostream& err) {
   const ToolLock lock;
   // Everything is read before the configuration is touched, so a broken
   // package database leaves the rules as they were.
-  const PackageFiles packages = ReadPackageFiles(options.admin_dir);
+  const PackageFiles packages =
+      ReadPackageFiles(options.admin_dir, options.skip_dangling);
+  for (const auto& link : packages.dangling) {
+    err << "kxaecctl: baseline: skipped the dangling link " << link << "\n";
+  }
   if (packages.files.empty()) {
     throw ToolError(KxAecCtl::kResourceListEmpty,
                     "the package database lists no executable files");
@@ -90,7 +99,7 @@ int RunBaselineCommand(const std::vector<std::string>& args, std::ostream& out,
     return KxAecCtl::kSuccess;
   }
   try {
-    Baseline(options, out);
+    Baseline(options, out, err);
     return KxAecCtl::kSuccess;
   } catch (const ToolError& e) {
     err << "kxaecctl: baseline: " << e.what() << "\n";

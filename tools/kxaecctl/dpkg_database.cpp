@@ -119,7 +119,8 @@ bool IsLoadable(const std::string& path) {
   return type == ET_EXEC || type == ET_DYN;
 }
 
-PackageFiles ReadPackageFiles(const std::string& admin_dir) {
+PackageFiles ReadPackageFiles(const std::string& admin_dir,
+                              bool skip_dangling) {
   std::string dir = admin_dir;
   if (dir.empty() || dir.back() != '/') dir += '/';
   const std::vector<InstalledPackage> packages = ReadStatus(dir + "status");
@@ -145,7 +146,9 @@ PackageFiles ReadPackageFiles(const std::string& admin_dir) {
       }
       char resolved[PATH_MAX];
       if (::realpath(path.c_str(), resolved) == nullptr) {
-        if (S_ISLNK(link_status.st_mode)) {
+        if (S_ISLNK(link_status.st_mode) && skip_dangling) {
+          result.dangling.push_back(path);
+        } else if (S_ISLNK(link_status.st_mode)) {
           problems.push_back(path + " (package " + package.name +
                              ") is a dangling link");
         }

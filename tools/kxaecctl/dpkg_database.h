@@ -24,6 +24,8 @@ struct PackageFiles {
   std::size_t contributing_packages = 0;
   // Listed paths that no longer exist (removed by hand, diverted): skipped.
   std::size_t vanished = 0;
+  // Listed dangling links, when they are skipped rather than refused.
+  std::vector<std::string> dangling;
 };
 
 // Reads `admin_dir`/status and, for every package whose files are on disk
@@ -34,8 +36,11 @@ struct PackageFiles {
 // Throws ToolError(kConfigMissing) when the status file cannot be read,
 // ToolError(kResourceMissing) naming every package without a readable list
 // file and every listed path that is a dangling symbolic link. Nothing is
-// returned in part.
-PackageFiles ReadPackageFiles(const std::string& admin_dir);
+// returned in part. With `skip_dangling` a dangling link is not an error
+// but listed in `dangling` (Debian packages do ship links that only
+// resolve once another package is installed).
+PackageFiles ReadPackageFiles(const std::string& admin_dir,
+                              bool skip_dangling = false);
 
 // True when the file at `path` (a regular file) starts with an ELF header
 // of type executable or shared object, or with "#!".
