@@ -98,16 +98,10 @@ int RunBaselineCommand(const std::vector<std::string>& args, std::ostream& out,
     out << kHelp;
     return KxAecCtl::kSuccess;
   }
-  try {
+  return ReportFailures("baseline", err, [&] {
     Baseline(options, out, err);
-    return KxAecCtl::kSuccess;
-  } catch (const ToolError& e) {
-    err << "kxaecctl: baseline: " << e.what() << "\n";
-    return e.code();
-  } catch (const std::exception& e) {
-    err << "kxaecctl: baseline: " << e.what() << "\n";
-    return KxAecCtl::kUnknownError;
-  }
+    return static_cast<int>(KxAecCtl::kSuccess);
+  });
 }
 
 }  // namespace aectool

@@ -1,5 +1,10 @@
 #include "learning_options.h"
 
+#include <grp.h>
+#include <pwd.h>
+
+#include <exception>
+
 #include "tool_error.h"
 
 namespace aectool {
@@ -26,6 +31,38 @@ LongOptions ParseLongOptions(const std::vector<std::string>& args,
     }
   }
   return options;
+}
+
+int ReportFailures(const std::string& word, std::ostream& err,
+                   const std::function<int()>& body) {
+  try {
+    return body();
+  } catch (const ToolError& e) {
+    err << "kxaecctl: " << word << ": " << e.what() << "\n";
+    return e.code();
+  } catch (const std::exception& e) {
+    err << "kxaecctl: " << word << ": " << e.what() << "\n";
+    return KxAecCtl::kUnknownError;
+  }
+}
+
+std::vector<gid_t> GroupsOfUser(const std::string& user) {
+  std::vector<gid_t> result;
+  struct passwd* pw = ::getpwnam(user.c_str());
+  if (pw == nullptr) return result;
+  const gid_t primary = pw->pw_gid;
+  int count = 64;
+  std::vector<gid_t> gids(count);
+  if (::getgrouplist(user.c_str(), primary, gids.data(), &count) < 0) {
+    gids.resize(count);
+    ::getgrouplist(user.c_str(), primary, gids.data(), &count);
+  }
+  gids.resize(count);
+  result.push_back(primary);
+  for (gid_t gid : gids) {
+    if (gid != primary) result.push_back(gid);
+  }
+  return result;
 }
 
 }  // namespace aectool

@@ -56,25 +56,11 @@ struct Proposal {
   bool widens = false;
 };
 
-std::set<gid_t> GroupsOf(const std::string& user) {
-  std::set<gid_t> result;
-  struct passwd* pw = ::getpwnam(user.c_str());
-  if (pw == nullptr) return result;
-  int count = 64;
-  std::vector<gid_t> gids(count);
-  if (::getgrouplist(user.c_str(), pw->pw_gid, gids.data(), &count) < 0) {
-    gids.resize(count);
-    ::getgrouplist(user.c_str(), pw->pw_gid, gids.data(), &count);
-  }
-  gids.resize(count);
-  result.insert(gids.begin(), gids.end());
-  return result;
-}
-
 bool AppliesTo(const RuleEdit& rule, const std::string& user) {
   if (rule.Flag(rule_key::kAllAllowed)) return true;
   if (rule.List(rule_key::kUsers).count(user) != 0) return true;
-  const std::set<gid_t> gids = GroupsOf(user);
+  const std::vector<gid_t> list = GroupsOfUser(user);
+  const std::set<gid_t> gids(list.begin(), list.end());
   for (const auto& group : rule.List(rule_key::kGroups)) {
     const std::optional<gid_t> gid = GroupId(group);
     if (gid && gids.count(*gid) != 0) return true;
@@ -258,13 +244,13 @@ std::string LearnedRuleName(const std::string& path) {
 
 int RunProposeCommand(const std::vector<std::string>& args, std::ostream& out,
                       std::ostream& err) {
-  try {
+  return ReportFailures("propose", err, [&] {
     const LongOptions options = ParseLongOptions(
         args, {"--since", "--until", "--user", "--group", "--journal"},
         {"--apply"});
     if (options.Has("--help")) {
       out << kHelp;
-      return KxAecCtl::kSuccess;
+      return static_cast<int>(KxAecCtl::kSuccess);
     }
     // With --apply the lock is held from reading the rules to the last
     // add, so no other change slips in between.
@@ -277,14 +263,8 @@ int RunProposeCommand(const std::vector<std::string>& args, std::ostream& out,
       if (proposal.rule->ToJson().back() != '\n') out << "\n";
     }
     if (options.Has("--apply")) Apply(proposals);
-    return KxAecCtl::kSuccess;
-  } catch (const ToolError& e) {
-    err << "kxaecctl: propose: " << e.what() << "\n";
-    return e.code();
-  } catch (const std::exception& e) {
-    err << "kxaecctl: propose: " << e.what() << "\n";
-    return KxAecCtl::kUnknownError;
-  }
+    return static_cast<int>(KxAecCtl::kSuccess);
+  });
 }
 
 }  // namespace aectool

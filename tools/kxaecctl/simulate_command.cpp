@@ -58,17 +58,7 @@ Account LookUp(const std::string& user) {
   if (pw == nullptr) return account;
   account.known = true;
   account.uid = pw->pw_uid;
-  int count = 64;
-  std::vector<gid_t> gids(count);
-  if (::getgrouplist(user.c_str(), pw->pw_gid, gids.data(), &count) < 0) {
-    gids.resize(count);
-    ::getgrouplist(user.c_str(), pw->pw_gid, gids.data(), &count);
-  }
-  gids.resize(count);
-  account.gids.push_back(pw->pw_gid);
-  for (gid_t gid : gids) {
-    if (gid != pw->pw_gid) account.gids.push_back(gid);
-  }
+  for (gid_t gid : GroupsOfUser(user)) account.gids.push_back(gid);
   return account;
 }
 
@@ -260,21 +250,15 @@ int Simulate(const LongOptions& options, std::ostream& out, std::ostream& err) {
 
 int RunSimulateCommand(const std::vector<std::string>& args, std::ostream& out,
                        std::ostream& err) {
-  try {
+  return ReportFailures("simulate", err, [&] {
     const LongOptions options = ParseLongOptions(
         args, {"--mode", "--since", "--until", "--rules", "--journal"}, {});
     if (options.Has("--help")) {
       out << kHelp;
-      return KxAecCtl::kSuccess;
+      return static_cast<int>(KxAecCtl::kSuccess);
     }
     return Simulate(options, out, err);
-  } catch (const ToolError& e) {
-    err << "kxaecctl: simulate: " << e.what() << "\n";
-    return e.code();
-  } catch (const std::exception& e) {
-    err << "kxaecctl: simulate: " << e.what() << "\n";
-    return KxAecCtl::kUnknownError;
-  }
+  });
 }
 
 }  // namespace aectool
