@@ -19,18 +19,12 @@ std::string Doc(const std::string& json) {
   return json.empty() || json.back() == '\n' ? json : json + "\n";
 }
 
-class KxaecctlProposeTest : public toolstest::ToolsTest {
+class KxaecctlProposeTest : public toolstest::LearningTest {
  protected:
   void SetUp() override {
-    ToolsTest::SetUp();
-    Seal();
-    res_ = toolstest::kResourceDir;
-    tool_ = res_ + "tool";
-    lib_ = res_ + "libx.so.1";
+    LearningTest::SetUp();
     script_ = res_ + "run.sh";
     excepted_ = res_ + "excepted";
-    fs::copy_file("/bin/true", tool_);
-    fs::copy_file(fs::canonical("/lib/x86_64-linux-gnu/libc.so.6"), lib_);
     kxtest::WriteFile(script_, "#!/bin/sh\necho hi\n", 0755);
     kxtest::WriteFile(excepted_, "#!/bin/sh\n", 0755);
     // bin is whitelisted, `excepted` a resource exception.
@@ -71,8 +65,7 @@ class KxaecctlProposeTest : public toolstest::ToolsTest {
                     {"daemon", "root"}, {}, WithDependencies({tool_, lib_}));
   }
 
-  toolstest::TestJournal journal_;
-  std::string res_, tool_, lib_, script_, excepted_;
+  std::string script_, excepted_;
 };
 
 }  // namespace

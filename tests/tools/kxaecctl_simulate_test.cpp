@@ -12,16 +12,10 @@ namespace {
 namespace fs = std::filesystem;
 using toolstest::Row;
 
-class KxaecctlSimulateTest : public toolstest::ToolsTest {
+class KxaecctlSimulateTest : public toolstest::LearningTest {
  protected:
   void SetUp() override {
-    ToolsTest::SetUp();
-    Seal();
-    res_ = toolstest::kResourceDir;
-    tool_ = res_ + "tool";
-    lib_ = res_ + "libx.so.1";
-    fs::copy_file("/bin/true", tool_);
-    fs::copy_file(fs::canonical("/lib/x86_64-linux-gnu/libc.so.6"), lib_);
+    LearningTest::SetUp();
     kxtest::WriteFile(res_ + "notes.txt", "text\n");
     // bin is whitelisted; root may start the tool (not its library).
     ASSERT_EQ(Ctl({"add", "-u", "bin"}).exit_code, 0);
@@ -35,9 +29,6 @@ class KxaecctlSimulateTest : public toolstest::ToolsTest {
     journal_.Add({1051, 400, tool_, tool_, "bin", "bin", 0});
     journal_.Add({1051, 400, res_ + "gone", res_ + "gone", "root", "root", 0});
   }
-
-  toolstest::TestJournal journal_;
-  std::string res_, tool_, lib_;
 };
 
 }  // namespace

@@ -66,4 +66,16 @@ void TestJournal::Add(const Row& row) {
 void TestJournal::Lock() { Exec(db_, "BEGIN EXCLUSIVE"); }
 void TestJournal::Unlock() { Exec(db_, "COMMIT"); }
 
+void LearningTest::SetUp() {
+  ToolsTest::SetUp();
+  Seal();
+  res_ = kResourceDir;
+  tool_ = res_ + "tool";
+  lib_ = res_ + "libx.so.1";
+  // Real files, so the ELF headers and dependencies are the toolchain's.
+  std::filesystem::copy_file("/bin/true", tool_);
+  std::filesystem::copy_file(
+      std::filesystem::canonical("/lib/x86_64-linux-gnu/libc.so.6"), lib_);
+}
+
 }  // namespace toolstest

@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#include "tools_test_util.h"
+
 namespace toolstest {
 
 inline const std::string kJournal = "/opt/korvex/var/log/audit_logs.db";
@@ -36,6 +38,16 @@ class TestJournal {
 
  private:
   sqlite3* db_ = nullptr;
+};
+
+// A sealed sandbox with a journal and two real ELF files among the
+// resources: a program (`tool_`) and a shared object (`lib_`).
+class LearningTest : public ToolsTest {
+ protected:
+  void SetUp() override;
+
+  TestJournal journal_;
+  std::string res_, tool_, lib_;
 };
 
 }  // namespace toolstest
