@@ -167,3 +167,16 @@ TEST(LearnedRuleName, IsReadableAndAValidRuleName) {
             "learned-python3.11");
   EXPECT_EQ(aectool::LearnedRuleName("/opt/my app/run$"), "learned-run-");
 }
+
+TEST_F(KxaecctlProposeTest, AUserAllowedThroughAGroupIsNotProposed) {
+  AddDenials();
+  ASSERT_EQ(
+      Ctl({"add", "-n", "by-group", "-g", "root", "-r", tool_, lib_, "-d"})
+          .exit_code,
+      0);
+  const auto run = Ctl({"propose", "--until", "350"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out,
+            Doc(RuleJson("learned-tool", false, false, false, true, {"daemon"},
+                         {}, WithDependencies({tool_, lib_}))));
+}

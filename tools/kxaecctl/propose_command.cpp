@@ -56,28 +56,51 @@ struct Proposal {
   bool widens = false;
 };
 
-bool AppliesTo(const RuleEdit& rule, const std::string& user) {
-  if (rule.Flag(rule_key::kAllAllowed)) return true;
-  if (rule.List(rule_key::kUsers).count(user) != 0) return true;
-  const std::vector<gid_t> list = GroupsOfUser(user);
-  const std::set<gid_t> gids(list.begin(), list.end());
-  for (const auto& group : rule.List(rule_key::kGroups)) {
-    const std::optional<gid_t> gid = GroupId(group);
-    if (gid && gids.count(*gid) != 0) return true;
+// An enabled rule's lists, read once: a baseline rule holds thousands of
+// resources, and every user of every program is checked against it.
+struct RuleView {
+  bool all_users = false;
+  std::set<std::string> users;
+  std::set<gid_t> gids;
+  std::set<std::string> resources;
+};
+
+std::vector<RuleView> EnabledRules(const Configuration& config) {
+  std::vector<RuleView> views;
+  for (const auto& entry : config.Rules()) {
+    const RuleEdit rule(entry.second);
+    if (!rule.Flag(rule_key::kEnable)) continue;
+    RuleView view;
+    view.all_users = rule.Flag(rule_key::kAllAllowed);
+    view.users = rule.List(rule_key::kUsers);
+    for (const auto& group : rule.List(rule_key::kGroups)) {
+      if (const std::optional<gid_t> gid = GroupId(group)) {
+        view.gids.insert(*gid);
+      }
+    }
+    view.resources = rule.List(rule_key::kResources);
+    views.push_back(std::move(view));
+  }
+  return views;
+}
+
+bool AppliesTo(const RuleView& rule, const std::string& user,
+               const std::vector<gid_t>& gids) {
+  if (rule.all_users || rule.users.count(user) != 0) return true;
+  for (gid_t gid : gids) {
+    if (rule.gids.count(gid) != 0) return true;
   }
   return false;
 }
 
 // True when enabled rules let `user` use every one of `resources`.
-bool Covered(const Configuration& config, const std::string& user,
+bool Covered(const std::vector<RuleView>& rules, const std::string& user,
              const std::set<std::string>& resources) {
+  const std::vector<gid_t> gids = GroupsOfUser(user);
   for (const auto& resource : resources) {
     bool allowed = false;
-    for (const auto& entry : config.Rules()) {
-      const RuleEdit rule(entry.second);
-      if (rule.Flag(rule_key::kEnable) &&
-          rule.List(rule_key::kResources).count(resource) != 0 &&
-          AppliesTo(rule, user)) {
+    for (const auto& rule : rules) {
+      if (rule.resources.count(resource) != 0 && AppliesTo(rule, user, gids)) {
         allowed = true;
         break;
       }
@@ -140,6 +163,7 @@ std::vector<Proposal> Propose(const LongOptions& options,
         << " journal rows without a program, object or user were skipped\n";
   }
 
+  const std::vector<RuleView> enabled_rules = EnabledRules(config);
   std::vector<Proposal> proposals;
   std::map<std::string, int> names_taken;
   for (const auto& [program, observed] : programs) {
@@ -155,7 +179,9 @@ std::vector<Proposal> Propose(const LongOptions& options,
             << ") skipped\n";
         continue;
       }
-      if (!Covered(config, user, observed.resources)) users.push_back(user);
+      if (!Covered(enabled_rules, user, observed.resources)) {
+        users.push_back(user);
+      }
     }
     if (users.empty()) continue;
     Proposal proposal;
