@@ -136,7 +136,10 @@ constexpr const char* kToolHelpHead =
     "  reload   load the configuration on disk (-w: the whitelist) and seal "
     "it\n"
     "  restart  load the configuration on disk\n"
-    "  confirm  confirm hard mode\n";
+    "  confirm  confirm hard mode\n"
+    "  baseline the system rule of the installed packages (see its --help)\n"
+    "  propose  rules learned from the journal's denials (see its --help)\n"
+    "  simulate what hard mode would deny (see its --help)\n";
 
 constexpr const char* kOptionsHelp =
     "\n"

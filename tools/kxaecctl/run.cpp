@@ -3,10 +3,13 @@
 #include <exception>
 #include <ostream>
 
+#include "baseline_command.h"
 #include "command_line.h"
 #include "commands.h"
 #include "integrity.h"
+#include "propose_command.h"
 #include "shown_object.h"
+#include "simulate_command.h"
 #include "tool_error.h"
 #include "tool_lock.h"
 
@@ -42,6 +45,17 @@ void Dispatch(const Invocation& invocation) {
 
 int Run(const std::vector<std::string>& args, std::ostream& out,
         std::ostream& err) {
+  // The learning commands take long options of their own, beside the
+  // plug-in's command table.
+  if (!args.empty() && args[0] == "baseline") {
+    return RunBaselineCommand(args, out, err);
+  }
+  if (!args.empty() && args[0] == "propose") {
+    return RunProposeCommand(args, out, err);
+  }
+  if (!args.empty() && args[0] == "simulate") {
+    return RunSimulateCommand(args, out, err);
+  }
   Invocation invocation;
   try {
     invocation = ParseCommandLine(args);

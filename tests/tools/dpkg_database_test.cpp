@@ -1,0 +1,80 @@
+// The dpkg database reader on hand-made headers and on this machine's own
+// database (read only).
+#include "kxaecctl/dpkg_database.h"
+
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+#include "kxtest.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class IsLoadableTest : public kxtest::SandboxTest {
+ protected:
+  // An ELF identification of the given byte order followed by e_type.
+  std::string Header(bool little, unsigned type) {
+    std::string head =
+        "\x7f"
+        "ELF";
+    head += '\x02';                    // 64-bit
+    head += little ? '\x01' : '\x02';  // byte order
+    head += '\x01';                    // version
+    head.resize(16, '\0');
+    if (little) {
+      head += static_cast<char>(type & 0xff);
+      head += static_cast<char>(type >> 8);
+    } else {
+      head += static_cast<char>(type >> 8);
+      head += static_cast<char>(type & 0xff);
+    }
+    return head + std::string(48, '\0');
+  }
+  std::string Write(const std::string& name, const std::string& content) {
+    const std::string path = "/opt/korvex/var/tmp/" + name;
+    kxtest::WriteFile(path, content);
+    return path;
+  }
+};
+
+TEST_F(IsLoadableTest, ExecutablesSharedObjectsAndScriptsAreLoadable) {
+  EXPECT_TRUE(aectool::IsLoadable(Write("exec", Header(true, 2))));
+  EXPECT_TRUE(aectool::IsLoadable(Write("dyn", Header(true, 3))));
+  EXPECT_TRUE(aectool::IsLoadable(Write("dyn-be", Header(false, 3))));
+  EXPECT_TRUE(aectool::IsLoadable(Write("script", "#!/bin/sh\n")));
+}
+
+TEST_F(IsLoadableTest, ObjectsCoreFilesDataAndShortFilesAreNot) {
+  EXPECT_FALSE(aectool::IsLoadable(Write("rel", Header(true, 1))));
+  EXPECT_FALSE(aectool::IsLoadable(Write("core", Header(true, 4))));
+  EXPECT_FALSE(aectool::IsLoadable(Write("data", "plain text\n")));
+  EXPECT_FALSE(aectool::IsLoadable(Write("short",
+                                         "\x7f"
+                                         "ELF")));
+  EXPECT_FALSE(aectool::IsLoadable(Write("empty", "")));
+  EXPECT_FALSE(aectool::IsLoadable("/opt/korvex/var/tmp/none"));
+}
+
+TEST(MachineDpkgDatabase, HoldsTheSystemsOwnProgramsAndLibraries) {
+  const auto start = std::chrono::steady_clock::now();
+  const aectool::PackageFiles files =  // Stock packages ship links that resolve
+                                       // only with another package.
+      aectool::ReadPackageFiles("/var/lib/dpkg", true);
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start)
+          .count();
+  std::cout << "this machine: " << files.files.size() << " files from "
+            << files.contributing_packages << " of " << files.packages
+            << " packages in " << seconds << " s\n";
+  EXPECT_EQ(files.files.count(fs::canonical("/usr/bin/dpkg").string()), 1u);
+  EXPECT_EQ(files.files.count(
+                fs::canonical("/lib/x86_64-linux-gnu/libc.so.6").string()),
+            1u);
+  EXPECT_EQ(files.files.count("/usr/share/doc/dpkg/copyright"), 0u);
+  EXPECT_EQ(files.files.count("/etc/dpkg/dpkg.cfg"), 0u);
+}
+
+}  // namespace

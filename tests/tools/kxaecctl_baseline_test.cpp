@@ -1,0 +1,175 @@
+// kxaecctl baseline: the system rule built from a fake dpkg database inside
+// the sandbox, whose file lists point at files in the sandbox.
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "aec_rule.h"
+#include "tools_test_util.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using toolstest::RuleJson;
+using toolstest::RulePath;
+
+const std::string kAdminDir = "/opt/korvex/var/tmp/dpkg/";
+
+std::string Paragraph(const std::string& name, const std::string& status,
+                      const std::string& extra = "") {
+  return "Package: " + name + "\nStatus: " + status +
+         "\nPriority: optional\nArchitecture: amd64\n" + extra +
+         "Description: test package\n continued description\n\n";
+}
+
+class KxaecctlBaselineTest : public toolstest::ToolsTest {
+ protected:
+  void SetUp() override {
+    ToolsTest::SetUp();
+    Seal();
+    res_ = toolstest::kResourceDir;
+    // A real executable and a real shared object, so the ELF header is the
+    // toolchain's, not a hand-made one.
+    fs::copy_file("/bin/true", res_ + "prog");
+    fs::copy_file(fs::canonical("/lib/x86_64-linux-gnu/libc.so.6"),
+                  res_ + "libfoo.so.1");
+    kxtest::WriteFile(res_ + "script", "#!/bin/sh\necho hi\n", 0755);
+    kxtest::WriteFile(res_ + "data.txt", "plain data\n");
+    kxtest::WriteFile(res_ + "fake-elf.o",
+                      "\x7f"
+                      "ELF not really\n");
+    fs::create_symlink(res_ + "prog", res_ + "prog-link");
+    fs::create_directories(kAdminDir + "info");
+    kxtest::WriteFile(
+        kAdminDir + "status",
+        Paragraph("tools", "install ok installed") +
+            Paragraph("libfoo1", "install ok installed", "Multi-Arch: same\n") +
+            Paragraph("docs", "install ok installed") +
+            Paragraph("old", "deinstall ok config-files"));
+    kxtest::WriteFile(kAdminDir + "info/tools.list",
+                      "/.\n" + res_ + "\n" + res_ + "prog\n" + res_ +
+                          "prog-link\n" + res_ + "script\n" + res_ + "gone\n");
+    kxtest::WriteFile(kAdminDir + "info/libfoo1:amd64.list",
+                      res_ + "\n" + res_ + "libfoo.so.1\n");
+    kxtest::WriteFile(kAdminDir + "info/docs.list",
+                      res_ + "data.txt\n" + res_ + "fake-elf.o\n");
+  }
+
+  toolstest::ToolRun Baseline() {
+    return Ctl({"baseline", "--admindir", kAdminDir});
+  }
+
+  std::string res_;
+};
+
+TEST_F(KxaecctlBaselineTest, TheRuleHoldsTheLoadableFilesOfInstalledPackages) {
+  const auto run = Baseline();
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out,
+            "baseline: 3 files from 2 packages (3 packages read, 1 listed "
+            "paths no longer exist)\n");
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")),
+            RuleJson("system-base", true, false, true, true, {}, {},
+                     {res_ + "libfoo.so.1", res_ + "prog", res_ + "script"}));
+  const AecRule rule(RulePath("system-base"));
+  EXPECT_TRUE(rule.System());
+  // Loaded like any other change.
+  const std::string loaded = kxtest::ReadFile(toolstest::kLoadedSet);
+  EXPECT_NE(loaded.find(res_ + "libfoo.so.1"), std::string::npos);
+  EXPECT_EQ(loaded.find(res_ + "data.txt"), std::string::npos);
+  // And sealed: the integrity check passes after it.
+  EXPECT_EQ(Ctl({"reload", "-C"}).exit_code, 0);
+}
+
+TEST_F(KxaecctlBaselineTest, ASecondRunReplacesTheRuleWhole) {
+  ASSERT_EQ(Baseline().exit_code, 0);
+  kxtest::WriteFile(kAdminDir + "info/tools.list", res_ + "prog\n");
+  const auto run = Baseline();
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, "baseline: 2 files from 2 packages (3 packages read)\n");
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")),
+            RuleJson("system-base", true, false, true, true, {}, {},
+                     {res_ + "libfoo.so.1", res_ + "prog"}));
+}
+
+TEST_F(KxaecctlBaselineTest, TheBaselineIsASystemRuleThatRmRefuses) {
+  ASSERT_EQ(Baseline().exit_code, 0);
+  const auto run = Ctl({"rm", "-n", "system-base"});
+  EXPECT_EQ(run.exit_code, KxAecCtl::kSystemRule);
+  EXPECT_TRUE(kxtest::Exists(RulePath("system-base")));
+  EXPECT_EQ(Ctl({"rm", "-A"}).exit_code, 0);
+  EXPECT_TRUE(kxtest::Exists(RulePath("system-base")));
+}
+
+TEST_F(KxaecctlBaselineTest, AMissingListFileWritesNothing) {
+  ASSERT_EQ(Baseline().exit_code, 0);
+  const std::string before = kxtest::ReadFile(RulePath("system-base"));
+  const std::string loaded_before = kxtest::ReadFile(toolstest::kLoadedSet);
+  kxtest::WriteFile(res_ + "new-prog", "#!/bin/sh\n", 0755);
+  kxtest::WriteFile(kAdminDir + "info/tools.list", res_ + "new-prog\n");
+  fs::remove(kAdminDir + "info/docs.list");
+  const auto run = Baseline();
+  EXPECT_EQ(run.exit_code, KxAecCtl::kResourceMissing);
+  EXPECT_NE(run.err.find("no file list for package docs"), std::string::npos)
+      << run.err;
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")), before);
+  EXPECT_EQ(kxtest::ReadFile(toolstest::kLoadedSet), loaded_before);
+}
+
+TEST_F(KxaecctlBaselineTest, ADanglingLinkIsNamedAndNothingIsWritten) {
+  fs::create_symlink(res_ + "nowhere", res_ + "dangling");
+  kxtest::WriteFile(kAdminDir + "info/docs.list", res_ + "dangling\n");
+  const auto run = Baseline();
+  EXPECT_EQ(run.exit_code, KxAecCtl::kResourceMissing);
+  EXPECT_NE(run.err.find(res_ + "dangling (package docs) is a dangling link"),
+            std::string::npos)
+      << run.err;
+  EXPECT_FALSE(kxtest::Exists(RulePath("system-base")));
+}
+
+TEST_F(KxaecctlBaselineTest, SkipDanglingNamesTheLinkAndGoesOn) {
+  fs::create_symlink(res_ + "nowhere", res_ + "dangling");
+  kxtest::WriteFile(kAdminDir + "info/docs.list", res_ + "dangling\n");
+  const auto run =
+      Ctl({"baseline", "--admindir", kAdminDir, "--skip-dangling"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.err, "kxaecctl: baseline: skipped the dangling link " + res_ +
+                         "dangling\n");
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")),
+            RuleJson("system-base", true, false, true, true, {}, {},
+                     {res_ + "libfoo.so.1", res_ + "prog", res_ + "script"}));
+}
+
+TEST_F(KxaecctlBaselineTest, AMissingStatusFileIsElevenAndWritesNothing) {
+  fs::remove(kAdminDir + "status");
+  const auto run = Baseline();
+  EXPECT_EQ(run.exit_code, KxAecCtl::kConfigMissing);
+  EXPECT_NE(run.err.find("package status file"), std::string::npos) << run.err;
+  EXPECT_FALSE(kxtest::Exists(RulePath("system-base")));
+}
+
+TEST_F(KxaecctlBaselineTest, AnAdministratorsRuleOfThatNameIsNotReplaced) {
+  ASSERT_EQ(
+      Ctl({"add", "-n", "system-base", "-u", "root", "-r", res_ + "prog", "-d"})
+          .exit_code,
+      0);
+  const std::string before = kxtest::ReadFile(RulePath("system-base"));
+  const auto run = Baseline();
+  EXPECT_EQ(run.exit_code, KxAecCtl::kRuleExists);
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")), before);
+}
+
+TEST_F(KxaecctlBaselineTest, UnknownArgumentsAreTwo) {
+  const auto run = Ctl({"baseline", "--since", "1"});
+  EXPECT_EQ(run.exit_code, KxAecCtl::kInvalidArgument);
+  EXPECT_NE(run.err.find("unexpected argument '--since'"), std::string::npos);
+  EXPECT_EQ(Ctl({"baseline", "--admindir"}).exit_code,
+            KxAecCtl::kInvalidArgument);
+  const auto help = Ctl({"baseline", "--help"});
+  EXPECT_EQ(help.exit_code, 0);
+  EXPECT_NE(help.out.find("Usage: kxaecctl baseline"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,156 @@
+#include "journal_reader.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "tool_error.h"
+
+namespace aectool {
+namespace {
+
+// The writer commits in short batches; a reader waits this long for one to
+// end before calling the journal locked.
+constexpr int kBusyWaitMs = 2000;
+
+class Connection {
+ public:
+  explicit Connection(const std::string& path) {
+    const int rc =
+        sqlite3_open_v2(path.c_str(), &db_,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc != SQLITE_OK) Fail("cannot open the journal " + path);
+    sqlite3_busy_timeout(db_, kBusyWaitMs);
+  }
+  ~Connection() {
+    sqlite3_finalize(statement_);
+    sqlite3_close(db_);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  sqlite3_stmt* Prepare(const std::string& sql) {
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement_, nullptr) !=
+        SQLITE_OK) {
+      Fail("cannot read the journal");
+    }
+    return statement_;
+  }
+
+  [[noreturn]] void Fail(const std::string& what) {
+    const int code = db_ ? sqlite3_errcode(db_) : SQLITE_CANTOPEN;
+    std::string reason = what + ": ";
+    if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
+      reason += "it is locked by its writer; try again later";
+    } else {
+      reason += db_ ? sqlite3_errmsg(db_) : "out of memory";
+    }
+    throw ToolError(Exit::kUnknownError, reason);
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+// The framing the journal puts around an object: a quote before, a quote
+// and a semicolon after.
+std::string Unframed(const unsigned char* text, int length) {
+  if (length <= 0) return "";
+  const char* chars = reinterpret_cast<const char*>(text);
+  if (length >= 3 && chars[0] == '"' && chars[length - 2] == '"' &&
+      chars[length - 1] == ';') {
+    return std::string(chars + 1, length - 3);
+  }
+  return std::string(chars, length);
+}
+
+bool Text(sqlite3_stmt* statement, int column, std::string* out) {
+  const unsigned char* text = sqlite3_column_text(statement, column);
+  if (text == nullptr) return false;
+  out->assign(reinterpret_cast<const char*>(text),
+              sqlite3_column_bytes(statement, column));
+  return true;
+}
+
+}  // namespace
+
+const std::string& JournalPath() {
+  static const std::string path = "/opt/korvex/var/log/audit_logs.db";
+  return path;
+}
+
+std::int64_t ParseJournalTime(const std::string& option,
+                              const std::string& value) {
+  errno = 0;
+  char* end = nullptr;
+  const long long seconds = std::strtoll(value.c_str(), &end, 10);
+  if (value.empty() || *end != '\0' || errno != 0 || seconds < 0) {
+    throw ToolError(
+        Exit::kInvalidDateTime,
+        option + " takes whole seconds since the epoch, not '" + value + "'");
+  }
+  return seconds;
+}
+
+JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
+                        const std::function<void(const JournalRow&)>& on_row) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0) {
+    throw ToolError(Exit::kConfigMissing,
+                    "the journal " + path + " does not exist");
+  }
+  std::string sql =
+      "SELECT event_id, date_time, app, object_name, username, groupname, "
+      "success FROM logs WHERE event_id IN (";
+  for (std::size_t i = 0; i < filter.event_ids.size(); ++i) {
+    sql += (i ? "," : "") + std::to_string(filter.event_ids[i]);
+  }
+  sql += ")";
+  if (filter.denied_only) sql += " AND success = 0";
+  if (filter.since) sql += " AND date_time >= ?1";
+  if (filter.until) sql += " AND date_time < ?2";
+  if (filter.user) sql += " AND username = ?3";
+  if (filter.group) sql += " AND groupname = ?4";
+  sql += " ORDER BY id";
+
+  Connection connection(path);
+  sqlite3_stmt* statement = connection.Prepare(sql);
+  if (filter.since) sqlite3_bind_int64(statement, 1, *filter.since);
+  if (filter.until) sqlite3_bind_int64(statement, 2, *filter.until);
+  if (filter.user) {
+    sqlite3_bind_text(statement, 3, filter.user->c_str(), -1, SQLITE_STATIC);
+  }
+  if (filter.group) {
+    sqlite3_bind_text(statement, 4, filter.group->c_str(), -1, SQLITE_STATIC);
+  }
+  JournalScan scan;
+  JournalRow row;
+  std::string framed;
+  for (;;) {
+    const int rc = sqlite3_step(statement);
+    if (rc == SQLITE_DONE) break;
+    if (rc != SQLITE_ROW) connection.Fail("cannot read the journal");
+    row.event_id = sqlite3_column_int(statement, 0);
+    row.date_time = sqlite3_column_int64(statement, 1);
+    row.success = sqlite3_column_int(statement, 6);
+    const bool complete =
+        Text(statement, 2, &row.app) && Text(statement, 3, &framed) &&
+        Text(statement, 4, &row.username) && !row.app.empty() &&
+        !framed.empty() && !row.username.empty();
+    if (!complete) {
+      ++scan.incomplete;
+      continue;
+    }
+    row.object = Unframed(reinterpret_cast<const unsigned char*>(framed.data()),
+                          static_cast<int>(framed.size()));
+    if (!Text(statement, 5, &row.groupname)) row.groupname.clear();
+    ++scan.rows;
+    on_row(row);
+  }
+  return scan;
+}
+
+}  // namespace aectool

@@ -1,0 +1,296 @@
+#include "propose_command.h"
+
+#include <grp.h>
+#include <pwd.h>
+
+#include <exception>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "accounts.h"
+#include "commands.h"
+#include "configuration.h"
+#include "journal_reader.h"
+#include "learning_options.h"
+#include "resources.h"
+#include "rule_edit.h"
+#include "tool_error.h"
+#include "tool_lock.h"
+
+namespace aectool {
+namespace {
+
+constexpr const char* kHelp =
+    "Usage: kxaecctl propose [--since TIME] [--until TIME] [--user USER]\n"
+    "                        [--group GROUP] [--journal FILE] [--apply]\n"
+    "\n"
+    "Reads the program starts and library loads the rules denied (in soft\n"
+    "mode: would have denied) from the audit journal and prints, for each\n"
+    "program, a rule for the users who ran it: the program, the libraries\n"
+    "it was denied and what it loads. Nothing is proposed for whitelisted\n"
+    "users and groups, resource exceptions, or what a rule already allows.\n"
+    "A proposal that adds to an existing rule is named on standard error.\n"
+    "\n"
+    "  --since TIME    events at or after TIME (seconds since the epoch)\n"
+    "  --until TIME    events before TIME\n"
+    "  --user USER     only events of USER\n"
+    "  --group GROUP   only events of GROUP; the rules are for GROUP\n"
+    "  --journal FILE  the journal (default "
+    "/opt/korvex/var/log/audit_logs.db)\n"
+    "  --apply         add the proposed rules (as kxaecctl add does)\n";
+
+struct Observed {
+  std::set<std::string> resources;  // the program and its denied libraries
+  std::set<std::string> users;
+};
+
+struct Proposal {
+  std::string name;
+  std::string program;
+  std::vector<std::string> users;
+  std::vector<std::string> groups;
+  std::vector<std::string> resources;  // to hand to add (existing files)
+  std::unique_ptr<AecRule> rule;       // the rule as it would be
+  bool widens = false;
+};
+
+// An enabled rule's lists, read once: a baseline rule holds thousands of
+// resources, and every user of every program is checked against it.
+struct RuleView {
+  bool all_users = false;
+  std::set<std::string> users;
+  std::set<gid_t> gids;
+  std::set<std::string> resources;
+};
+
+std::vector<RuleView> EnabledRules(const Configuration& config) {
+  std::vector<RuleView> views;
+  for (const auto& entry : config.Rules()) {
+    const RuleEdit rule(entry.second);
+    if (!rule.Flag(rule_key::kEnable)) continue;
+    RuleView view;
+    view.all_users = rule.Flag(rule_key::kAllAllowed);
+    view.users = rule.List(rule_key::kUsers);
+    for (const auto& group : rule.List(rule_key::kGroups)) {
+      if (const std::optional<gid_t> gid = GroupId(group)) {
+        view.gids.insert(*gid);
+      }
+    }
+    view.resources = rule.List(rule_key::kResources);
+    views.push_back(std::move(view));
+  }
+  return views;
+}
+
+bool AppliesTo(const RuleView& rule, const std::string& user,
+               const std::vector<gid_t>& gids) {
+  if (rule.all_users || rule.users.count(user) != 0) return true;
+  for (gid_t gid : gids) {
+    if (rule.gids.count(gid) != 0) return true;
+  }
+  return false;
+}
+
+// True when enabled rules let `user` use every one of `resources`.
+bool Covered(const std::vector<RuleView>& rules, const std::string& user,
+             const std::set<std::string>& resources) {
+  const std::vector<gid_t> gids = GroupsOfUser(user);
+  for (const auto& resource : resources) {
+    bool allowed = false;
+    for (const auto& rule : rules) {
+      if (rule.resources.count(resource) != 0 && AppliesTo(rule, user, gids)) {
+        allowed = true;
+        break;
+      }
+    }
+    if (!allowed) return false;
+  }
+  return true;
+}
+
+bool Whitelisted(const UsersAndGroups& whitelist, const JournalRow& row) {
+  for (const auto& user : whitelist.users) {
+    if (user == row.username) return true;
+  }
+  for (const auto& group : whitelist.groups) {
+    if (group == row.groupname) return true;
+  }
+  return false;
+}
+
+std::vector<Proposal> Propose(const LongOptions& options,
+                              const Configuration& config, std::ostream& err) {
+  JournalFilter filter;
+  filter.event_ids = {1051, 1053};
+  filter.denied_only = true;
+  if (options.values.count("--since")) {
+    filter.since = ParseJournalTime("--since", options.values.at("--since"));
+  }
+  if (options.values.count("--until")) {
+    filter.until = ParseJournalTime("--until", options.values.at("--until"));
+  }
+  if (options.values.count("--user")) filter.user = options.values.at("--user");
+  if (options.values.count("--group")) {
+    filter.group = options.values.at("--group");
+  }
+  const std::string journal = options.values.count("--journal")
+                                  ? options.values.at("--journal")
+                                  : JournalPath();
+
+  const std::set<std::string>& exceptions = config.Exceptions();
+  std::size_t whitelisted = 0, excepted = 0;
+  std::map<std::string, Observed> programs;  // sorted: deterministic output
+  const JournalScan scan =
+      ScanJournal(journal, filter, [&](const JournalRow& row) {
+        if (Whitelisted(config.Whitelist(), row)) {
+          ++whitelisted;
+          return;
+        }
+        if (exceptions.count(row.app) != 0 ||
+            exceptions.count(row.object) != 0) {
+          ++excepted;
+          return;
+        }
+        Observed& observed = programs[row.app];
+        observed.resources.insert(row.app);
+        if (row.event_id == 1053) observed.resources.insert(row.object);
+        observed.users.insert(row.username);
+      });
+  if (scan.incomplete != 0) {
+    err << "kxaecctl: propose: " << scan.incomplete
+        << " journal rows without a program, object or user were skipped\n";
+  }
+
+  const std::vector<RuleView> enabled_rules = EnabledRules(config);
+  std::vector<Proposal> proposals;
+  std::map<std::string, int> names_taken;
+  for (const auto& [program, observed] : programs) {
+    if (!ResourceExists(program)) {
+      err << "kxaecctl: propose: " << program
+          << " no longer exists; nothing proposed for it\n";
+      continue;
+    }
+    std::vector<std::string> users;
+    for (const auto& user : observed.users) {
+      if (!UserId(user)) {
+        err << "kxaecctl: propose: unknown user " << user << " (ran " << program
+            << ") skipped\n";
+        continue;
+      }
+      if (!Covered(enabled_rules, user, observed.resources)) {
+        users.push_back(user);
+      }
+    }
+    if (users.empty()) continue;
+    Proposal proposal;
+    proposal.program = program;
+    for (const auto& resource : observed.resources) {
+      if (ResourceExists(resource)) proposal.resources.push_back(resource);
+    }
+    if (filter.group) {
+      proposal.groups = {*filter.group};
+    } else {
+      proposal.users = users;
+    }
+    // Readable and unique: programs of the same file name in different
+    // directories get "-2", "-3" in path order; a system rule's name is
+    // never reused.
+    const std::string base = LearnedRuleName(program);
+    int n = ++names_taken[base];
+    std::string name = n == 1 ? base : base + "-" + std::to_string(n);
+    while (config.FindRule(name) != nullptr &&
+           config.FindRule(name)->System()) {
+      n = ++names_taken[base];
+      name = base + "-" + std::to_string(n);
+    }
+    proposal.name = name;
+
+    ResourceRequest request;
+    request.paths = proposal.resources;
+    request.dependencies = true;
+    const std::set<std::string> resources = CollectResources(request);
+    const AecRule* existing = config.FindRule(name);
+    RuleEdit edit = existing ? RuleEdit(*existing) : RuleEdit::New(name);
+    std::set<std::string> list_users = edit.List(rule_key::kUsers);
+    list_users.insert(proposal.users.begin(), proposal.users.end());
+    std::set<std::string> list_groups = edit.List(rule_key::kGroups);
+    list_groups.insert(proposal.groups.begin(), proposal.groups.end());
+    std::set<std::string> list_resources = edit.List(rule_key::kResources);
+    list_resources.insert(resources.begin(), resources.end());
+    if (existing != nullptr) {
+      proposal.widens = true;
+      err << "kxaecctl: propose: widens the existing rule " << name
+          << " (users or resources added)\n";
+    }
+    edit.SetList(rule_key::kUsers, list_users);
+    edit.SetList(rule_key::kGroups, list_groups);
+    edit.SetList(rule_key::kResources, list_resources);
+    proposal.rule = std::make_unique<AecRule>(edit.ToRule());
+    proposals.push_back(std::move(proposal));
+  }
+  err << "kxaecctl: propose: " << proposals.size() << " rules from "
+      << scan.rows << " denied events";
+  if (whitelisted != 0) err << ", " << whitelisted << " of whitelisted users";
+  if (excepted != 0) err << ", " << excepted << " of excepted paths";
+  err << "\n";
+  return proposals;
+}
+
+void Apply(const std::vector<Proposal>& proposals) {
+  for (const auto& proposal : proposals) {
+    Invocation add;
+    add.command = Command::kAdd;
+    add.word = "add";
+    add.names = {proposal.name};
+    add.users = proposal.users;
+    add.groups = proposal.groups;
+    add.resources = proposal.resources;
+    RunAdd(add);
+  }
+}
+
+}  // namespace
+
+std::string LearnedRuleName(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  std::string file = slash == std::string::npos ? path : path.substr(slash + 1);
+  for (char& c : file) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                       (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+                       c == '-';
+    if (!plain) c = '-';
+  }
+  if (file.empty() || file == "." || file == "..") file = "program";
+  std::string name = "learned-" + file;
+  if (name.size() > 200) name.resize(200);
+  return name;
+}
+
+int RunProposeCommand(const std::vector<std::string>& args, std::ostream& out,
+                      std::ostream& err) {
+  return ReportFailures("propose", err, [&] {
+    const LongOptions options = ParseLongOptions(
+        args, {"--since", "--until", "--user", "--group", "--journal"},
+        {"--apply"});
+    if (options.Has("--help")) {
+      out << kHelp;
+      return static_cast<int>(Exit::kSuccess);
+    }
+    // With --apply the lock is held from reading the rules to the last
+    // add, so no other change slips in between.
+    std::optional<ToolLock> lock;
+    if (options.Has("--apply")) lock.emplace();
+    const Configuration config = Configuration::Load();
+    const std::vector<Proposal> proposals = Propose(options, config, err);
+    for (const auto& proposal : proposals) {
+      out << proposal.rule->ToJson();
+      if (proposal.rule->ToJson().back() != '\n') out << "\n";
+    }
+    if (options.Has("--apply")) Apply(proposals);
+    return static_cast<int>(Exit::kSuccess);
+  });
+}
+
+}  // namespace aectool
