@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "aec_config_read.h"
+#include "host/line_escape.h"
 
 namespace aec {
 namespace {
@@ -13,37 +14,13 @@ constexpr const char* kHeader =
     "# Written by kxaecctl; docs/tools.md describes it. Do not edit.\n"
     "format\t1\n";
 
-std::string Escape(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
 void AppendRecord(std::string* text,
                   std::initializer_list<std::string> fields) {
   bool first = true;
   for (const auto& field : fields) {
     if (!first) *text += '\t';
     first = false;
-    *text += Escape(field);
+    *text += kxtext::EscapeLine(field);
   }
   *text += '\n';
 }
