@@ -161,3 +161,7 @@ void log_trivial(int priority, const std::string& text) {
     BOOST_LOG_TRIVIAL(debug) << text;
   }
 }
+
+void set_log_line_observer(LogLineObserver observer) {
+  kxhost::SetLogObserver(std::move(observer));
+}

@@ -11,6 +11,7 @@
 // the plug-in's short name.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "host/host_api.h"
@@ -27,3 +28,12 @@ KX_HOST_API void log_message(const char* file, int line, int priority,
 // without linking Boost.Log itself. Only the logger's own failures (memory
 // exhaustion) leave it.
 KX_HOST_API void log_trivial(int priority, const std::string& text);
+
+// Lets a program that runs plug-in code outside a host process (the agent
+// tools) see every line that code logs, with its syslog priority, besides
+// syslog: a tool shows the person running it why a file was refused. An
+// empty observer stops it. One observer per process; not for use while
+// another thread logs.
+using LogLineObserver =
+    std::function<void(int priority, const std::string& line)>;
+KX_HOST_API void set_log_line_observer(LogLineObserver observer);

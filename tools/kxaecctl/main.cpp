@@ -4,13 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "lib/runtime.h"
+#include "host/log.h"
 #include "run.h"
 
 int main(int argc, char** argv) {
   // The plug-in code the tool shares reports why it refuses a file in the
   // host's log (error priority); the person running the tool sees it too.
-  kxhost::SetLogObserver([](int priority, const std::string& line) {
+  set_log_line_observer([](int priority, const std::string& line) {
     if (priority > 3) return;
     const auto text = line.find(": ");
     std::cerr << "kxaecctl: "
@@ -20,6 +20,6 @@ int main(int argc, char** argv) {
   const int code = aectool::Run(std::vector<std::string>(argv + 1, argv + argc),
                                 std::cout, std::cerr);
   std::cout.flush();
-  kxhost::SetLogObserver(nullptr);
+  set_log_line_observer(nullptr);
   return code;
 }
