@@ -65,9 +65,11 @@ class TempFile {
 
 void ReplaceFile(const std::string& path, const std::string& content,
                  const std::string& temp_dir, unsigned mode) {
-  std::string pattern =
-      (temp_dir.empty() ? DirName(path) : temp_dir) + "/." + BaseName(path) +
-      ".XXXXXX";
+  std::string staging = temp_dir.empty() ? DirName(path) : temp_dir;
+  // One separator, whichever way the caller spelt the directory: the
+  // temporary's name is what fault injection and logs match on.
+  if (staging.size() > 1 && staging.back() == '/') staging.pop_back();
+  std::string pattern = staging + "/." + BaseName(path) + ".XXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   const int fd = mkostemp(name.data(), O_CLOEXEC);

@@ -33,6 +33,17 @@ class ApplyFailureExit : public ::testing::Test {
     for (const char* tool : {"kxaecctl", "kxaide"}) {
       kxharness::CopyFile(KX_FAKE_TOOL_PATH, root_ + "/bin/" + tool);
     }
+    // The fake integrity tool writes no database, so the root comes with a
+    // seal of its own and kxhost does not seal it.
+    boost::filesystem::create_directories(root_ + "/etc/aec");
+    kxtest::WriteFile(root_ + "/etc/aec/crc-rule.db", "");
+    // Seeded before any fault is armed, so that the fault hits the policy's
+    // write and not the seeding's.
+    const auto seeded =
+        kxharness::RunKxhost({"--root", root_, "--plugin", KX_PLUGIN_PATH,
+                              "info"},
+                             {});
+    ASSERT_EQ(seeded.exit_code, 0) << seeded.err;
   }
 
   // The first write of the whitelist or the exceptions fails with ENOSPC
@@ -50,9 +61,11 @@ class ApplyFailureExit : public ::testing::Test {
       env = {
           {"LD_PRELOAD", KX_FAULT_SHIM},
           {"ASAN_OPTIONS", asan},
+          // The temporaries only: the files themselves are read (and closed)
+          // before they are written, and a failed close of a read is no fault.
           {"KXFAULT_PREFIXES",
-           "/opt/korvex/etc/aec/.white-list.config:" + kWhitelist +
-               ":/opt/korvex/etc/aec/.resource-exception.conf:" + kExceptions},
+           "/opt/korvex/etc/aec/.white-list.config:"
+           "/opt/korvex/etc/aec/.resource-exception.conf"},
           {"KXFAULT_NTH", "1"},
           {"KXFAULT_ERRNO", "28"}};
     }

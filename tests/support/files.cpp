@@ -83,7 +83,8 @@ void CopyTree(const std::string& from, const std::string& to,
       if (fs::is_directory(it->symlink_status())) it.disable_recursion_pending();
       continue;
     }
-    const fs::path relative = fs::relative(it->path(), from);
+    // Lexically: fs::relative would resolve a link to what it points at.
+    const fs::path relative = it->path().lexically_relative(from);
     const fs::path target = fs::path(to) / relative;
     const fs::file_status status = it->symlink_status();
     if (fs::is_directory(status)) {
