@@ -29,6 +29,7 @@ cleanup() {
   if [ -n "$engine" ]; then kill "$engine" 2>/dev/null || true; wait "$engine" 2>/dev/null || true; fi
   umount -l "$w" 2>/dev/null || true
   rmdir "$w" 2>/dev/null || true
+  rm -f "$w.log"
 }
 trap cleanup EXIT
 cp /bin/true "$w/allowed-tool"
