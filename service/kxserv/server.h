@@ -107,7 +107,6 @@ class Server {
   std::uint64_t requests_ = 0;
   std::uint64_t refused_ = 0;
   std::map<std::uint64_t, Client> clients_;
-  bool running_job_ = false;  // any client's request is on the worker
 
   std::mutex mutex_;  // guards the two queues below
   std::deque<Completion> completions_;
