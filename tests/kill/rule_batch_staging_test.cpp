@@ -9,6 +9,7 @@
 #include <boost/property_tree/ptree.hpp>
 #include <string>
 
+#include "aec_policies/aecrulespolicy.h"
 #include "aec_rule.h"
 #include "aec_rule_batch.h"
 #include "kxtest.h"
@@ -19,7 +20,7 @@ namespace pt = boost::property_tree;
 
 const std::string kConfigDir = "/opt/korvex/etc/aec/";
 
-AecRule Rule(const std::string& name) {
+pt::ptree RuleTree(const std::string& name) {
   pt::ptree rule;
   rule.put("name", name);
   for (const char* flag : {"all_allowed", "extended", "system"}) {
@@ -31,8 +32,10 @@ AecRule Rule(const std::string& name) {
   pt::ptree resources;
   resources.push_back({"", pt::ptree("/usr/bin/" + name)});
   rule.add_child("resource_list", resources);
-  return AecRule(rule);
+  return rule;
 }
+
+AecRule Rule(const std::string& name) { return AecRule(RuleTree(name)); }
 
 // A pid that certainly names no process: a child that has been reaped.
 pid_t GonePid() {
@@ -83,6 +86,22 @@ TEST_F(RuleBatchStaging, OnlyStagingDirectoriesAreTaken) {
   EXPECT_TRUE(kxtest::Exists(kConfigDir + ".r1.conf.AbC123"));
   EXPECT_TRUE(kxtest::Exists(kConfigDir + ".rules-batch." +
                              std::to_string(gone) + "x/0"));
+}
+
+// A batch killed after its last rename leaves the disk equal to the next
+// rule set, so the next apply writes nothing; its first read of the disk
+// still sweeps the staging.
+TEST_F(RuleBatchStaging, ARuleSetAlreadyOnDiskStillSweepsWhatAKilledBatchLeft) {
+  const AecRule rule = Rule("r1");
+  aec::SaveRuleFiles({&rule});
+  const pid_t gone = GonePid();
+  LeaveStaging(gone);
+  pt::ptree value;
+  value.push_back({"", RuleTree("r1")});
+  AecRulesPolicy policy;
+  policy.SetValue(value);
+  EXPECT_FALSE(policy.IsChanged());
+  EXPECT_FALSE(kxtest::Exists(Staging(gone)));
 }
 
 TEST_F(RuleBatchStaging, ACompletedBatchLeavesNoStagingOfItsOwn) {

@@ -51,10 +51,14 @@ void RemoveStaging(const std::string& dir) {
   ::rmdir(dir.c_str());
 }
 
+}  // namespace
+
+namespace aec {
+
 // A batch of a process that was killed leaves its staging directory behind
 // (up to one temporary per rule). Only directories of processes that no
 // longer exist are taken: a batch running in another process keeps its own.
-void RemoveStaleStagings() {
+void RemoveStaleRuleBatches() {
   DIR* handle = ::opendir(aec::kConfigDir.c_str());
   if (handle == nullptr) return;
   std::vector<std::string> stale;
@@ -78,6 +82,10 @@ void RemoveStaleStagings() {
   for (const std::string& dir : stale) RemoveStaging(dir);
 }
 
+}  // namespace aec
+
+namespace {
+
 // The temporaries of one batch, in a staging directory of this process
 // beside the rules directory (same file system, never read as rules);
 // those not yet renamed, and the directory, are removed on every way out.
@@ -96,7 +104,7 @@ class Temporaries {
 
   // Makes the staging directory; false on failure.
   bool Open() {
-    RemoveStaleStagings();
+    aec::RemoveStaleRuleBatches();
     // A directory of this very process can only be a leftover of a batch
     // whose clean-up failed.
     RemoveStaging(dir_);

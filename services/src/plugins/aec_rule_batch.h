@@ -30,4 +30,9 @@ namespace aec {
 // name fails the batch before anything is written.
 void SaveRuleFiles(const std::vector<const AecRule*>& rules);
 
+// Removes the staging directories of batches whose process no longer exists
+// (a batch does it itself before it writes). Never fails: what cannot be
+// removed stays for the next sweep.
+void RemoveStaleRuleBatches();
+
 }  // namespace aec

@@ -69,6 +69,10 @@ bool AecRulesPolicy::Apply() {
 }
 
 void AecRulesPolicy::GetCurrentRules() {
+  // A killed batch may have renamed every rule into place before it died;
+  // the set on disk then equals the next one and no batch runs to sweep
+  // the staging it left, so the first read of the disk does.
+  aec::RemoveStaleRuleBatches();
   current_rules_.emplace();
   for (const auto& entry :
        boost::filesystem::directory_iterator(aec::kRulesDir)) {
