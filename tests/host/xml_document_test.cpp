@@ -3,16 +3,21 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/property_tree/xml_parser.hpp>
+
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "host/ixml.h"
+#include "host/utf8_text.h"
 #include "ixml_add_array.h"
 
 namespace {
@@ -419,6 +424,104 @@ TEST(IXmlAbi, RecordKeepsTheTwoDocumentsFirst) {
   EXPECT_EQ(offsetof(parsed_xml_data_t, xml), 0u);
   EXPECT_EQ(offsetof(parsed_xml_data_t, reply),
             sizeof(boost::shared_ptr<IXml>));
+}
+
+
+// Replies are compared as text by clients, so the writer must print what
+// Boost's pretty-printing tree writer prints for the same (sanitised) tree.
+// The reference below is that writer, fed a sanitised copy.
+namespace pt = boost::property_tree;
+
+void SanitisedCopy(const pt::ptree& from, pt::ptree* to) {
+  to->data() = kxtext::ToXmlText(from.data());
+  for (const auto& child : from) {
+    if (child.first == "<xmlattr>") {
+      to->push_back(std::make_pair("<xmlattr>", pt::ptree()));
+      pt::ptree& attributes = to->back().second;
+      for (const auto& attribute : child.second) {
+        const std::string name = kxtext::ToXmlName(attribute.first);
+        if (attributes.find(name) != attributes.not_found()) continue;
+        attributes.push_back(std::make_pair(
+            name, pt::ptree(kxtext::ToXmlText(attribute.second.data()))));
+      }
+    } else if (child.first.empty() || child.first[0] != '<') {
+      to->push_back(
+          std::make_pair(kxtext::ToXmlName(child.first), pt::ptree()));
+      SanitisedCopy(child.second, &to->back().second);
+    }
+  }
+}
+
+std::string BoostWriterText(const std::string& root, const pt::ptree& tree) {
+  pt::ptree wrapper;
+  wrapper.push_back(std::make_pair(kxtext::ToXmlName(root), pt::ptree()));
+  SanitisedCopy(tree, &wrapper.back().second);
+  std::ostringstream out;
+  pt::write_xml(out, wrapper, pt::xml_writer_make_settings<std::string>(' ', 2));
+  std::string text = out.str();
+  text.erase(0, text.find('\n') + 1);  // the declaration line
+  return text;
+}
+
+std::string RandomText(std::mt19937* random) {
+  static const std::vector<std::string> kPieces = {
+      "", " ", "  ", "a", "rule-1", "<", ">", "&", "\"", "'", "\t", "\n",
+      "\x01", "\xff", "\xc3\xa9", "/usr/bin/x", " x ", "]]>", "a.b"};
+  std::string text;
+  const int pieces = std::uniform_int_distribution<int>(0, 3)(*random);
+  for (int i = 0; i < pieces; ++i) {
+    text += kPieces[std::uniform_int_distribution<std::size_t>(
+        0, kPieces.size() - 1)(*random)];
+  }
+  return text;
+}
+
+std::string RandomName(std::mt19937* random) {
+  static const std::vector<std::string> kNames = {
+      "rule", "r", "u", "g", "name", "", "<xmlcomment>", "<xmltext>",
+      "<xmlattr>", "1abc", "a b", "x:y", "\xc3\xa9t\xc3\xa9", "a.b"};
+  return kNames[std::uniform_int_distribution<std::size_t>(
+      0, kNames.size() - 1)(*random)];
+}
+
+pt::ptree RandomTree(std::mt19937* random, int depth) {
+  pt::ptree tree(RandomText(random));
+  const int children =
+      depth == 0 ? 0 : std::uniform_int_distribution<int>(0, 4)(*random);
+  for (int i = 0; i < children; ++i) {
+    const std::string name = RandomName(random);
+    if (name == "<xmlattr>") {
+      pt::ptree attributes;
+      const int count = std::uniform_int_distribution<int>(0, 3)(*random);
+      for (int a = 0; a < count; ++a) {
+        attributes.push_back(std::make_pair(RandomName(random),
+                                            pt::ptree(RandomText(random))));
+      }
+      tree.push_back(std::make_pair(name, attributes));
+    } else {
+      tree.push_back(std::make_pair(name, RandomTree(random, depth - 1)));
+    }
+  }
+  return tree;
+}
+
+TEST(XmlDocument, ToStringPrintsWhatBoostsTreeWriterPrints) {
+  std::mt19937 random(20261124);
+  for (int i = 0; i < 5000; ++i) {
+    const pt::ptree tree = RandomTree(&random, 4);
+    const std::string root = i % 7 == 0 ? "a b" : "reply";
+    kxhost::XmlDocument document("request", tree);
+    ASSERT_EQ(document.ToString(root), BoostWriterText(root, tree))
+        << "tree " << i;
+  }
+}
+
+TEST(XmlDocument, ToStringOfAGetReplyIsWhatBoostsTreeWriterPrints) {
+  auto reply = ParseXml(
+      "<reply><result>1</result><rules><rule><name>r&amp;1</name>"
+      "<enable>1</enable><resources><r>/usr/bin/a b</r><r> </r></resources>"
+      "</rule></rules><empty/><attr x=\"1\" y=\"&lt;\"/></reply>");
+  EXPECT_EQ(reply->ToString("reply"), BoostWriterText("reply", reply->Tree()));
 }
 
 }  // namespace
