@@ -84,8 +84,6 @@ StatementObserver CurrentStatementObserver() {
 void RecordEvent(const std::string& kind, std::vector<std::string> args) {
   std::string events_file;
   EventObserver observer;
-  std::string line = kxtext::EscapeLine(kind);
-  for (const auto& arg : args) line += "\t" + kxtext::EscapeLine(arg);
   HostEvent event{kind, std::move(args)};
   {
     std::lock_guard<std::mutex> lock(State().mutex);
@@ -94,6 +92,10 @@ void RecordEvent(const std::string& kind, std::vector<std::string> args) {
     observer = State().event_observer;
   }
   if (!events_file.empty()) {
+    // Built only for the file: a reply of thousands of elements is escaped
+    // for nothing when nobody keeps the line.
+    std::string line = kxtext::EscapeLine(event.kind);
+    for (const auto& arg : event.args) line += "\t" + kxtext::EscapeLine(arg);
     std::ofstream out(events_file, std::ios::app);
     out << line << '\n';
     out.flush();
