@@ -4,9 +4,13 @@
 #include <exception>
 #include <memory>
 #include <sstream>
+#include <system_error>
+#include <vector>
 
+#include "aec_paths.h"
 #include "host/ixml.h"
 #include "host/policy_manager.h"
+#include "tool_run.h"
 
 namespace kxserv {
 namespace {
@@ -109,6 +113,97 @@ std::string State(const kxhost::PluginEntryPoints& plugin,
   return Print(reply);
 }
 
+// A learning run may replay a whole journal; it is bounded so that the
+// worker, which it holds, comes back.
+constexpr int kLearningTimeoutMs = 120000;
+constexpr std::size_t kLearningOutputLimit = 8u << 20;
+
+std::string Attribute(kxhost::XmlDocument& request, const char* name) {
+  std::unique_ptr<char[]> value(request.GetAttribute(name));
+  return value ? std::string(value.get()) : std::string();
+}
+
+// Adds `--option value` for each attribute the request carries. Times are
+// whole seconds; names may not start with '-' (they would read as options).
+bool LearningArguments(kxhost::XmlDocument& request,
+                       const std::vector<std::string>& times,
+                       const std::vector<std::string>& names,
+                       std::vector<std::string>* argv, std::string* why) {
+  for (const std::string& name : times) {
+    const std::string value = Attribute(request, name.c_str());
+    if (value.empty()) continue;
+    if (value.find_first_not_of("0123456789") != std::string::npos) {
+      *why = name + " must be whole seconds since the epoch, not '" + value +
+             "'";
+      return false;
+    }
+    argv->push_back("--" + name);
+    argv->push_back(value);
+  }
+  for (const std::string& name : names) {
+    const std::string value = Attribute(request, name.c_str());
+    if (value.empty()) continue;
+    if (value[0] == '-') {
+      *why = name + " '" + value + "' is not a name";
+      return false;
+    }
+    argv->push_back("--" + name);
+    argv->push_back(value);
+  }
+  return true;
+}
+
+// Runs the tool and answers with what it printed: `report` (standard
+// output), `messages` (standard error), `exit_code`. `result` is 1 when the
+// exit code is one of `ok_codes`.
+std::string ToolReply(const std::vector<std::string>& argv,
+                      const std::vector<int>& ok_codes) {
+  ToolOutput run;
+  try {
+    run = RunTool(argv, kLearningTimeoutMs, kLearningOutputLimit);
+  } catch (const std::system_error& e) {
+    return ErrorReply("tool_failed", std::string("cannot run kxaecctl: ") +
+                                         e.what());
+  }
+  if (run.timed_out) {
+    return ErrorReply("tool_failed",
+                      "kxaecctl " + argv[1] + " ran longer than " +
+                          std::to_string(kLearningTimeoutMs / 1000) +
+                          " s and was stopped; narrow the period");
+  }
+  bool ok = false;
+  for (int code : ok_codes) ok = ok || run.exit_code == code;
+  auto reply = NewDocument();
+  reply->AddValue("result", ok ? "1" : "0", false);
+  reply->AddValue("exit_code", std::to_string(run.exit_code), false);
+  reply->AddValue("report", run.out, false);
+  reply->AddValue("messages", run.err, false);
+  if (run.truncated) reply->AddValue("truncated", "1", false);
+  return Print(reply);
+}
+
+std::string Propose(kxhost::XmlDocument& request) {
+  std::vector<std::string> argv = {aec::kToolPath, "propose"};
+  std::string why;
+  if (!LearningArguments(request, {"since", "until"}, {"user", "group"}, &argv,
+                         &why)) {
+    return ErrorReply("bad_request", why);
+  }
+  return ToolReply(argv, {0});
+}
+
+std::string Simulate(kxhost::XmlDocument& request) {
+  std::vector<std::string> argv = {aec::kToolPath, "simulate", "--mode",
+                                   "hard"};
+  std::string why;
+  if (!LearningArguments(request, {"since", "until"}, {}, &argv, &why)) {
+    return ErrorReply("bad_request", why);
+  }
+  // 26: the replay ran and found what hard mode would deny; that is an
+  // answer, not a failure.
+  return ToolReply(argv, {0, 26});
+}
+
 }  // namespace
 
 bool IsServiceRequest(const kxhost::XmlDocument& document) {
@@ -156,6 +251,8 @@ std::string RunServiceRequest(const kxhost::PluginEntryPoints& plugin,
   }
   if (command == "info") return Info(plugin);
   if (command == "state") return State(plugin, status);
+  if (command == "propose") return Propose(request);
+  if (command == "simulate") return Simulate(request);
   return ErrorReply("unknown_command",
                     "unknown service command '" + command + "'");
 }
