@@ -13,7 +13,9 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
+#include <mutex>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 namespace aectool {
@@ -178,7 +180,7 @@ bool ParseElf(const File& file, ElfInfo* info) {
 
 // False for anything that is not an ELF object of this machine's byte
 // order.
-bool ReadElf(const std::string& path, ElfInfo* info) {
+bool ReadElfFile(const std::string& path, ElfInfo* info) {
   File file(path);
   if (!file.IsRegular()) return false;
   unsigned char ident[EI_NIDENT];
@@ -202,10 +204,42 @@ bool ReadElf(const std::string& path, ElfInfo* info) {
   return false;
 }
 
+// ReadElfFile, remembered by path for the life of the process. Proposals
+// for thousands of programs resolve the same few libraries (and probe the
+// same search directories) over and over; reading each once makes the
+// dependencies of a program cost its own headers only. The tool is one
+// short run: a file replaced while it runs is a race that no answer avoids.
+bool ReadElf(const std::string& path, ElfInfo* info) {
+  static std::mutex mutex;
+  static std::unordered_map<std::string, std::optional<ElfInfo>> known;
+  std::lock_guard<std::mutex> lock(mutex);
+  auto found = known.find(path);
+  if (found == known.end()) {
+    ElfInfo read;
+    const bool elf = ReadElfFile(path, &read);
+    found = known.emplace(path, elf ? std::optional<ElfInfo>(std::move(read))
+                                    : std::nullopt)
+                .first;
+  }
+  if (!found->second) return false;
+  *info = *found->second;
+  return true;
+}
+
+// realpath, remembered by path like ReadElf: it reads every link on the
+// way, and the same libraries are reached from every program.
 std::optional<std::string> Canonical(const std::string& path) {
-  char resolved[PATH_MAX];
-  if (::realpath(path.c_str(), resolved) == nullptr) return std::nullopt;
-  return std::string(resolved);
+  static std::mutex mutex;
+  static std::unordered_map<std::string, std::optional<std::string>> known;
+  std::lock_guard<std::mutex> lock(mutex);
+  auto found = known.find(path);
+  if (found == known.end()) {
+    char resolved[PATH_MAX];
+    std::optional<std::string> canonical;
+    if (::realpath(path.c_str(), resolved) != nullptr) canonical = resolved;
+    found = known.emplace(path, std::move(canonical)).first;
+  }
+  return found->second;
 }
 
 std::string DirName(const std::string& path) {
@@ -312,7 +346,9 @@ std::optional<std::string> ScriptInterpreter(const std::string& path) {
 
 }  // namespace
 
-Dependencies FindDependencies(const std::string& path) {
+namespace {
+
+Dependencies WalkDependencies(const std::string& path) {
   Dependencies result;
   std::set<std::string> visited;
   std::deque<std::string> queue;
@@ -344,6 +380,24 @@ Dependencies FindDependencies(const std::string& path) {
     }
   }
   result.found.erase(Canonical(path).value_or(path));
+  return result;
+}
+
+}  // namespace
+
+// Remembered by path like ReadElf: proposals list the same libraries for
+// many programs, and each walk would visit the same objects again.
+Dependencies FindDependencies(const std::string& path) {
+  static std::mutex mutex;
+  static std::unordered_map<std::string, Dependencies> known;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto found = known.find(path);
+    if (found != known.end()) return found->second;
+  }
+  Dependencies result = WalkDependencies(path);
+  std::lock_guard<std::mutex> lock(mutex);
+  known.emplace(path, result);
   return result;
 }
 

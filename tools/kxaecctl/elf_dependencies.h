@@ -28,7 +28,8 @@ struct Dependencies {
 // The environment (LD_LIBRARY_PATH, LD_PRELOAD) is never consulted: a rule
 // must not depend on who ran the tool. The file itself is not part of the
 // result. Never throws for unreadable or malformed files: they have no
-// dependencies.
+// dependencies. What a file's headers say is read once per process and
+// remembered by path (a tool run is short; see the .cpp).
 Dependencies FindDependencies(const std::string& path);
 
 }  // namespace aectool

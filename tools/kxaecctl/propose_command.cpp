@@ -93,10 +93,39 @@ bool AppliesTo(const RuleView& rule, const std::string& user,
   return false;
 }
 
+// Each user's account looked up once: the account database is read whole
+// for every lookup, and a journal names the same users for thousands of
+// programs.
+class AccountCache {
+ public:
+  bool Known(const std::string& user) { return Find(user).known; }
+  const std::vector<gid_t>& Groups(const std::string& user) {
+    return Find(user).gids;
+  }
+
+ private:
+  struct Account {
+    bool known = false;
+    std::vector<gid_t> gids;
+  };
+  const Account& Find(const std::string& user) {
+    auto found = accounts_.find(user);
+    if (found == accounts_.end()) {
+      Account account;
+      account.known = UserId(user).has_value();
+      if (account.known) account.gids = GroupsOfUser(user);
+      found = accounts_.emplace(user, std::move(account)).first;
+    }
+    return found->second;
+  }
+
+  std::map<std::string, Account> accounts_;
+};
+
 // True when enabled rules let `user` use every one of `resources`.
 bool Covered(const std::vector<RuleView>& rules, const std::string& user,
-             const std::set<std::string>& resources) {
-  const std::vector<gid_t> gids = GroupsOfUser(user);
+             const std::set<std::string>& resources, AccountCache* accounts) {
+  const std::vector<gid_t>& gids = accounts->Groups(user);
   for (const auto& resource : resources) {
     bool allowed = false;
     for (const auto& rule : rules) {
@@ -164,6 +193,7 @@ std::vector<Proposal> Propose(const LongOptions& options,
   }
 
   const std::vector<RuleView> enabled_rules = EnabledRules(config);
+  AccountCache accounts;
   std::vector<Proposal> proposals;
   std::map<std::string, int> names_taken;
   for (const auto& [program, observed] : programs) {
@@ -174,12 +204,12 @@ std::vector<Proposal> Propose(const LongOptions& options,
     }
     std::vector<std::string> users;
     for (const auto& user : observed.users) {
-      if (!UserId(user)) {
+      if (!accounts.Known(user)) {
         err << "kxaecctl: propose: unknown user " << user << " (ran " << program
             << ") skipped\n";
         continue;
       }
-      if (!Covered(enabled_rules, user, observed.resources)) {
+      if (!Covered(enabled_rules, user, observed.resources, &accounts)) {
         users.push_back(user);
       }
     }
@@ -285,8 +315,9 @@ int RunProposeCommand(const std::vector<std::string>& args, std::ostream& out,
     const Configuration config = Configuration::Load();
     const std::vector<Proposal> proposals = Propose(options, config, err);
     for (const auto& proposal : proposals) {
-      out << proposal.rule->ToJson();
-      if (proposal.rule->ToJson().back() != '\n') out << "\n";
+      const std::string text = proposal.rule->ToJson();
+      out << text;
+      if (text.empty() || text.back() != '\n') out << "\n";
     }
     if (options.Has("--apply")) Apply(proposals);
     return static_cast<int>(Exit::kSuccess);

@@ -4,12 +4,14 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <exception>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
-#include <tuple>
+#include <unordered_map>
+#include <vector>
 
 #include "accounts.h"
 #include "configuration.h"
@@ -167,16 +169,24 @@ int Simulate(const LongOptions& options, std::ostream& out, std::ostream& err) {
   const auto tables = engine::Tables::Build(input, engine::StatResolver);
   const engine::Control control{true, true};
 
-  std::map<std::string, Account> accounts;
+  // Hashed, not ordered: a long journal holds tens of thousands of distinct
+  // accesses and is replayed row by row; only the report is sorted.
+  std::unordered_map<std::string, Account> accounts;
+  // The identity of each object, looked up once however many users and
+  // events name it.
+  std::unordered_map<std::string, std::optional<engine::FileId>> files;
   // (event, object, user) -> denied; the same access recurs in nearly
   // every row, so each is decided once.
-  std::map<std::tuple<int, std::string, std::string>, std::optional<bool>>
-      decided;
-  std::map<std::pair<std::string, std::string>, Tally> denied;
+  std::unordered_map<std::string, std::optional<bool>> decided;
+  // program + '\0' + user: sorts as the pair does (no path holds a NUL).
+  std::unordered_map<std::string, Tally> denied;
   std::size_t unreplayable = 0;
+  std::string key;
   const JournalScan scan =
       ScanJournal(journal, filter, [&](const JournalRow& row) {
-        auto key = std::make_tuple(row.event_id, row.object, row.username);
+        key.assign(1, static_cast<char>(row.event_id - 1050));
+        key.append(row.object).push_back('\0');
+        key.append(row.username);
         auto found = decided.find(key);
         if (found == decided.end()) {
           std::optional<bool> verdict;
@@ -185,13 +195,19 @@ int Simulate(const LongOptions& options, std::ostream& out, std::ostream& err) {
             account =
                 accounts.emplace(row.username, LookUp(row.username)).first;
           }
-          struct stat status;
-          if (account->second.known &&
-              ::stat(row.object.c_str(), &status) == 0) {
+          auto file = files.find(row.object);
+          if (file == files.end()) {
+            struct stat status;
+            std::optional<engine::FileId> id;
+            if (::stat(row.object.c_str(), &status) == 0) {
+              id = engine::FileId{static_cast<std::uint64_t>(status.st_dev),
+                                  static_cast<std::uint64_t>(status.st_ino)};
+            }
+            file = files.emplace(row.object, id).first;
+          }
+          if (account->second.known && file->second) {
             engine::Event event;
-            event.file =
-                engine::FileId{static_cast<std::uint64_t>(status.st_dev),
-                               static_cast<std::uint64_t>(status.st_ino)};
+            event.file = *file->second;
             event.path = row.object;
             const bool exec = row.event_id == 1050 || row.event_id == 1051;
             event.access = exec ? engine::Access::kExec : engine::Access::kOpen;
@@ -204,14 +220,17 @@ int Simulate(const LongOptions& options, std::ostream& out, std::ostream& err) {
                 engine::Decide(event, *tables, control);
             verdict = decision.verdict == engine::Verdict::kDeny;
           }
-          found = decided.emplace(std::move(key), verdict).first;
+          found = decided.emplace(key, verdict).first;
         }
         if (!found->second) {
           ++unreplayable;
           return;
         }
         if (!*found->second) return;
-        Tally& tally = denied[{row.app, row.username}];
+        std::string who = row.app;
+        who.push_back('\0');
+        who.append(row.username);
+        Tally& tally = denied[who];
         if (row.event_id <= 1051) {
           ++tally.starts;
         } else if (row.event_id <= 1053) {
@@ -221,14 +240,22 @@ int Simulate(const LongOptions& options, std::ostream& out, std::ostream& err) {
         }
       });
 
+  std::vector<const std::pair<const std::string, Tally>*> report;
+  report.reserve(denied.size());
+  for (const auto& entry : denied) report.push_back(&entry);
+  std::sort(report.begin(), report.end(),
+            [](const auto* a, const auto* b) { return a->first < b->first; });
   std::size_t total = 0;
   std::string program;
-  for (const auto& [who, tally] : denied) {
-    if (who.first != program) {
-      program = who.first;
+  for (const auto* entry : report) {
+    const std::string& who = entry->first;
+    const Tally& tally = entry->second;
+    const std::size_t nul = who.find('\0');
+    if (who.compare(0, nul, program) != 0 || program.size() != nul) {
+      program = who.substr(0, nul);
       out << program << "\n";
     }
-    out << "  " << who.second << ": " << tally.Total() << " denied ("
+    out << "  " << who.substr(nul + 1) << ": " << tally.Total() << " denied ("
         << tally.starts << " starts, " << tally.loads << " library loads, "
         << tally.opens << " opens)\n";
     total += tally.Total();
