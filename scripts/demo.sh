@@ -126,6 +126,12 @@ kx set-policies "$root/control-on.xml" | sed 's/^/   /'
 printf '   kernel parameter korvex/secure/environment = %s (1: on, soft mode)\n' \
   "$(cat "$root/var/run/sysctl/korvex/secure/environment")"
 
+say "Before hard mode: what would it have denied? (kxaecctl simulate, through the service)"
+exec_request '<kxserv command="simulate"/>'
+
+say "What the journal teaches: proposed rules to review (kxaecctl propose, through the service)"
+exec_request '<kxserv command="propose"/>'
+
 say "Switch to hard mode: it waits for an administrator's confirmation"
 kx set-policies "$root/hard-mode.xml" | sed 's/^/   /'
 exec_request '<request command="status_confirmation"/>'

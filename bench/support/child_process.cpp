@@ -69,6 +69,7 @@ ChildRun RunChild(const std::vector<std::string>& argv,
   run.wall_ms = std::chrono::duration<double, std::milli>(
                     std::chrono::steady_clock::now() - start)
                     .count();
+  run.max_rss_kib = usage.ru_maxrss;
   run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return run;
 }

@@ -12,6 +12,7 @@ struct ChildRun {
   std::string out;     // standard output, whole
   double wall_ms = 0;  // from fork to reaped
   double cpu_ms = 0;   // the child's processor time, user + system
+  long max_rss_kib = 0;  // the child's peak resident memory
 };
 
 // Runs argv[0] (a path, no search) with `input` on standard input and
