@@ -52,7 +52,8 @@ inline std::string Slurp(const std::string &path) {
   return s.str();
 }
 
-inline void Put(const std::string &path, const std::string &text, mode_t mode = 0644) {
+inline void Put(const std::string &path, const std::string &text,
+                mode_t mode = 0644) {
   const std::string tmp = path + ".tmp";
   {
     std::ofstream out(tmp, std::ios::trunc);
@@ -100,8 +101,7 @@ inline Outcome RunAs(std::uint32_t uid, std::uint32_t gid,
     child = fork();
   }
   if (child == 0) {
-    if (!new_root.empty() &&
-        (chroot(new_root.c_str()) != 0 || chdir("/") != 0))
+    if (!new_root.empty() && (chroot(new_root.c_str()) != 0 || chdir("/") != 0))
       _exit(124);
     if (setgroups(groups.size(), groups.data()) != 0)
       _exit(124);
@@ -145,10 +145,11 @@ struct Rule {
   std::vector<std::string> resources;
 };
 
-inline std::string LoadedSetText(const std::vector<Rule> &rules,
-                          const std::vector<std::uint32_t> &white_uids = {},
-                          const std::vector<std::uint32_t> &white_gids = {},
-                          const std::vector<std::string> &exceptions = {}) {
+inline std::string
+LoadedSetText(const std::vector<Rule> &rules,
+              const std::vector<std::uint32_t> &white_uids = {},
+              const std::vector<std::uint32_t> &white_gids = {},
+              const std::vector<std::string> &exceptions = {}) {
   std::ostringstream s;
   s << "format\t1\n";
   for (const Rule &r : rules) {

@@ -5,6 +5,7 @@
 #include "kxtest.h"
 
 namespace kxtest {
+namespace {
 
 std::string DpkgParagraph(const std::string& name, const std::string& status,
                           const std::string& fields) {
@@ -12,6 +13,8 @@ std::string DpkgParagraph(const std::string& name, const std::string& status,
          "\nPriority: optional\nArchitecture: amd64\n" + fields +
          "Description: test package\n continued description\n\n";
 }
+
+}  // namespace
 
 void WriteDpkgDatabase(const std::string& admindir,
                        const std::vector<FakePackage>& packages) {

@@ -19,12 +19,8 @@ struct FakePackage {
   std::vector<std::string> files;
 };
 
-// The status paragraph of one package, as dpkg writes it (architecture
-// amd64, a two-line description).
-std::string DpkgParagraph(const std::string& name, const std::string& status,
-                          const std::string& fields = "");
-
-// Writes `admindir`/status with a paragraph per package and
+// Writes `admindir`/status with a paragraph per package, as dpkg writes
+// one (architecture amd64, a two-line description), and
 // `admindir`/info/<name>[:amd64].list for each package that has a list,
 // making the directories. Throws std::runtime_error when a file cannot be
 // written.

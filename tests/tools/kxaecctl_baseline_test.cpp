@@ -36,24 +36,23 @@ class KxaecctlBaselineTest : public toolstest::ToolsTest {
                       "ELF not really\n");
     fs::create_symlink(res_ + "prog", res_ + "prog-link");
     kxtest::WriteDpkgDatabase(
-        kAdminDir,
-        {{"tools",
-          "install ok installed",
-          "",
-          true,
-          {"/.", res_, res_ + "prog", res_ + "prog-link", res_ + "script",
-           res_ + "gone"}},
-         {"libfoo1",
-          "install ok installed",
-          "Multi-Arch: same\n",
-          true,
-          {res_, res_ + "libfoo.so.1"}},
-         {"docs",
-          "install ok installed",
-          "",
-          true,
-          {res_ + "data.txt", res_ + "fake-elf.o"}},
-         {"old", "deinstall ok config-files", "", false, {}}});
+        kAdminDir, {{"tools",
+                     "install ok installed",
+                     "",
+                     true,
+                     {"/.", res_, res_ + "prog", res_ + "prog-link",
+                      res_ + "script", res_ + "gone"}},
+                    {"libfoo1",
+                     "install ok installed",
+                     "Multi-Arch: same\n",
+                     true,
+                     {res_, res_ + "libfoo.so.1"}},
+                    {"docs",
+                     "install ok installed",
+                     "",
+                     true,
+                     {res_ + "data.txt", res_ + "fake-elf.o"}},
+                    {"old", "deinstall ok config-files", "", false, {}}});
   }
 
   toolstest::ToolRun Baseline() {
