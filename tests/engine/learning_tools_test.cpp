@@ -347,6 +347,15 @@ TEST_F(LearningToolsTest, BaselineOfTheSandboxKeepsAShellScriptRunning) {
   EXPECT_EQ(baseline.out, "baseline: " + std::to_string(files) +
                               " files from 5 packages (5 packages read)\n");
 
+  const std::string loaded = Slurp(kSet);
+  for (const kxtest::FakePackage &package : packages) {
+    for (const std::string &file : package.files) {
+      EXPECT_NE(loaded.find("rule-resource\tsystem-base\t" + file + "\n"),
+                std::string::npos)
+          << file;
+    }
+  }
+
   SetParams(3, 63);
   StartEngine();
   WaitForSet(1);
