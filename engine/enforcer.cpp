@@ -465,6 +465,14 @@ void Enforcer::Process(const std::shared_ptr<Pending> &p) {
   const Decision d = Decide(event, *tables, control);
   const auto decide_end = std::chrono::steady_clock::now();
   const bool allow = d.verdict == Verdict::kAllow;
+  const bool journalled = options_.journal && d.Journalled(audit_mask_.load());
+  // The program of an opening process is read while the process still
+  // waits for the answer: once answered it may be gone at once (a refused
+  // load ends many a program), and a row without its program can be
+  // neither learnt from nor replayed.
+  std::string opener;
+  if (journalled && event.access == Access::kOpen)
+    opener = ProcessProgram(p->pid);
   if (Answer(*p, allow))
     decided_.fetch_add(1);
   const auto answered = std::chrono::steady_clock::now();
@@ -482,15 +490,14 @@ void Enforcer::Process(const std::shared_ptr<Pending> &p) {
       ignore_marks_.fetch_add(1);
     }
   }
-  if (options_.journal && d.Journalled(audit_mask_.load())) {
+  if (journalled) {
     JournalEvent row;
     row.date_time = static_cast<std::int64_t>(std::time(nullptr));
     row.event_id = d.audit_event;
     row.success = d.success;
     // The program that starts is the event's file; for an open it is the
     // program of the process.
-    row.app =
-        event.access == Access::kExec ? event.path : ProcessProgram(p->pid);
+    row.app = event.access == Access::kExec ? event.path : opener;
     row.object_name = event.path;
     static thread_local std::unordered_map<std::uint32_t, std::string> users,
         groups;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "aec_rule.h"
+#include "fake_dpkg.h"
 #include "tools_test_util.h"
 
 namespace {
@@ -16,13 +17,6 @@ using toolstest::RuleJson;
 using toolstest::RulePath;
 
 const std::string kAdminDir = "/opt/korvex/var/tmp/dpkg/";
-
-std::string Paragraph(const std::string& name, const std::string& status,
-                      const std::string& extra = "") {
-  return "Package: " + name + "\nStatus: " + status +
-         "\nPriority: optional\nArchitecture: amd64\n" + extra +
-         "Description: test package\n continued description\n\n";
-}
 
 class KxaecctlBaselineTest : public toolstest::ToolsTest {
  protected:
@@ -41,20 +35,24 @@ class KxaecctlBaselineTest : public toolstest::ToolsTest {
                       "\x7f"
                       "ELF not really\n");
     fs::create_symlink(res_ + "prog", res_ + "prog-link");
-    fs::create_directories(kAdminDir + "info");
-    kxtest::WriteFile(
-        kAdminDir + "status",
-        Paragraph("tools", "install ok installed") +
-            Paragraph("libfoo1", "install ok installed", "Multi-Arch: same\n") +
-            Paragraph("docs", "install ok installed") +
-            Paragraph("old", "deinstall ok config-files"));
-    kxtest::WriteFile(kAdminDir + "info/tools.list",
-                      "/.\n" + res_ + "\n" + res_ + "prog\n" + res_ +
-                          "prog-link\n" + res_ + "script\n" + res_ + "gone\n");
-    kxtest::WriteFile(kAdminDir + "info/libfoo1:amd64.list",
-                      res_ + "\n" + res_ + "libfoo.so.1\n");
-    kxtest::WriteFile(kAdminDir + "info/docs.list",
-                      res_ + "data.txt\n" + res_ + "fake-elf.o\n");
+    kxtest::WriteDpkgDatabase(
+        kAdminDir, {{"tools",
+                     "install ok installed",
+                     "",
+                     true,
+                     {"/.", res_, res_ + "prog", res_ + "prog-link",
+                      res_ + "script", res_ + "gone"}},
+                    {"libfoo1",
+                     "install ok installed",
+                     "Multi-Arch: same\n",
+                     true,
+                     {res_, res_ + "libfoo.so.1"}},
+                    {"docs",
+                     "install ok installed",
+                     "",
+                     true,
+                     {res_ + "data.txt", res_ + "fake-elf.o"}},
+                    {"old", "deinstall ok config-files", "", false, {}}});
   }
 
   toolstest::ToolRun Baseline() {
