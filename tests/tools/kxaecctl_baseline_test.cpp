@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "aec_rule.h"
+#include "fake_dpkg_database.h"
 #include "tools_test_util.h"
 
 namespace {
@@ -16,13 +18,6 @@ using toolstest::RuleJson;
 using toolstest::RulePath;
 
 const std::string kAdminDir = "/opt/korvex/var/tmp/dpkg/";
-
-std::string Paragraph(const std::string& name, const std::string& status,
-                      const std::string& extra = "") {
-  return "Package: " + name + "\nStatus: " + status +
-         "\nPriority: optional\nArchitecture: amd64\n" + extra +
-         "Description: test package\n continued description\n\n";
-}
 
 class KxaecctlBaselineTest : public toolstest::ToolsTest {
  protected:
@@ -41,20 +36,24 @@ class KxaecctlBaselineTest : public toolstest::ToolsTest {
                       "\x7f"
                       "ELF not really\n");
     fs::create_symlink(res_ + "prog", res_ + "prog-link");
-    fs::create_directories(kAdminDir + "info");
-    kxtest::WriteFile(
-        kAdminDir + "status",
-        Paragraph("tools", "install ok installed") +
-            Paragraph("libfoo1", "install ok installed", "Multi-Arch: same\n") +
-            Paragraph("docs", "install ok installed") +
-            Paragraph("old", "deinstall ok config-files"));
-    kxtest::WriteFile(kAdminDir + "info/tools.list",
-                      "/.\n" + res_ + "\n" + res_ + "prog\n" + res_ +
-                          "prog-link\n" + res_ + "script\n" + res_ + "gone\n");
-    kxtest::WriteFile(kAdminDir + "info/libfoo1:amd64.list",
-                      res_ + "\n" + res_ + "libfoo.so.1\n");
-    kxtest::WriteFile(kAdminDir + "info/docs.list",
-                      res_ + "data.txt\n" + res_ + "fake-elf.o\n");
+    kxtest::WriteDpkgDatabase(
+        kAdminDir, {{"tools",
+                     "install ok installed",
+                     "",
+                     "",
+                     {"/.", res_, res_ + "prog", res_ + "prog-link",
+                      res_ + "script", res_ + "gone"}},
+                    {"libfoo1",
+                     "install ok installed",
+                     "Multi-Arch: same\n",
+                     "libfoo1:amd64",
+                     {res_, res_ + "libfoo.so.1"}},
+                    {"docs",
+                     "install ok installed",
+                     "",
+                     "",
+                     {res_ + "data.txt", res_ + "fake-elf.o"}},
+                    {"old", "deinstall ok config-files", "", "", {}, false}});
   }
 
   toolstest::ToolRun Baseline() {
@@ -159,6 +158,62 @@ TEST_F(KxaecctlBaselineTest, AnAdministratorsRuleOfThatNameIsNotReplaced) {
   const auto run = Baseline();
   EXPECT_EQ(run.exit_code, KxAecCtl::kRuleExists);
   EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")), before);
+}
+
+// The package hook's mode: a host whose administrator never made a
+// baseline gets none, and the hook prints nothing there.
+TEST_F(KxaecctlBaselineTest, RefreshWithoutABaselineChangesAndPrintsNothing) {
+  const std::set<std::string> before = toolstest::RuleFiles();
+  const std::string seal = kxtest::ReadFile(toolstest::kCrcDb);
+  const auto run = Ctl({"baseline", "--admindir", kAdminDir, "--refresh"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "");
+  EXPECT_FALSE(kxtest::Exists(RulePath("system-base")));
+  EXPECT_EQ(toolstest::RuleFiles(), before);
+  EXPECT_EQ(kxtest::ReadFile(toolstest::kCrcDb), seal);
+}
+
+TEST_F(KxaecctlBaselineTest, RefreshReplacesAnExistingBaseline) {
+  ASSERT_EQ(Baseline().exit_code, 0);
+  kxtest::WriteFile(kAdminDir + "info/tools.list", res_ + "prog\n");
+  const auto run =
+      Ctl({"baseline", "--admindir", kAdminDir, "--refresh", "--check"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, "baseline: 2 files from 2 packages (3 packages read)\n");
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")),
+            RuleJson("system-base", true, false, true, true, {}, {},
+                     {res_ + "libfoo.so.1", res_ + "prog"}));
+  EXPECT_EQ(Ctl({"reload", "-C"}).exit_code, 0);
+}
+
+TEST_F(KxaecctlBaselineTest, RefreshLeavesAnAdministratorsRuleOfThatNameAlone) {
+  ASSERT_EQ(
+      Ctl({"add", "-n", "system-base", "-u", "root", "-r", res_ + "prog", "-d"})
+          .exit_code,
+      0);
+  const std::string before = kxtest::ReadFile(RulePath("system-base"));
+  const auto run = Ctl({"baseline", "--admindir", kAdminDir, "--refresh"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")), before);
+}
+
+// Every commit seals what it finds, so an unattended refresh with --check
+// must not turn a hand edit into the sealed state.
+TEST_F(KxaecctlBaselineTest, CheckRefusesAConfigurationChangedSinceItsSeal) {
+  ASSERT_EQ(Baseline().exit_code, 0);
+  const std::string rule = kxtest::ReadFile(RulePath("system-base"));
+  const std::string seal = kxtest::ReadFile(toolstest::kCrcDb);
+  kxtest::WriteFile(toolstest::kWhitelist,
+                    toolstest::WhitelistJson({"root"}, {}));
+  kxtest::WriteFile(kAdminDir + "info/tools.list", res_ + "prog\n");
+  const auto run =
+      Ctl({"baseline", "--admindir", kAdminDir, "--refresh", "--check"});
+  EXPECT_EQ(run.exit_code, KxAecCtl::kIntegrityDbUpdate);
+  EXPECT_NE(run.err.find(toolstest::kWhitelist), std::string::npos) << run.err;
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")), rule);
+  EXPECT_EQ(kxtest::ReadFile(toolstest::kCrcDb), seal);
 }
 
 TEST_F(KxaecctlBaselineTest, UnknownArgumentsAreTwo) {
