@@ -74,7 +74,8 @@ and groups, resource exceptions, soft and hard mode and the audit switches.\n\
 Ships the stand-alone host (libkxhost.so, kxhost) that loads and drives it,\n\
 and the agent tools it runs: the rule-control tool kxaecctl and the\n\
 integrity tool kxaide, the service kxserv with its client kxctl, and their\n\
-manual pages. Everything is installed below /opt/korvex.")
+manual pages, and an apt hook that refreshes the system baseline after\n\
+package changes. Everything but that hook is installed below /opt/korvex.")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Korvex packaging team <packaging@korvex.example>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
