@@ -12,7 +12,6 @@
 #include <boost/property_tree/ptree.hpp>
 #include <chrono>
 #include <iostream>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
@@ -20,6 +19,7 @@
 
 #include "built_package.h"
 #include "fake_dpkg_database.h"
+#include "installed_package_test.h"
 #include "installed_system.h"
 #include "package_sandbox.h"
 
@@ -73,13 +73,11 @@ std::string HookCommand() {
   return ours.empty() ? "false" : ours.front();
 }
 
-class PackageBaselineHookTest : public ::testing::Test {
+class PackageBaselineHookTest : public InstalledPackageTest {
  protected:
   void SetUp() override {
-    ASSERT_EQ(Packages().error, "");
-    sandbox_ = std::make_unique<PackageSandbox>();
-    const RunResult install = sandbox_->Dpkg({"-i", Packages().deb});
-    ASSERT_EQ(install.exit_code, 0) << install.out << install.err;
+    InstalledPackageTest::SetUp();
+    if (HasFatalFailure()) return;
     const std::string dir = sandbox_->Scratch("files");
     files_ = dir + "/";
     admin_dir_ = sandbox_->Scratch("fake-dpkg");
@@ -97,8 +95,6 @@ class PackageBaselineHookTest : public ::testing::Test {
     };
     kxtest::WriteDpkgDatabase(admin_dir_, packages_);
   }
-  void TearDown() override { sandbox_.reset(); }
-
   // The fake database in place of dpkg's, as the hook's kxaecctl reads it.
   void UseFakeDatabase() { sandbox_->OverlayDpkgDatabase(admin_dir_); }
 
@@ -120,7 +116,6 @@ class PackageBaselineHookTest : public ::testing::Test {
 
   RunResult RunHook() { return RunProgram({"/bin/sh", "-c", HookCommand()}); }
 
-  std::unique_ptr<PackageSandbox> sandbox_;
   std::string files_;
   std::string admin_dir_;
   std::vector<FakePackage> packages_;
