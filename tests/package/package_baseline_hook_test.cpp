@@ -95,6 +95,7 @@ class PackageBaselineHookTest : public InstalledPackageTest {
     };
     kxtest::WriteDpkgDatabase(admin_dir_, packages_);
   }
+
   // The fake database in place of dpkg's, as the hook's kxaecctl reads it.
   void UseFakeDatabase() { sandbox_->OverlayDpkgDatabase(admin_dir_); }
 
@@ -139,7 +140,7 @@ TEST_F(PackageBaselineHookTest, AptReadsTheHookFromTheInstalledConffile) {
 TEST_F(PackageBaselineHookTest,
        TheHookRefreshesTheBaselineAfterAPackageChange) {
   UseFakeDatabase();
-  MakeBaseline();
+  ASSERT_NO_FATAL_FAILURE(MakeBaseline());
   const std::string program = InstallNewPackage();
   ASSERT_EQ(BaselineFiles().count(program), 0u);
 
@@ -172,7 +173,7 @@ TEST_F(PackageBaselineHookTest, TheHookDoesNothingWhereNoBaselineWasMade) {
 TEST_F(PackageBaselineHookTest,
        AFailedRefreshKeepsTheBaselineSaysWhatFailedAndExitsZero) {
   UseFakeDatabase();
-  MakeBaseline();
+  ASSERT_NO_FATAL_FAILURE(MakeBaseline());
   const std::string rule = ReadFile(kBaselineRule);
   const std::string loaded = ReadFile(kLoadedSet);
   InstallNewPackage();
@@ -196,7 +197,7 @@ TEST_F(PackageBaselineHookTest,
 // upgrade's refresh.
 TEST_F(PackageBaselineHookTest, TheHookSkipsDanglingLinksAndNamesThem) {
   UseFakeDatabase();
-  MakeBaseline();
+  ASSERT_NO_FATAL_FAILURE(MakeBaseline());
   const std::string program = InstallNewPackage();
   fs::create_symlink(files_ + "nowhere", files_ + "dangling");
   packages_.back().list.push_back(files_ + "dangling");
@@ -214,7 +215,7 @@ TEST_F(PackageBaselineHookTest, TheHookSkipsDanglingLinksAndNamesThem) {
 // hand edit nobody vouched for.
 TEST_F(PackageBaselineHookTest, TheHookDoesNotSealOverAHandEdit) {
   UseFakeDatabase();
-  MakeBaseline();
+  ASSERT_NO_FATAL_FAILURE(MakeBaseline());
   const std::string rule = ReadFile(kBaselineRule);
   const std::string seal = ReadFile(kCrcDb);
   WriteFile(
