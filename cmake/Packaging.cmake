@@ -1,7 +1,8 @@
 # The Debian package korvex-aec (docs/package.md).
 #
-# Programs and libraries only: everything lands below /opt/korvex, and every
-# installed binary finds libkxhost.so there. The configuration under
+# Programs and libraries: everything lands below /opt/korvex, and every
+# installed binary finds libkxhost.so there. The one file elsewhere is the
+# apt hook below /etc/apt, a conffile. The configuration under
 # /opt/korvex/etc/aec is never a package file: an upgrade would overwrite the
 # rules, the whitelist and the integrity list an administrator has. The
 # package's postinst creates what is missing instead (packaging/debian/).
@@ -20,6 +21,12 @@ install(TARGETS kxserv RUNTIME DESTINATION sbin)
 # postinst links it into systemd where systemd runs the machine.
 install(FILES ${PROJECT_SOURCE_DIR}/service/kxserv/kxserv.service
         DESTINATION lib/systemd/system)
+
+# The apt hook's command, run after every dpkg run of apt; the hook itself
+# (/etc/apt/apt.conf.d/80korvex-aec-baseline) is added by cpack only, see
+# cmake/StagePackageEtc.cmake.
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/apt/kxaec-baseline-refresh
+        DESTINATION libexec)
 
 # Every manual page kept beside a program's code (section 8).
 file(GLOB_RECURSE KX_MAN_PAGES CONFIGURE_DEPENDS
@@ -67,7 +74,8 @@ and groups, resource exceptions, soft and hard mode and the audit switches.\n\
 Ships the stand-alone host (libkxhost.so, kxhost) that loads and drives it,\n\
 and the agent tools it runs: the rule-control tool kxaecctl and the\n\
 integrity tool kxaide, the service kxserv with its client kxctl, and their\n\
-manual pages. Everything is installed below /opt/korvex.")
+manual pages, and an apt hook that refreshes the system baseline after\n\
+package changes. Everything but that hook is installed below /opt/korvex.")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Korvex packaging team <packaging@korvex.example>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -102,7 +110,10 @@ set(KX_PACKAGE_SCRIPTS_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${KX_PACKAGE_SCRIPTS_DIR}/postinst
     ${KX_PACKAGE_SCRIPTS_DIR}/prerm
-    ${KX_PACKAGE_SCRIPTS_DIR}/postrm)
+    ${KX_PACKAGE_SCRIPTS_DIR}/postrm
+    ${KX_PACKAGE_SCRIPTS_DIR}/conffiles)
+set(CPACK_KX_APT_HOOK ${PROJECT_SOURCE_DIR}/packaging/apt/80korvex-aec-baseline)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/StagePackageEtc.cmake)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 include(CPack)

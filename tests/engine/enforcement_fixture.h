@@ -103,12 +103,9 @@ inline Outcome RunAs(std::uint32_t uid, std::uint32_t gid,
   if (child == 0) {
     if (!new_root.empty() && (chroot(new_root.c_str()) != 0 || chdir("/") != 0))
       _exit(124);
-    if (setgroups(groups.size(), groups.data()) != 0)
-      _exit(124);
-    if (setresgid(gid, gid, gid) != 0)
-      _exit(124);
-    if (setresuid(uid, uid, uid) != 0)
-      _exit(124);
+    if (setgroups(groups.size(), groups.data()) != 0) _exit(124);
+    if (setresgid(gid, gid, gid) != 0) _exit(124);
+    if (setresuid(uid, uid, uid) != 0) _exit(124);
     if (act == Act::kExec) {
       execl(path.c_str(), path.c_str(), static_cast<char *>(nullptr));
       _exit(errno == EPERM ? 126 : errno == ETXTBSY ? 123 : 125);
@@ -124,8 +121,7 @@ inline Outcome RunAs(std::uint32_t uid, std::uint32_t gid,
   int status = 0;
   for (;;) {
     const pid_t done = waitpid(child, &status, WNOHANG);
-    if (done == child)
-      break;
+    if (done == child) break;
     if (Clock::now() - start > limit) {
       kill(child, SIGKILL);
       waitpid(child, &status, 0);
@@ -145,11 +141,11 @@ struct Rule {
   std::vector<std::string> resources;
 };
 
-inline std::string
-LoadedSetText(const std::vector<Rule> &rules,
-              const std::vector<std::uint32_t> &white_uids = {},
-              const std::vector<std::uint32_t> &white_gids = {},
-              const std::vector<std::string> &exceptions = {}) {
+inline std::string LoadedSetText(
+    const std::vector<Rule> &rules,
+    const std::vector<std::uint32_t> &white_uids = {},
+    const std::vector<std::uint32_t> &white_gids = {},
+    const std::vector<std::string> &exceptions = {}) {
   std::ostringstream s;
   s << "format\t1\n";
   for (const Rule &r : rules) {
@@ -162,17 +158,14 @@ LoadedSetText(const std::vector<Rule> &rules,
     for (auto &p : r.resources)
       s << "rule-resource\t" << r.name << "\t" << p << "\n";
   }
-  for (auto u : white_uids)
-    s << "whitelist-user\t" << u << "\tu" << u << "\n";
-  for (auto g : white_gids)
-    s << "whitelist-group\t" << g << "\tg" << g << "\n";
-  for (auto &p : exceptions)
-    s << "exception\t" << p << "\n";
+  for (auto u : white_uids) s << "whitelist-user\t" << u << "\tu" << u << "\n";
+  for (auto g : white_gids) s << "whitelist-group\t" << g << "\tg" << g << "\n";
+  for (auto &p : exceptions) s << "exception\t" << p << "\n";
   return s.str();
 }
 
 class EnforcementTest : public kxtest::SandboxTest {
-protected:
+ protected:
   static constexpr const char *kSysctl = "/opt/korvex/var/run/sysctl";
   static constexpr const char *kSet = "/opt/korvex/var/lib/aec/loaded-rules";
   static constexpr const char *kJournal = "/opt/korvex/var/log/audit_logs.db";
@@ -231,13 +224,11 @@ protected:
     StopEngine();
     if (mounted_) {
       umount2(watched_.c_str(), MNT_DETACH);
-      for (const std::string &m : extra_mounts_)
-        umount2(m.c_str(), MNT_DETACH);
+      for (const std::string &m : extra_mounts_) umount2(m.c_str(), MNT_DETACH);
     }
     if (!base_.empty()) {
       std::string cmd = "rm -rf '" + base_ + "'";
-      if (system(cmd.c_str()) != 0)
-        ADD_FAILURE() << "cannot remove " << base_;
+      if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cannot remove " << base_;
     }
   }
 
@@ -267,8 +258,7 @@ protected:
         dup2(fd, 1);
       }
       std::vector<char *> argv;
-      for (auto &a : args)
-        argv.push_back(const_cast<char *>(a.c_str()));
+      for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
       argv.push_back(nullptr);
       execv(argv[0], argv.data());
       _exit(127);
@@ -288,8 +278,7 @@ protected:
   }
 
   void StopEngine() {
-    if (engine_ <= 0)
-      return;
+    if (engine_ <= 0) return;
     kill(engine_, SIGTERM);
     int status = 0;
     const auto start = Clock::now();
@@ -364,8 +353,7 @@ protected:
     const auto start = Clock::now();
     while (Clock::now() - start < std::chrono::seconds(10)) {
       for (const std::string &row : JournalRows()) {
-        if (row.find(needle) != std::string::npos)
-          return true;
+        if (row.find(needle) != std::string::npos) return true;
       }
       usleep(50000);
     }
@@ -378,4 +366,4 @@ protected:
   pid_t engine_ = -1;
 };
 
-} // namespace enginetest
+}  // namespace enginetest

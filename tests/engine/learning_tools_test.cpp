@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "enforcement_fixture.h"
-#include "fake_dpkg.h"
+#include "fake_dpkg_database.h"
 #include "kxaecctl/simulate_command.h"
 #include "kxtest.h"
 
@@ -46,8 +46,7 @@ struct Account {
 
 std::optional<Account> LookUpAccount(const std::string &name) {
   const struct passwd *pw = getpwnam(name.c_str());
-  if (pw == nullptr)
-    return std::nullopt;
+  if (pw == nullptr) return std::nullopt;
   Account account{name, pw->pw_uid, pw->pw_gid, {}};
   int count = 64;
   account.groups.resize(static_cast<std::size_t>(count));
@@ -82,8 +81,7 @@ Denials ParseSimulateReport(const std::string &text) {
   std::istringstream in(text);
   std::string program;
   for (std::string line; std::getline(in, line);) {
-    if (line.rfind("simulate: ", 0) == 0)
-      continue;
+    if (line.rfind("simulate: ", 0) == 0) continue;
     if (line.rfind("  ", 0) != 0) {
       program = line;
       continue;
@@ -111,7 +109,7 @@ std::string MirrorIntoRoot(const std::string &root, const std::string &path,
   if (links_followed > 40)
     throw std::runtime_error("too many links on the way to " + path);
   const fs::path wanted(path);
-  fs::path done = "/"; // free of links: ".." after it is plain lexical
+  fs::path done = "/";  // free of links: ".." after it is plain lexical
   for (auto part = std::next(wanted.begin()); part != wanted.end(); ++part) {
     const fs::path next = (done / *part).lexically_normal();
     const fs::path copy = fs::path(root) / next.relative_path();
@@ -134,8 +132,7 @@ std::string MirrorIntoRoot(const std::string &root, const std::string &path,
     }
     if (!fs::is_regular_file(status) || std::next(part) != wanted.end())
       throw std::runtime_error("cannot mirror " + path);
-    if (!fs::exists(copy))
-      kxtest::CopyFile(next.string(), copy.string());
+    if (!fs::exists(copy)) kxtest::CopyFile(next.string(), copy.string());
     return copy.string();
   }
   throw std::runtime_error(path + " is a directory");
@@ -150,18 +147,16 @@ std::vector<std::string> LoadedBy(const std::string &program) {
   std::vector<std::string> paths;
   std::istringstream in(run.out);
   for (std::string word; in >> word;) {
-    if (word[0] == '/')
-      paths.push_back(word);
+    if (word[0] == '/') paths.push_back(word);
   }
   return paths;
 }
 
 class LearningToolsTest : public EnforcementTest {
-protected:
+ protected:
   void SetUp() override {
     EnforcementTest::SetUp();
-    if (IsSkipped() || HasFatalFailure())
-      return;
+    if (IsSkipped() || HasFatalFailure()) return;
     kxtest::CopyFile(KX_KXAECCTL_PATH, kKxaecctl);
     kxtest::CopyFile(KX_KXAIDE_PATH, "/opt/korvex/bin/kxaide");
     // Load and seal the fresh configuration, as an installation does once.
@@ -194,8 +189,7 @@ TEST_F(LearningToolsTest, SimulateReportsExactlyTheDenialsOfTheEngine) {
   std::vector<Account> accounts;
   for (const char *name : {"daemon", "bin", "sys", "mail"}) {
     const auto account = LookUpAccount(name);
-    if (!account)
-      GTEST_SKIP() << "this machine has no account " << name;
+    if (!account) GTEST_SKIP() << "this machine has no account " << name;
     accounts.push_back(*account);
   }
   const std::string excepted = watched_ + "/excepted";
@@ -232,8 +226,7 @@ TEST_F(LearningToolsTest, SimulateReportsExactlyTheDenialsOfTheEngine) {
         SCOPED_TRACE(who.name + " " + access.path);
         EXPECT_TRUE(code == 0 || code == 126) << code;
         ++done;
-        if (code != 126)
-          continue;
+        if (code != 126) continue;
         Tally &tally = (*refused)[{
             access.act == Act::kExec ? access.path : self, who.name}];
         ++(access.act == Act::kExec   ? tally.starts
@@ -251,7 +244,7 @@ TEST_F(LearningToolsTest, SimulateReportsExactlyTheDenialsOfTheEngine) {
   WaitForSet(1);
   Denials refused_in_soft_mode;
   const int accessed = run_all(&refused_in_soft_mode);
-  StopEngine(); // the journal is drained on the way out
+  StopEngine();  // the journal is drained on the way out
   EXPECT_TRUE(refused_in_soft_mode.empty()) << refused_in_soft_mode;
 
   add({"add", "-n", "starters", "-u", "daemon", "-r", allowed_, "-d"});
@@ -309,23 +302,25 @@ TEST_F(LearningToolsTest, SimulateReportsExactlyTheDenialsOfTheEngine) {
 TEST_F(LearningToolsTest, BaselineOfTheSandboxKeepsAShellScriptRunning) {
   const std::vector<std::string> programs = {
       "/bin/sh", "/bin/sort", "/bin/head", "/bin/wc", "/bin/tr", "/bin/grep"};
-  std::vector<kxtest::FakePackage> packages = {
-      {"dash", "install ok installed", "", true, {}},
-      {"coreutils", "install ok installed", "", true, {}},
-      {"grep", "install ok installed", "", true, {}},
-      {"libc6", "install ok installed", "Multi-Arch: same\n", true, {}},
-      {"site-jobs", "install ok installed", "", true, {}}};
+  std::vector<kxtest::FakePackage> packages(5);
+  packages[0].name = "dash";
+  packages[1].name = "coreutils";
+  packages[2].name = "grep";
+  packages[3].name = "libc6";
+  packages[3].fields = "Multi-Arch: same\n";
+  packages[3].list_name = "libc6:amd64";
+  packages[4].name = "site-jobs";
   std::set<std::string> libraries;
   for (const std::string &program : programs) {
     const std::string copy = MirrorIntoRoot(watched_, program);
     const std::size_t package = program == "/bin/sh"     ? 0
                                 : program == "/bin/grep" ? 2
                                                          : 1;
-    packages[package].files.push_back(copy);
+    packages[package].list.push_back(copy);
     for (const std::string &loaded : LoadedBy(program))
       libraries.insert(MirrorIntoRoot(watched_, loaded));
   }
-  packages[3].files.assign(libraries.begin(), libraries.end());
+  packages[3].list.assign(libraries.begin(), libraries.end());
   const std::string script =
       "#!/bin/sh\n"
       "PATH=/bin\n"
@@ -336,7 +331,7 @@ TEST_F(LearningToolsTest, BaselineOfTheSandboxKeepsAShellScriptRunning) {
       "exit 0\n";
   Put(watched_ + "/job.sh", script, 0755);
   Put(watched_ + "/unlisted.sh", script, 0755);
-  packages[4].files.push_back(watched_ + "/job.sh");
+  packages[4].list.push_back(watched_ + "/job.sh");
   // It would run if a rule allowed it: its loader and libraries are there.
   Copy(fs::canonical("/bin/true").string(), watched_ + "/stranger");
   kxtest::WriteDpkgDatabase(kAdminDir, packages);
@@ -349,7 +344,7 @@ TEST_F(LearningToolsTest, BaselineOfTheSandboxKeepsAShellScriptRunning) {
 
   const std::string loaded = Slurp(kSet);
   for (const kxtest::FakePackage &package : packages) {
-    for (const std::string &file : package.files) {
+    for (const std::string &file : package.list) {
       EXPECT_NE(loaded.find("rule-resource\tsystem-base\t" + file + "\n"),
                 std::string::npos)
           << file;
@@ -371,7 +366,7 @@ TEST_F(LearningToolsTest, BaselineOfTheSandboxKeepsAShellScriptRunning) {
                   std::chrono::seconds(20), watched_)
                 .code,
             126);
-  StopEngine(); // the journal is drained on the way out
+  StopEngine();  // the journal is drained on the way out
   EXPECT_TRUE(WaitForRow("1051|0|" + watched_ + "/stranger|"));
   // And the script's run went through the engine: each of its starts and
   // loads, from the tmpfs, was decided and journalled as permitted.
@@ -386,10 +381,10 @@ TEST_F(LearningToolsTest, BaselineOfTheSandboxKeepsAShellScriptRunning) {
   };
   EXPECT_TRUE(permitted(watched_ + "/job.sh"));
   for (const kxtest::FakePackage &package : packages) {
-    for (const std::string &file : package.files)
+    for (const std::string &file : package.list)
       EXPECT_TRUE(permitted(file)) << file;
   }
 }
 
-} // namespace
-} // namespace enginetest
+}  // namespace
+}  // namespace enginetest

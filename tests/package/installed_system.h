@@ -20,6 +20,10 @@ constexpr const char* kCrcList = "/opt/korvex/etc/aec/crc-rule.conf";
 constexpr const char* kCrcDb = "/opt/korvex/etc/aec/crc-rule.db";
 constexpr const char* kConfirmState = "/opt/korvex/var/aec_confirm";
 constexpr const char* kPostinst = "/var/lib/dpkg/info/korvex-aec.postinst";
+// The apt hook (a conffile) and the command it runs.
+constexpr const char* kAptHook = "/etc/apt/apt.conf.d/80korvex-aec-baseline";
+constexpr const char* kBaselineRefresh =
+    "/opt/korvex/libexec/kxaec-baseline-refresh";
 
 // The whitelist a fresh installation has.
 extern const char* const kEmptyWhitelist;

@@ -77,6 +77,7 @@ TEST_F(PackageContentsTest, TheRuntimeLibrariesAreDeclaredDependencies) {
 // The configuration below etc/aec is never a package file: an upgrade
 // would overwrite what the administrator has there. The host contract and
 // its CMake package are, so that plug-ins build against the installed host.
+// The one file outside /opt/korvex is the apt hook.
 TEST_F(PackageContentsTest,
        ShipsProgramsLibrariesUnitsManualPagesTheContractAndTheCatalogueButNoConfiguration) {
   std::set<std::string> files;
@@ -84,6 +85,7 @@ TEST_F(PackageContentsTest,
     if (path.back() != '/') files.insert(path);
   }
   std::set<std::string> expected = {
+      "./etc/apt/apt.conf.d/80korvex-aec-baseline",
       "./opt/korvex/bin/kxaecctl",
       "./opt/korvex/bin/kxaide",
       "./opt/korvex/bin/kxctl",
@@ -95,6 +97,7 @@ TEST_F(PackageContentsTest,
       "./opt/korvex/lib/cmake/KorvexHost/KorvexHostTargets.cmake",
       "./opt/korvex/lib/systemd/system/kxaecd.service",
       "./opt/korvex/lib/systemd/system/kxserv.service",
+      "./opt/korvex/libexec/kxaec-baseline-refresh",
       "./opt/korvex/sbin/kxaecd",
       "./opt/korvex/sbin/kxserv",
       "./opt/korvex/share/locale/korvex-aec.pot",
@@ -125,9 +128,11 @@ TEST_F(PackageContentsTest,
   EXPECT_EQ(files, expected);
 }
 
-// No conffiles (nothing for dpkg to merge on upgrade) and no triggers (the
-// libraries live in a private directory, ldconfig has nothing to do).
-TEST_F(PackageContentsTest, ControlHoldsTheMaintainerScriptsOnly) {
+// One conffile, the apt hook (an administrator may switch it off, and
+// purge removes it), and no triggers (the libraries live in a private
+// directory, ldconfig has nothing to do).
+TEST_F(PackageContentsTest,
+       ControlHoldsTheMaintainerScriptsAndTheAptHookAsTheOnlyConffile) {
   const std::string dir = MakeTempDir() + "/DEBIAN";
   const RunResult run =
       RunProgram({"/usr/bin/dpkg-deb", "-e", Packages().deb, dir});
@@ -136,8 +141,10 @@ TEST_F(PackageContentsTest, ControlHoldsTheMaintainerScriptsOnly) {
   for (boost::filesystem::directory_iterator it(dir), end; it != end; ++it) {
     members.insert(it->path().filename().string());
   }
-  EXPECT_EQ(members, (std::set<std::string>{"control", "md5sums", "postinst",
-                                            "postrm", "prerm"}));
+  EXPECT_EQ(members, (std::set<std::string>{"conffiles", "control", "md5sums",
+                                            "postinst", "postrm", "prerm"}));
+  EXPECT_EQ(ReadFile(dir + "/conffiles"),
+            "/etc/apt/apt.conf.d/80korvex-aec-baseline\n");
   for (const char* script : {"postinst", "postrm", "prerm"}) {
     const std::string path = dir + "/" + script;
     EXPECT_EQ(boost::filesystem::status(path).permissions() & 0777, 0755)
@@ -149,6 +156,29 @@ TEST_F(PackageContentsTest, ControlHoldsTheMaintainerScriptsOnly) {
   boost::system::error_code ignored;
   boost::filesystem::remove_all(boost::filesystem::path(dir).parent_path(),
                                 ignored);
+}
+
+// apt runs the hook's command after every dpkg run: the script it names is
+// sound shell, executable, and writable by its owner only.
+TEST_F(PackageContentsTest, TheAptHookAndItsScriptAreShippedReadyToRun) {
+  const std::string tree = MakeTempDir();
+  const RunResult run =
+      RunProgram({"/usr/bin/dpkg-deb", "-x", Packages().deb, tree});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  const std::string script =
+      tree + "/opt/korvex/libexec/kxaec-baseline-refresh";
+  EXPECT_EQ(boost::filesystem::status(script).permissions() & 0777, 0755);
+  EXPECT_EQ(ReadFile(script).rfind("#!/bin/sh\n", 0), 0u);
+  const RunResult syntax = RunProgram({"/bin/sh", "-n", script});
+  EXPECT_EQ(syntax.exit_code, 0) << syntax.err;
+  const std::string hook =
+      ReadFile(tree + "/etc/apt/apt.conf.d/80korvex-aec-baseline");
+  EXPECT_NE(hook.find("DPkg::Post-Invoke {"), std::string::npos) << hook;
+  EXPECT_NE(hook.find("/opt/korvex/libexec/kxaec-baseline-refresh"),
+            std::string::npos)
+      << hook;
+  boost::system::error_code ignored;
+  boost::filesystem::remove_all(tree, ignored);
 }
 
 }  // namespace

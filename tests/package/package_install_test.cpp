@@ -4,11 +4,11 @@
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "built_package.h"
+#include "installed_package_test.h"
 #include "installed_system.h"
 #include "lib/fresh_install.h"
 #include "lib/sandbox.h"
@@ -17,19 +17,7 @@
 namespace pkgtest {
 namespace {
 
-class PackageInstallTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(Packages().error, "");
-    sandbox_ = std::make_unique<PackageSandbox>();
-    ASSERT_FALSE(Exists(kRoot)) << "the machine in the sandbox is not clean";
-    const RunResult install = sandbox_->Dpkg({"-i", Packages().deb});
-    ASSERT_EQ(install.exit_code, 0) << install.out << install.err;
-  }
-  void TearDown() override { sandbox_.reset(); }
-
-  std::unique_ptr<PackageSandbox> sandbox_;
-};
+using PackageInstallTest = InstalledPackageTest;
 
 TEST_F(PackageInstallTest,
        InstallingOnACleanMachinePutsEveryFileUnderOptKorvex) {

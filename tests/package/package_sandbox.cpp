@@ -120,7 +120,20 @@ PackageSandbox::~PackageSandbox() {
   RemoveScratch();
 }
 
+void PackageSandbox::OverlayDpkgDatabase(const std::string& dir) {
+  RestoreDpkgDatabase();
+  Bind(dir, kDpkgDb);
+  dpkg_overlaid_ = true;
+}
+
+void PackageSandbox::RestoreDpkgDatabase() {
+  if (!dpkg_overlaid_) return;
+  if (umount2(kDpkgDb, MNT_DETACH) != 0) Fail("unmount the overlaid database");
+  dpkg_overlaid_ = false;
+}
+
 void PackageSandbox::UnmountAll() {
+  if (dpkg_overlaid_) umount2(kDpkgDb, MNT_DETACH);
   if (systemd_bound_) umount2(kRunSystemd, MNT_DETACH);
   umount2(kEtc, MNT_DETACH);
   umount2(kDpkgDb, MNT_DETACH);

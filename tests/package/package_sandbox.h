@@ -17,8 +17,9 @@ namespace pkgtest {
 
 using kxtest::RunResult;
 
-// Runs argv[0] (an absolute path; no shell) with empty standard input, a PATH that holds the sbin directories (dpkg wants ldconfig
-// and start-stop-daemon there) and LC_ALL=C. Waits for it.
+// Runs argv[0] (an absolute path; no shell) with empty standard input, a PATH
+// that holds the sbin directories (dpkg wants ldconfig and start-stop-daemon
+// there) and LC_ALL=C. Waits for it.
 RunResult RunProgram(const std::vector<std::string>& argv);
 
 // A new empty directory below /tmp; the caller removes it.
@@ -43,6 +44,14 @@ class PackageSandbox {
   std::string Status(const std::string& package) const;
   std::string Version(const std::string& package) const;
 
+  // Lays `dir` over /var/lib/dpkg, so that what reads dpkg's database (the
+  // baseline) sees a database the test made, until RestoreDpkgDatabase or
+  // the end of the sandbox. dpkg itself must not run meanwhile: the
+  // installed package's record is in the copy below. Throws
+  // std::runtime_error when the mount fails.
+  void OverlayDpkgDatabase(const std::string& dir);
+  void RestoreDpkgDatabase();
+
   // A path in the scratch directory, outside /opt and the dpkg database.
   std::string Scratch(const std::string& name) const {
     return dir_ + "/" + name;
@@ -54,6 +63,7 @@ class PackageSandbox {
 
   std::string dir_;  // a tmpfs, gone with the object
   bool systemd_bound_ = false;
+  bool dpkg_overlaid_ = false;
 };
 
 // Every entry below `dir` (relative path, "/" after directories) with the

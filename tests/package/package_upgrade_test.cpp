@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "built_package.h"
+#include "installed_package_test.h"
 #include "installed_system.h"
 #include "package_sandbox.h"
 
@@ -20,13 +20,11 @@ constexpr const char* kRule = "/opt/korvex/etc/aec/rules/build-tools.conf";
 constexpr const char* kNotConfirmed =
     "AEC hard mode was not confirmed. You need to re-enable and confirm it";
 
-class PackageUpgradeTest : public ::testing::Test {
+class PackageUpgradeTest : public InstalledPackageTest {
  protected:
   void SetUp() override {
-    ASSERT_EQ(Packages().error, "");
-    sandbox_ = std::make_unique<PackageSandbox>();
-    const RunResult install = sandbox_->Dpkg({"-i", Packages().deb});
-    ASSERT_EQ(install.exit_code, 0) << install.out << install.err;
+    InstalledPackageTest::SetUp();
+    if (HasFatalFailure()) return;
     ASSERT_EQ(SeedAdministratorState(), "");
     ASSERT_TRUE(Exists(kRule));
     ASSERT_NE(ReadFile(kWhitelist).find("root"), std::string::npos);
@@ -35,9 +33,6 @@ class PackageUpgradeTest : public ::testing::Test {
     ASSERT_EQ(status.exit_code, 0) << status.err;
     ASSERT_NE(status.out.find(kNotConfirmed), std::string::npos) << status.out;
   }
-  void TearDown() override { sandbox_.reset(); }
-
-  std::unique_ptr<PackageSandbox> sandbox_;
 };
 
 TEST_F(PackageUpgradeTest, UpgradeKeepsRulesWhitelistSettingsAndConfirmation) {

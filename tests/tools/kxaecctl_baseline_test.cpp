@@ -3,11 +3,12 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "aec_rule.h"
-#include "fake_dpkg.h"
+#include "fake_dpkg_database.h"
 #include "tools_test_util.h"
 
 namespace {
@@ -39,20 +40,20 @@ class KxaecctlBaselineTest : public toolstest::ToolsTest {
         kAdminDir, {{"tools",
                      "install ok installed",
                      "",
-                     true,
+                     "",
                      {"/.", res_, res_ + "prog", res_ + "prog-link",
                       res_ + "script", res_ + "gone"}},
                     {"libfoo1",
                      "install ok installed",
                      "Multi-Arch: same\n",
-                     true,
+                     "libfoo1:amd64",
                      {res_, res_ + "libfoo.so.1"}},
                     {"docs",
                      "install ok installed",
                      "",
-                     true,
+                     "",
                      {res_ + "data.txt", res_ + "fake-elf.o"}},
-                    {"old", "deinstall ok config-files", "", false, {}}});
+                    {"old", "deinstall ok config-files", "", "", {}, false}});
   }
 
   toolstest::ToolRun Baseline() {
@@ -148,7 +149,10 @@ TEST_F(KxaecctlBaselineTest, AMissingStatusFileIsElevenAndWritesNothing) {
   EXPECT_FALSE(kxtest::Exists(RulePath("system-base")));
 }
 
-TEST_F(KxaecctlBaselineTest, AnAdministratorsRuleOfThatNameIsNotReplaced) {
+// Not the baseline: a plain run refuses to replace it, and a refresh
+// counts it as no baseline at all.
+TEST_F(KxaecctlBaselineTest,
+       AnAdministratorsRuleOfThatNameIsNeitherReplacedNorRefreshed) {
   ASSERT_EQ(
       Ctl({"add", "-n", "system-base", "-u", "root", "-r", res_ + "prog", "-d"})
           .exit_code,
@@ -157,6 +161,54 @@ TEST_F(KxaecctlBaselineTest, AnAdministratorsRuleOfThatNameIsNotReplaced) {
   const auto run = Baseline();
   EXPECT_EQ(run.exit_code, KxAecCtl::kRuleExists);
   EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")), before);
+  const auto refresh = Ctl({"baseline", "--admindir", kAdminDir, "--refresh"});
+  EXPECT_EQ(refresh.exit_code, 0) << refresh.err;
+  EXPECT_EQ(refresh.out, "");
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")), before);
+}
+
+// The package hook's mode: a host whose administrator never made a
+// baseline gets none, and the hook prints nothing there.
+TEST_F(KxaecctlBaselineTest, RefreshWithoutABaselineChangesAndPrintsNothing) {
+  const std::set<std::string> before = toolstest::RuleFiles();
+  const std::string seal = kxtest::ReadFile(toolstest::kCrcDb);
+  const auto run = Ctl({"baseline", "--admindir", kAdminDir, "--refresh"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "");
+  EXPECT_FALSE(kxtest::Exists(RulePath("system-base")));
+  EXPECT_EQ(toolstest::RuleFiles(), before);
+  EXPECT_EQ(kxtest::ReadFile(toolstest::kCrcDb), seal);
+}
+
+TEST_F(KxaecctlBaselineTest, RefreshReplacesAnExistingBaseline) {
+  ASSERT_EQ(Baseline().exit_code, 0);
+  kxtest::WriteFile(kAdminDir + "info/tools.list", res_ + "prog\n");
+  const auto run =
+      Ctl({"baseline", "--admindir", kAdminDir, "--refresh", "--check"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, "baseline: 2 files from 2 packages (3 packages read)\n");
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")),
+            RuleJson("system-base", true, false, true, true, {}, {},
+                     {res_ + "libfoo.so.1", res_ + "prog"}));
+  EXPECT_EQ(Ctl({"reload", "-C"}).exit_code, 0);
+}
+
+// Every commit seals what it finds, so an unattended refresh with --check
+// must not turn a hand edit into the sealed state.
+TEST_F(KxaecctlBaselineTest, CheckRefusesAConfigurationChangedSinceItsSeal) {
+  ASSERT_EQ(Baseline().exit_code, 0);
+  const std::string rule = kxtest::ReadFile(RulePath("system-base"));
+  const std::string seal = kxtest::ReadFile(toolstest::kCrcDb);
+  kxtest::WriteFile(toolstest::kWhitelist,
+                    toolstest::WhitelistJson({"root"}, {}));
+  kxtest::WriteFile(kAdminDir + "info/tools.list", res_ + "prog\n");
+  const auto run =
+      Ctl({"baseline", "--admindir", kAdminDir, "--refresh", "--check"});
+  EXPECT_EQ(run.exit_code, KxAecCtl::kIntegrityDbUpdate);
+  EXPECT_NE(run.err.find(toolstest::kWhitelist), std::string::npos) << run.err;
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")), rule);
+  EXPECT_EQ(kxtest::ReadFile(toolstest::kCrcDb), seal);
 }
 
 TEST_F(KxaecctlBaselineTest, UnknownArgumentsAreTwo) {

@@ -5,6 +5,7 @@
 #include "commit.h"
 #include "configuration.h"
 #include "dpkg_database.h"
+#include "integrity.h"
 #include "learning_options.h"
 #include "rule_edit.h"
 #include "tool_error.h"
@@ -14,7 +15,8 @@ namespace aectool {
 namespace {
 
 constexpr const char* kHelp =
-    "Usage: kxaecctl baseline [--admindir DIR]\n"
+    "Usage: kxaecctl baseline [--admindir DIR] [--skip-dangling] [--refresh]\n"
+    "                         [--check]\n"
     "\n"
     "Replaces the system rule \"system-base\" (for all users) with the\n"
     "executables, shared objects and \"#!\" scripts of every installed\n"
@@ -24,20 +26,31 @@ constexpr const char* kHelp =
     "link, is an error and nothing is written.\n"
     "\n"
     "  --admindir DIR  dpkg's database directory (default /var/lib/dpkg)\n"
-    "  --skip-dangling name each dangling link on standard error and go on\n";
+    "  --skip-dangling name each dangling link on standard error and go on\n"
+    "  --refresh       only replace a baseline that exists: without the\n"
+    "                  system rule, change nothing, print nothing, exit 0\n"
+    "  --check         refuse when the configuration differs from its seal,\n"
+    "                  as -C does for the other commands\n"
+    "\n"
+    "The package's apt hook runs it with --refresh --check --skip-dangling\n"
+    "after every package change.\n";
 
 struct BaselineOptions {
   bool help = false;
   std::string admin_dir = kDpkgAdminDir;
   bool skip_dangling = false;
+  bool refresh = false;
+  bool check = false;
 };
 
 BaselineOptions ParseBaselineOptions(const std::vector<std::string>& args) {
-  const LongOptions parsed =
-      ParseLongOptions(args, {"--admindir"}, {"--skip-dangling"});
+  const LongOptions parsed = ParseLongOptions(
+      args, {"--admindir"}, {"--skip-dangling", "--refresh", "--check"});
   BaselineOptions options;
   options.help = parsed.Has("--help");
   options.skip_dangling = parsed.Has("--skip-dangling");
+  options.refresh = parsed.Has("--refresh");
+  options.check = parsed.Has("--check");
   if (parsed.values.count("--admindir")) {
     options.admin_dir = parsed.values.at("--admindir");
   }
@@ -47,6 +60,24 @@ BaselineOptions ParseBaselineOptions(const std::vector<std::string>& args) {
 void Baseline(const BaselineOptions& options, std::ostream& out,
               std::ostream& err) {
   const ToolLock lock;
+  Configuration config = Configuration::Load();
+  const AecRule* existing = config.FindRule(kBaselineRule);
+  const bool ours = existing != nullptr && existing->System();
+  if (options.refresh && !ours) {
+    // A host that never asked for a baseline gets no system rule behind its
+    // administrator's back, and the package hook stays silent there.
+    return;
+  }
+  if (existing != nullptr && !ours) {
+    // An administrator's own rule of that name is not ours to replace.
+    throw ToolError(Exit::kRuleExists,
+                    std::string("a rule named ") + kBaselineRule +
+                        " exists and is not the system baseline",
+                    {kBaselineRule});
+  }
+  // The commit seals everything it finds; an unattended run must not seal
+  // over a hand edit nobody has vouched for.
+  if (options.check) CheckIntegrity();
   // Everything is read before the configuration is touched, so a broken
   // package database leaves the rules as they were.
   const PackageFiles packages =
@@ -57,15 +88,6 @@ void Baseline(const BaselineOptions& options, std::ostream& out,
   if (packages.files.empty()) {
     throw ToolError(Exit::kResourceListEmpty,
                     "the package database lists no executable files");
-  }
-  Configuration config = Configuration::Load();
-  const AecRule* existing = config.FindRule(kBaselineRule);
-  if (existing != nullptr && !existing->System()) {
-    // An administrator's own rule of that name is not ours to replace.
-    throw ToolError(Exit::kRuleExists,
-                    std::string("a rule named ") + kBaselineRule +
-                        " exists and is not the system baseline",
-                    {kBaselineRule});
   }
   RuleEdit edit = RuleEdit::New(kBaselineRule);
   edit.SetFlag(rule_key::kSystem, true);

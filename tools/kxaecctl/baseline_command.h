@@ -20,6 +20,10 @@ inline constexpr const char* kBaselineRule = "system-base";
 
 // Runs `kxaecctl baseline ARGS...` (args[0] is "baseline"); returns the exit
 // code. Options: --admindir DIR (dpkg's database, default /var/lib/dpkg),
+// --skip-dangling (a dangling link is named on `err` and left out instead
+// of refusing), --refresh (only when the system rule exists already:
+// otherwise nothing is read, written or printed and the run succeeds),
+// --check (the configuration must match its seal first, as with -C),
 // --help.
 int RunBaselineCommand(const std::vector<std::string>& args, std::ostream& out,
                        std::ostream& err);
