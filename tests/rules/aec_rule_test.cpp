@@ -376,3 +376,34 @@ TEST_F(AecRuleTest, AFailedWriteOnAReadOnlyDirectoryKeepsThePreviousFile) {
   EXPECT_THROW(AecRule(RuleTree(new_spec)).Save(), pt::json_parser_error);
   EXPECT_EQ(kxtest::ReadFile(Path("r.conf")), before);
 }
+
+namespace {
+
+// Reading the same file twice keeps the first parse for the second read;
+// these check that it only ever stands for the same bytes.
+std::string UsersOf(const AecRule& rule) {
+  auto xml = const_cast<AecRule&>(rule).GetXml(false);
+  return kxhost::TreeOf(*xml).get<std::string>("u", "");
+}
+
+}  // namespace
+
+TEST_F(AecRuleTest, AFileRewrittenAtOnceWithOtherBytesOfTheSameSizeIsReadAfresh) {
+  RuleSpec spec{"r"};
+  spec.users = {"bob"};
+  WriteRuleFile(spec, "r.conf");
+  EXPECT_EQ(UsersOf(AecRule(Path("r.conf"))), "bob");
+  // Same length, same second: only the bytes tell the files apart.
+  spec.users = {"tom"};
+  WriteRuleFile(spec, "r.conf");
+  EXPECT_EQ(UsersOf(AecRule(Path("r.conf"))), "tom");
+}
+
+TEST_F(AecRuleTest, AFileThatTurnsMalformedAfterAGoodReadIsRefused) {
+  WriteRuleFile(RuleSpec{"r"}, "r.conf");
+  EXPECT_NO_THROW(AecRule rule(Path("r.conf")));
+  kxtest::WriteFile(Path("r.conf"), "{ \"name\": ");
+  EXPECT_EQ(ThrownMessage([&] { AecRule rule(Path("r.conf")); }),
+            std::string(error::kInvalidConfig));
+  EXPECT_TRUE(log_.Contains("failed to parse AEC config"));
+}

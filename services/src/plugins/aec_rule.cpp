@@ -4,8 +4,10 @@
 
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/json_parser.hpp>
+#include <mutex>
 #include <sstream>
 #include <system_error>
+#include <unordered_map>
 
 #include "aec_config_read.h"
 #include "aec_paths.h"
@@ -55,12 +57,69 @@ AecRule::AecRule(const pt::ptree& tree) {
   }
 }
 
+namespace {
+
+// Rules parsed from files, by path, with the exact text each came from. A
+// long-running host answers every `get` by reading the whole rules
+// directory; the files seldom change between two requests, and parsing them
+// was most of a request's cost. Every file is still read every time (with
+// the reader's checks and limits) and compared with the text kept: a kept
+// rule stands only for the very bytes it was parsed from. Bounded: past
+// kKeptBytes of text everything is dropped and kept afresh.
+class ParsedRuleFiles {
+ public:
+  static ParsedRuleFiles& Get() {
+    static auto* files = new ParsedRuleFiles;  // outlives static destructors
+    return *files;
+  }
+
+  // The rule parsed from exactly `text` at `path`, copied into `rule`.
+  bool Find(const std::string& path, const std::string& text, AecRule* rule) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = kept_.find(path);
+    if (found == kept_.end() || found->second.text != text) return false;
+    *rule = found->second.rule;
+    return true;
+  }
+
+  void Keep(const std::string& path, std::string text, const AecRule& rule) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = kept_.find(path);
+    if (found != kept_.end()) {
+      bytes_ -= found->second.text.size();
+      kept_.erase(found);
+    }
+    if (text.size() > kKeptBytes / 4) return;
+    if (bytes_ + text.size() > kKeptBytes) {
+      kept_.clear();
+      bytes_ = 0;
+    }
+    bytes_ += text.size();
+    kept_.emplace(path, Entry{std::move(text), rule});
+  }
+
+ private:
+  static constexpr std::size_t kKeptBytes = 32u << 20;
+  struct Entry {
+    std::string text;
+    AecRule rule;
+  };
+  std::mutex mutex_;
+  std::unordered_map<std::string, Entry> kept_;
+  std::size_t bytes_ = 0;
+};
+
+}  // namespace
+
 AecRule::AecRule(const std::string& path) : path_(path) {
   try {
+    std::string text = aec::ReadConfigFile(path, aec::kMaxRuleFileBytes);
+    if (ParsedRuleFiles::Get().Find(path, text, this)) return;
     pt::ptree tree;
-    std::istringstream text(aec::ReadConfigFile(path, aec::kMaxRuleFileBytes));
-    pt::read_json(text, tree);
+    std::istringstream in(text);
+    pt::read_json(in, tree);
     Init(tree);
+    ParsedRuleFiles::Get().Keep(path, std::move(text), *this);
   } catch (const std::exception& e) {
     log_trivial(LOG_ERR,
                 "failed to parse AEC config " + path + ": " + e.what());

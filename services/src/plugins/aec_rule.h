@@ -18,7 +18,9 @@
 //  - IsExist throws boost::filesystem::filesystem_error on a status error
 //    other than a missing file; Delete never throws.
 // A plain value: copyable, no locking; concurrent writers of one rule file
-// are not guarded against.
+// are not guarded against. Reading a file keeps the parsed rule, by path and
+// exact text, for later reads of the same bytes (the file is read and
+// compared every time; see the .cpp).
 #pragma once
 
 #include <boost/property_tree/ptree.hpp>
