@@ -100,8 +100,13 @@ void OnHostEvent(kxserv::Server* server, const std::string* utmp_file,
                               std::string(now ? "" : " (pending)") + ": " +
                               reason);
     kxserv::NotifyTerminals(*utmp_file, "This station is blocked", reason);
+  } else if (event.kind == "send_message") {
+    // The host printed the reply for its event; the answer to the client
+    // is that very text, not a second printing of the same document.
+    if (event.args.size() == 3) kxserv::NoteSentReply(event.args[2]);
+    return;
   } else if (event.kind != "update_clients") {
-    return;  // replies travel their own way
+    return;
   }
   server->Broadcast(EventDocument(event));
 }

@@ -3,6 +3,7 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <system_error>
 #include <vector>
@@ -133,8 +134,8 @@ bool LearningArguments(kxhost::XmlDocument& request,
     const std::string value = Attribute(request, name.c_str());
     if (value.empty()) continue;
     if (value.find_first_not_of("0123456789") != std::string::npos) {
-      *why = name + " must be whole seconds since the epoch, not '" + value +
-             "'";
+      *why =
+          name + " must be whole seconds since the epoch, not '" + value + "'";
       return false;
     }
     argv->push_back("--" + name);
@@ -162,8 +163,8 @@ std::string ToolReply(const std::vector<std::string>& argv,
   try {
     run = RunTool(argv, kLearningTimeoutMs, kLearningOutputLimit);
   } catch (const std::system_error& e) {
-    return ErrorReply("tool_failed", std::string("cannot run kxaecctl: ") +
-                                         e.what());
+    return ErrorReply("tool_failed",
+                      std::string("cannot run kxaecctl: ") + e.what());
   }
   if (run.timed_out) {
     return ErrorReply("tool_failed",
@@ -223,14 +224,23 @@ std::string ErrorReply(const std::string& code, const std::string& text) {
   return Print(reply);
 }
 
+namespace {
+thread_local std::optional<std::string> sent_reply;
+}  // namespace
+
+void NoteSentReply(std::string text) { sent_reply = std::move(text); }
+
 std::string RunPluginRequest(
     const kxhost::PluginEntryPoints& plugin,
     const boost::shared_ptr<kxhost::XmlDocument>& request) {
   parsed_xml_data_t record;
   record.xml = request;
   record.reply = NewDocument();
+  sent_reply.reset();
   plugin.exec(&record);
-  if (record.outcome == 1) return Print(record.reply);
+  std::optional<std::string> sent = std::move(sent_reply);
+  sent_reply.reset();
+  if (record.outcome == 1) return sent ? std::move(*sent) : Print(record.reply);
   std::unique_ptr<char[]> command(request->GetCommand());
   return ErrorReply(
       "unanswered",

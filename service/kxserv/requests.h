@@ -35,10 +35,17 @@ std::string ServiceCommand(kxhost::XmlDocument& document);
 std::string ErrorReply(const std::string& code, const std::string& text);
 
 // plugin_exec with the document; the plug-in's reply document, or an
-// "unanswered" error when it released the request without one.
+// "unanswered" error when it released the request without one. When the
+// host's send_message event handed the printed reply to NoteSentReply on
+// this thread during the call, that text is the answer; otherwise the reply
+// document is printed here.
 std::string RunPluginRequest(
     const kxhost::PluginEntryPoints& plugin,
     const boost::shared_ptr<kxhost::XmlDocument>& request);
+
+// For the host's event observer: the reply text send_message printed for
+// the request running on this thread.
+void NoteSentReply(std::string text);
 
 // policies, set-policies, import-policies, info, state. (subscribe never
 // reaches the worker.) Unknown commands get an "unknown_command" error.
