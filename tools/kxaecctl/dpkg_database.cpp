@@ -6,10 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <sstream>
+#include <thread>
+#include <unordered_map>
 
 #include "tool_error.h"
 
@@ -93,6 +97,91 @@ bool OpenList(const std::string& info_dir, const InstalledPackage& package,
   return static_cast<bool>(*list);
 }
 
+// Paths checked at a time (see CheckAll).
+constexpr int kCheckers = 8;
+
+// The directory part of an absolute path ("/" for a file at the root).
+std::string DirectoryOf(const std::string& path) {
+  const auto slash = path.rfind('/');
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// realpath of directories, each resolved once.
+class ResolvedDirectories {
+ public:
+  std::optional<std::string> Resolve(const std::string& dir) {
+    auto found = known_.find(dir);
+    if (found == known_.end()) {
+      char buffer[PATH_MAX];
+      std::optional<std::string> resolved;
+      if (::realpath(dir.c_str(), buffer) != nullptr) resolved = buffer;
+      found = known_.emplace(dir, std::move(resolved)).first;
+    }
+    return found->second;
+  }
+
+ private:
+  std::unordered_map<std::string, std::optional<std::string>> known_;
+};
+
+// What one listed path turned out to be.
+struct Listed {
+  enum Kind { kVanished, kDangling, kOther, kLoadable } kind = kOther;
+  std::string resolved;  // the canonical path of a loadable file
+};
+
+Listed Check(const std::string& path, ResolvedDirectories* directories) {
+  Listed listed;
+  struct stat link_status;
+  if (::lstat(path.c_str(), &link_status) != 0) {
+    listed.kind = Listed::kVanished;
+    return listed;
+  }
+  // Directories are most of a list and never a resource.
+  if (S_ISDIR(link_status.st_mode)) return listed;
+  if (S_ISREG(link_status.st_mode)) {
+    // A file's own name is no link: only its directory needs resolving,
+    // and the lists name the same few directories over and over.
+    const std::optional<std::string> parent =
+        directories->Resolve(DirectoryOf(path));
+    if (!parent) return listed;
+    listed.resolved =
+        (*parent == "/" ? "" : *parent) + path.substr(path.rfind('/'));
+  } else {
+    char buffer[PATH_MAX];
+    if (::realpath(path.c_str(), buffer) == nullptr) {
+      if (S_ISLNK(link_status.st_mode)) listed.kind = Listed::kDangling;
+      return listed;
+    }
+    struct stat file_status;
+    if (::stat(buffer, &file_status) != 0 || !S_ISREG(file_status.st_mode)) {
+      return listed;
+    }
+    listed.resolved = buffer;
+  }
+  if (IsLoadable(listed.resolved)) listed.kind = Listed::kLoadable;
+  return listed;
+}
+
+// Checks every path, several at a time: with a cold cache the check is a
+// wait for the disk (a hundred thousand paths, most of them opened for
+// their first bytes), and the disk answers several requests at once.
+std::vector<Listed> CheckAll(const std::vector<std::string>& paths) {
+  std::vector<Listed> checked(paths.size());
+  std::atomic<std::size_t> next{0};
+  auto work = [&] {
+    ResolvedDirectories directories;
+    for (std::size_t i = next++; i < paths.size(); i = next++) {
+      checked[i] = Check(paths[i], &directories);
+    }
+  };
+  std::vector<std::thread> workers;
+  for (int i = 0; i < kCheckers - 1; ++i) workers.emplace_back(work);
+  work();
+  for (auto& worker : workers) worker.join();
+  return checked;
+}
+
 }  // namespace
 
 bool IsLoadable(const std::string& path) {
@@ -127,43 +216,51 @@ PackageFiles ReadPackageFiles(const std::string& admin_dir,
 
   PackageFiles result;
   std::vector<std::string> problems;
+  // Every listed path first, in list order, with its package.
+  std::vector<std::string> paths;
+  std::vector<std::size_t> package_of;
   const std::string info_dir = dir + "info/";
-  for (const auto& package : packages) {
+  for (std::size_t i = 0; i < packages.size(); ++i) {
     std::ifstream list;
-    if (!OpenList(info_dir, package, &list)) {
-      problems.push_back("no file list for package " + package.name);
+    if (!OpenList(info_dir, packages[i], &list)) {
+      problems.push_back("no file list for package " + packages[i].name);
       continue;
     }
     ++result.packages;
-    bool contributed = false;
     std::string path;
     while (std::getline(list, path)) {
       if (path.empty() || path[0] != '/') continue;
-      struct stat link_status;
-      if (::lstat(path.c_str(), &link_status) != 0) {
+      paths.push_back(path);
+      package_of.push_back(i);
+    }
+  }
+
+  const std::vector<Listed> checked = CheckAll(paths);
+
+  std::vector<bool> contributed(packages.size(), false);
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    switch (checked[i].kind) {
+      case Listed::kVanished:
         ++result.vanished;
-        continue;
-      }
-      char resolved[PATH_MAX];
-      if (::realpath(path.c_str(), resolved) == nullptr) {
-        if (S_ISLNK(link_status.st_mode) && skip_dangling) {
-          result.dangling.push_back(path);
-        } else if (S_ISLNK(link_status.st_mode)) {
-          problems.push_back(path + " (package " + package.name +
+        break;
+      case Listed::kDangling:
+        if (skip_dangling) {
+          result.dangling.push_back(paths[i]);
+        } else {
+          problems.push_back(paths[i] + " (package " +
+                             packages[package_of[i]].name +
                              ") is a dangling link");
         }
-        continue;
-      }
-      struct stat file_status;
-      if (::stat(resolved, &file_status) != 0 ||
-          !S_ISREG(file_status.st_mode) || !IsLoadable(resolved)) {
-        continue;
-      }
-      result.files.insert(resolved);
-      contributed = true;
+        break;
+      case Listed::kLoadable:
+        result.files.insert(checked[i].resolved);
+        contributed[package_of[i]] = true;
+        break;
+      case Listed::kOther:
+        break;
     }
-    if (contributed) ++result.contributing_packages;
   }
+  for (bool gave : contributed) result.contributing_packages += gave ? 1 : 0;
   if (!problems.empty()) {
     throw ToolError(Exit::kResourceMissing,
                     WithObjects("the package database is incomplete", problems),
