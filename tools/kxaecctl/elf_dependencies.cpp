@@ -304,9 +304,9 @@ const std::vector<std::string>& SystemDirs() {
   return dirs;
 }
 
-std::optional<std::string> Resolve(const std::string& name,
-                                   const std::string& object,
-                                   const ElfInfo& info) {
+std::optional<std::string> Search(const std::string& name,
+                                  const std::string& object,
+                                  const ElfInfo& info) {
   std::vector<std::string> search;
   const std::string origin = DirName(object);
   // The loader ignores DT_RPATH when DT_RUNPATH is present.
@@ -324,6 +324,36 @@ std::optional<std::string> Resolve(const std::string& name,
     }
   }
   return std::nullopt;
+}
+
+// Search, remembered for the same name, search path, origin and object
+// kind: every program asks for the same libc through the same directories.
+std::optional<std::string> Resolve(const std::string& name,
+                                   const std::string& object,
+                                   const ElfInfo& info) {
+  static std::mutex mutex;
+  static std::unordered_map<std::string, std::optional<std::string>> known;
+  std::string key = name;
+  key.push_back('\0');
+  key.push_back(static_cast<char>(info.elf_class));
+  key.append(std::to_string(info.machine)).push_back('\0');
+  const auto& dirs = info.runpath.empty() ? info.rpath : info.runpath;
+  bool needs_origin = false;
+  for (const auto& dir : dirs) {
+    key.append(dir).push_back('\0');
+    needs_origin = needs_origin || dir.find("$ORIGIN") != std::string::npos ||
+                   dir.find("${ORIGIN}") != std::string::npos;
+  }
+  if (needs_origin) key.append(DirName(object));
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto found = known.find(key);
+    if (found != known.end()) return found->second;
+  }
+  std::optional<std::string> result = Search(name, object, info);
+  std::lock_guard<std::mutex> lock(mutex);
+  known.emplace(std::move(key), result);
+  return result;
 }
 
 // The interpreter named on a script's "#!" line, if any.
