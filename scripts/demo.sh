@@ -55,9 +55,10 @@ sqlite3 "$root/var/log/audit_logs.db" <<SQL
 CREATE TABLE logs (id INTEGER PRIMARY KEY, event_id INTEGER, date_time INTEGER,
   app TEXT, object_name TEXT, username TEXT, groupname TEXT, success INTEGER);
 INSERT INTO logs (event_id, date_time, app, object_name, username, groupname, success) VALUES
-  (1050, $now - 300, '/usr/bin/make', NULL, 'root', 'root', 1),
+  (1050, $now - 300, '/usr/bin/make', '"/usr/bin/make";', 'root', 'root', 1),
   (1052, $now - 299, '/usr/bin/make', '"/usr/lib/x86_64-linux-gnu/libc.so.6";', 'root', 'root', 1),
-  (1051, $now - 200, '/tmp/dropper', NULL, 'daemon', 'daemon', 0),
+  (1051, $now - 200, '/tmp/dropper', '"/tmp/dropper";', 'daemon', 'daemon', 0),
+  (1051, $now - 150, '/usr/bin/od', '"/usr/bin/od";', 'root', 'root', 0),
   (1053, $now - 199, '/usr/bin/make', '"/tmp/libevil.so";', 'root', 'root', 0),
   (1055, $now - 100, '/usr/bin/make', '"/etc/shadow";', 'root', 'root', 0);
 SQL
