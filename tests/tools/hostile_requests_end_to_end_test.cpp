@@ -22,12 +22,10 @@ using toolstest::RulePath;
 const std::string kExportArea = "/opt/korvex/var/export/";
 const std::string kConfirmState = "/opt/korvex/var/aec_confirm";
 
-class HostileRequestsTest : public toolstest::ToolsTest {
+class HostileRequestsTest : public toolstest::TwoResourcesTest {
  protected:
   void SetUp() override {
-    ToolsTest::SetUp();
-    a_ = toolstest::Resource("a");
-    b_ = toolstest::Resource("b");
+    TwoResourcesTest::SetUp();
     kxtest::WriteFile(kExportArea + ".keep", "");
     Seal();
   }
@@ -58,7 +56,6 @@ class HostileRequestsTest : public toolstest::ToolsTest {
                 "\"/>");
   }
 
-  std::string a_, b_;
 };
 
 bool IsFifo(const std::string& path) {

@@ -13,16 +13,7 @@ using toolstest::RuleJson;
 using toolstest::RulePath;
 using Lines = std::vector<std::string>;
 
-class KxaecctlAddTest : public toolstest::ToolsTest {
- protected:
-  void SetUp() override {
-    ToolsTest::SetUp();
-    a_ = toolstest::Resource("a");
-    b_ = toolstest::Resource("b");
-    Seal();
-  }
-  std::string a_, b_;
-};
+class KxaecctlAddTest : public toolstest::SealedTwoResourcesTest {};
 
 }  // namespace
 

@@ -13,19 +13,16 @@ using toolstest::RulePath;
 using Lines = std::vector<std::string>;
 using Names = std::set<std::string>;
 
-class KxaecctlEditTest : public toolstest::ToolsTest {
+class KxaecctlEditTest : public toolstest::TwoResourcesTest {
  protected:
   void SetUp() override {
-    ToolsTest::SetUp();
-    a_ = toolstest::Resource("a");
-    b_ = toolstest::Resource("b");
+    TwoResourcesTest::SetUp();
     kxtest::WriteFile(RulePath("r1"), RuleJson("r1", false, false, false, true,
                                                {"bin", "root"}, {"adm"}, {a_}));
     kxtest::WriteFile(RulePath("sys"),
                       RuleJson("sys", false, false, true, true, {}, {}, {a_}));
     Seal();
   }
-  std::string a_, b_;
 };
 
 }  // namespace

@@ -15,12 +15,10 @@ const std::string kHeader =
     "# Written by kxaecctl; docs/tools.md describes it. Do not edit.\n"
     "format\t1\n";
 
-class KxaecctlLoadTest : public toolstest::ToolsTest {
+class KxaecctlLoadTest : public toolstest::TwoResourcesTest {
  protected:
   void SetUp() override {
-    ToolsTest::SetUp();
-    a_ = toolstest::Resource("a");
-    b_ = toolstest::Resource("b");
+    TwoResourcesTest::SetUp();
     kxtest::WriteFile(RulePath("r1"), RuleJson("r1", false, true, false, true,
                                                {"root"}, {"adm"}, {b_, a_}));
     kxtest::WriteFile(RulePath("r0"),
@@ -39,7 +37,6 @@ class KxaecctlLoadTest : public toolstest::ToolsTest {
            "whitelist-user\t2\tbin\n" + "whitelist-group\t0\troot\n" +
            "exception\t/kx/not/here\n" + "exception\t" + a_ + "\n";
   }
-  std::string a_, b_;
 };
 
 }  // namespace

@@ -12,12 +12,10 @@ using toolstest::RulePath;
 using Lines = std::vector<std::string>;
 using Names = std::set<std::string>;
 
-class KxaecctlRmTest : public toolstest::ToolsTest {
+class KxaecctlRmTest : public toolstest::TwoResourcesTest {
  protected:
   void SetUp() override {
-    ToolsTest::SetUp();
-    a_ = toolstest::Resource("a");
-    b_ = toolstest::Resource("b");
+    TwoResourcesTest::SetUp();
     kxtest::WriteFile(RulePath("r1"),
                       RuleJson("r1", false, false, false, true, {"bin", "root"},
                                {"adm"}, {a_, b_}));
@@ -29,7 +27,6 @@ class KxaecctlRmTest : public toolstest::ToolsTest {
                       toolstest::WhitelistJson({"root", "daemon"}, {"adm"}));
     Seal();
   }
-  std::string a_, b_;
 };
 
 }  // namespace

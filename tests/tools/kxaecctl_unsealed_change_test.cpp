@@ -15,15 +15,8 @@ using toolstest::RulePath;
 
 const std::string kRecord = "/opt/korvex/var/lib/aec/kxaecctl.unsealed";
 
-class KxaecctlUnsealedChangeTest : public toolstest::ToolsTest {
+class KxaecctlUnsealedChangeTest : public toolstest::SealedTwoResourcesTest {
  protected:
-  void SetUp() override {
-    ToolsTest::SetUp();
-    a_ = toolstest::Resource("a");
-    b_ = toolstest::Resource("b");
-    Seal();
-  }
-
   // kxaecctl with the seal's rename failing on a full disk.
   toolstest::ToolRun CtlWithoutSeal(const std::vector<std::string>& args) {
     std::string asan = "verify_asan_link_order=0";
@@ -42,8 +35,6 @@ class KxaecctlUnsealedChangeTest : public toolstest::ToolsTest {
     return Aide({"-k", "-c", toolstest::kCrcList, "-d", toolstest::kCrcDb})
         .exit_code;
   }
-
-  std::string a_, b_;
 };
 
 }  // namespace
@@ -97,9 +88,9 @@ TEST_F(KxaecctlUnsealedChangeTest, AChangeBehindTheToolsBackIsStillAViolation) {
   ASSERT_EQ(Ctl({"reload"}).exit_code, 0);
   ASSERT_EQ(CtlWithoutSeal({"add", "-C", "-v", "-n", "r3", "-r", a_}).exit_code,
             0);
-  kxtest::WriteFile(RulePath("r3"),
-                    toolstest::RuleJson("r3", true, false, false, true, {}, {},
-                                        {a_, b_}));
+  kxtest::WriteFile(
+      RulePath("r3"),
+      toolstest::RuleJson("r3", true, false, false, true, {}, {}, {a_, b_}));
   next = Ctl({"add", "-C", "-v", "-n", "r2", "-r", b_});
   EXPECT_EQ(next.exit_code, KxAecCtl::kIntegrityDbUpdate) << next.err;
   EXPECT_EQ(next.OutLines(), std::vector<std::string>{RulePath("r3")});

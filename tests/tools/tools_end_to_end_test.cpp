@@ -20,17 +20,8 @@ const std::string kEventsFile = "/opt/korvex/var/log/kxhost-events.log";
 const std::string kWarning =
     "/opt/korvex/var/tmp/pam_messages/aec_confirm_warning";
 
-class ToolsEndToEndTest : public toolstest::ToolsTest {
+class ToolsEndToEndTest : public toolstest::SealedTwoResourcesTest {
  protected:
-  void SetUp() override {
-    ToolsTest::SetUp();
-    a_ = toolstest::Resource("a");
-    b_ = toolstest::Resource("b");
-    // What a fresh installation does once: load and seal the (empty)
-    // configuration.
-    Seal();
-  }
-
   // Runs one request under kxhost; the reply's tree.
   pt::ptree Exec(const std::string& request) {
     const auto run = kxtest::RunKxhost(
@@ -62,7 +53,6 @@ class ToolsEndToEndTest : public toolstest::ToolsTest {
                .exit_code == 0;
   }
 
-  std::string a_, b_;
 };
 
 std::vector<std::string> Values(const pt::ptree& node, const std::string& key) {

@@ -71,4 +71,26 @@ class ToolsTest : public kxtest::SandboxTest {
   void Seal();
 };
 
+// ToolsTest with two real programs, a_ and b_, to name as resources: where
+// most tool tests start.
+class TwoResourcesTest : public ToolsTest {
+ protected:
+  void SetUp() override {
+    ToolsTest::SetUp();
+    a_ = Resource("a");
+    b_ = Resource("b");
+  }
+  std::string a_, b_;
+};
+
+// TwoResourcesTest with the (empty) configuration loaded and sealed, as a
+// fresh installation has it.
+class SealedTwoResourcesTest : public TwoResourcesTest {
+ protected:
+  void SetUp() override {
+    TwoResourcesTest::SetUp();
+    Seal();
+  }
+};
+
 }  // namespace toolstest
