@@ -5,13 +5,16 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "common/console_config.h"
 #include "common/frame.h"
 #include "host/ixml.h"
 #include "lib/xml_document.h"
@@ -40,6 +43,11 @@ const char kUsage[] =
     "  info | state           the plug-in's identity / the service's state\n"
     "  watch [--count N]      subscribe and print every notification as it\n"
     "                         comes (N: stop after N of them)\n"
+    "  console-login [--config FILE]\n"
+    "                         print a one-time link that opens a session of\n"
+    "                         the web console (kxconsole); FILE is the\n"
+    "                         console's configuration (default\n"
+    "                         etc/kxconsole.conf of the root)\n"
     "\n"
     "  --socket PATH  the service socket (default\n"
     "                 /opt/korvex/var/run/kxserv.sock)\n"
@@ -166,6 +174,49 @@ void PrintReply(const std::string& reply) {
   std::cout.flush();
 }
 
+// Asks the service for a login token and prints the link to the console.
+// The configuration is read first so that a broken one costs no token.
+int ConsoleLogin(int fd, const std::vector<std::string>& words,
+                 const std::string& root, int timeout_ms) {
+  std::string config_path = kxserv::ConsoleConfigPath(root);
+  if (words.size() == 3 && words[1] == "--config") {
+    config_path = words[2];
+  } else if (words.size() != 1) {
+    throw Usage{"console-login takes only --config FILE"};
+  }
+  kxserv::ConsoleConfig config;
+  try {
+    config = kxserv::ReadConsoleConfig(config_path);
+  } catch (const kxserv::ConfigError& e) {
+    throw Usage{e.what()};
+  }
+  kxserv::SendFrame(fd, Print(ServiceRequest("console-login"), "kxserv"));
+  const std::string reply = kxserv::ReadFrame(fd, timeout_ms);
+  boost::shared_ptr<kxhost::XmlDocument> document;
+  try {
+    document = kxhost::ParseXml(reply);
+  } catch (const std::runtime_error&) {
+  }
+  std::unique_ptr<char[]> token(document ? document->GetParam("token")
+                                         : nullptr);
+  if (!Succeeded(reply) || !token || !*token.get()) {
+    PrintReply(reply);
+    return kExitFailed;
+  }
+  std::unique_ptr<char[]> expires(document->GetParam("expires"));
+  std::cout << kxserv::ConsoleLoginUrl(config, token.get()) << '\n';
+  std::cout.flush();
+  if (expires) {
+    const std::time_t until = std::strtoll(expires.get(), nullptr, 10);
+    char when[64];
+    std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S %Z",
+                  std::localtime(&until));
+    std::fprintf(stderr, "kxctl: the link opens one session, once, until %s\n",
+                 when);
+  }
+  return 0;
+}
+
 int Watch(int fd, const std::vector<std::string>& words) {
   long count = -1;
   if (words.size() == 3 && words[1] == "--count") {
@@ -191,7 +242,8 @@ int Watch(int fd, const std::vector<std::string>& words) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string socket_path = kxserv::SocketPath("/opt/korvex");
+  std::string root = "/opt/korvex";
+  std::string socket_path = kxserv::SocketPath(root);
   int timeout_ms = -1;
   std::vector<std::string> words;
   try {
@@ -207,7 +259,8 @@ int main(int argc, char** argv) {
       if (arg == "--socket") {
         socket_path = argv[++i];
       } else if (arg == "--root") {
-        socket_path = kxserv::SocketPath(argv[++i]);
+        root = argv[++i];
+        socket_path = kxserv::SocketPath(root);
       } else if (arg == "--timeout") {
         timeout_ms = std::atoi(argv[++i]);
         if (timeout_ms <= 0) throw Usage{"--timeout needs a positive number"};
@@ -218,10 +271,15 @@ int main(int argc, char** argv) {
     words.assign(argv + i, argv + argc);
     if (words.empty()) throw Usage{"no command (see --help)"};
 
+    const bool own_dialogue =
+        words[0] == "watch" || words[0] == "console-login";
     const std::string request =
-        words[0] == "watch" ? std::string() : BuildRequest(words);
+        own_dialogue ? std::string() : BuildRequest(words);
     const int fd = kxserv::ConnectTo(socket_path);
     if (words[0] == "watch") return Watch(fd, words);
+    if (words[0] == "console-login") {
+      return ConsoleLogin(fd, words, root, timeout_ms);
+    }
     // A service that refuses this peer answers before reading the request;
     // its reply is still there to read when sending fails.
     std::string send_error;

@@ -5,8 +5,9 @@
 // configuration), so a typo never silently loosens access.
 #pragma once
 
-#include <stdexcept>
 #include <string>
+
+#include "common/key_value_file.h"
 
 namespace kxserv {
 
@@ -27,11 +28,8 @@ struct Config {
   int max_clients = 256;
   // Where logged-in users are listed for notices.
   std::string utmp_file = "/var/run/utmp";
-};
-
-class ConfigError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
+  // How long a one-time console login link (console-login) stays valid.
+  int console_login_seconds = 300;
 };
 
 // Reads `path` over the defaults. Throws ConfigError naming the line.

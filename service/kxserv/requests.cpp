@@ -1,6 +1,7 @@
 #include "requests.h"
 
 #include <boost/property_tree/json_parser.hpp>
+#include <ctime>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "aec_paths.h"
+#include "console_login.h"
 #include "host/ixml.h"
 #include "host/policy_manager.h"
 #include "tool_run.h"
@@ -205,6 +207,38 @@ std::string Simulate(kxhost::XmlDocument& request) {
   return ToolReply(argv, {0, 26});
 }
 
+std::string ConsoleLogin(const ServiceContext& context) {
+  std::string token;
+  const std::time_t now = std::time(nullptr);
+  try {
+    token = context.logins->Issue(now, context.console_login_seconds);
+  } catch (const std::system_error& e) {
+    return ErrorReply("login_failed",
+                      std::string("no login token can be made: ") + e.what());
+  }
+  auto reply = NewDocument();
+  reply->AddValue("result", "1", false);
+  reply->AddValue("token", token, false);
+  reply->AddValue("expires",
+                  std::to_string(now + context.console_login_seconds), false);
+  return Print(reply);
+}
+
+std::string ConsoleRedeem(kxhost::XmlDocument& request,
+                          const ServiceContext& context) {
+  const std::string token = Attribute(request, "token");
+  if (token.empty()) {
+    return ErrorReply("bad_request", "console-redeem needs a token attribute");
+  }
+  if (!context.logins->Redeem(token, std::time(nullptr))) {
+    return ErrorReply("bad_token",
+                      "the login token is unknown, used already or expired");
+  }
+  auto reply = NewDocument();
+  reply->AddValue("result", "1", false);
+  return Print(reply);
+}
+
 }  // namespace
 
 bool IsServiceRequest(const kxhost::XmlDocument& document) {
@@ -252,8 +286,9 @@ std::string RunPluginRequest(
 
 std::string RunServiceRequest(const kxhost::PluginEntryPoints& plugin,
                               kxhost::XmlDocument& request,
-                              const ServiceStatus& status) {
+                              const ServiceContext& context) {
   const std::string command = ServiceCommand(request);
+  const ServiceStatus& status = context.status;
   if (command == "policies") return Policies(plugin);
   if (command == "set-policies") return SetPoliciesRequest(plugin, request);
   if (command == "import-policies") {
@@ -263,6 +298,10 @@ std::string RunServiceRequest(const kxhost::PluginEntryPoints& plugin,
   if (command == "state") return State(plugin, status);
   if (command == "propose") return Propose(request);
   if (command == "simulate") return Simulate(request);
+  if (context.logins != nullptr) {
+    if (command == "console-login") return ConsoleLogin(context);
+    if (command == "console-redeem") return ConsoleRedeem(request, context);
+  }
   return ErrorReply("unknown_command",
                     "unknown service command '" + command + "'");
 }

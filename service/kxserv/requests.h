@@ -26,6 +26,16 @@ struct ServiceStatus {
   std::string block_reason;
 };
 
+class ConsoleLogins;
+
+// What a service request may use besides the plug-in. `logins` is touched
+// on the worker thread only.
+struct ServiceContext {
+  ServiceStatus status;
+  ConsoleLogins* logins = nullptr;
+  int console_login_seconds = 300;
+};
+
 bool IsServiceRequest(const kxhost::XmlDocument& document);
 // The command of a service request ("" when missing).
 std::string ServiceCommand(kxhost::XmlDocument& document);
@@ -47,11 +57,12 @@ std::string RunPluginRequest(
 // the request running on this thread.
 void NoteSentReply(std::string text);
 
-// policies, set-policies, import-policies, info, state. (subscribe never
-// reaches the worker.) Unknown commands get an "unknown_command" error.
+// policies, set-policies, import-policies, info, state, propose, simulate,
+// console-login, console-redeem. (subscribe never reaches the worker.)
+// Unknown commands get an "unknown_command" error.
 std::string RunServiceRequest(const kxhost::PluginEntryPoints& plugin,
                               kxhost::XmlDocument& request,
-                              const ServiceStatus& status);
+                              const ServiceContext& context);
 
 // Policy documents as the spool and the socket hand them over. Each returns
 // the entry point's verdict and fills `why` with a one-line reason when it

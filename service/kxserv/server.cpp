@@ -342,13 +342,15 @@ void Server::Dispatch(std::uint64_t id, Client& client,
   // Only `state` shows it; gathering it costs a file read.
   const ServiceStatus status =
       IsServiceRequest(*document) ? Status() : ServiceStatus();
-  worker_->Post([this, id, document, status] {
+  ServiceContext context{status, &console_logins_,
+                         config_.console_login_seconds};
+  worker_->Post([this, id, document, context] {
     std::string reply;
     // The plug-in may let exceptions through; one request fails, the
     // service goes on.
     try {
       reply = IsServiceRequest(*document)
-                  ? RunServiceRequest(plugin_, *document, status)
+                  ? RunServiceRequest(plugin_, *document, context)
                   : RunPluginRequest(plugin_, document);
     } catch (const std::exception& e) {
       Log(LOG_ERR, std::string("the plug-in threw: ") + e.what());

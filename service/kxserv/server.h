@@ -19,6 +19,7 @@
 #include <string>
 
 #include "config.h"
+#include "console_login.h"
 #include "lib/plugin_loader.h"
 #include "requests.h"
 #include "worker.h"
@@ -57,7 +58,7 @@ class Server {
     std::size_t out_done = 0;  // bytes of `out` already written
     bool busy = false;         // a request of it is on the worker
     bool subscribed = false;
-    bool closing = false;           // close once `out` is written
+    bool closing = false;  // close once `out` is written
     // `out` is written and our side shut down: what the peer still sends
     // is read and dropped until it closes, so that closing never resets
     // the connection under a reply the peer has not read yet.
@@ -107,6 +108,8 @@ class Server {
   std::uint64_t requests_ = 0;
   std::uint64_t refused_ = 0;
   std::map<std::uint64_t, Client> clients_;
+  // Used by service requests on the worker thread only.
+  ConsoleLogins console_logins_;
 
   std::mutex mutex_;  // guards the two queues below
   std::deque<Completion> completions_;
