@@ -3,7 +3,10 @@
 
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/json_parser.hpp>
+#include <random>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "host/errors.h"
 #include "kxtest.h"
@@ -406,4 +409,55 @@ TEST_F(AecRuleTest, AFileThatTurnsMalformedAfterAGoodReadIsRefused) {
   EXPECT_EQ(ThrownMessage([&] { AecRule rule(Path("r.conf")); }),
             std::string(error::kInvalidConfig));
   EXPECT_TRUE(log_.Contains("failed to parse AEC config"));
+}
+
+namespace {
+
+// Random UTF-8 text over every ASCII byte but NUL (the escapes live there)
+// and some two-, three- and four-byte characters.
+std::string RandomText(std::mt19937* random, bool name) {
+  static const char* const kWide[] = {"\xc3\xa8", "\xe2\x82\xac",
+                                      "\xf0\x9f\x94\x92", "\xd0\xb0"};
+  std::uniform_int_distribution<int> length(1, 12), byte(1, 127),
+      pick(0, 9), wide(0, 3);
+  std::string text;
+  for (int n = length(*random); n > 0; --n) {
+    if (pick(*random) == 0) {
+      text += kWide[wide(*random)];
+      continue;
+    }
+    char c = static_cast<char>(byte(*random));
+    if (name && (c == '/' || c == '.')) c = '_';
+    text += c;
+  }
+  return text;
+}
+
+std::vector<std::string> RandomList(std::mt19937* random) {
+  std::uniform_int_distribution<int> count(0, 4);
+  std::set<std::string> items;
+  for (int n = count(*random); n > 0; --n) {
+    items.insert(RandomText(random, false));
+  }
+  return {items.begin(), items.end()};
+}
+
+}  // namespace
+
+TEST_F(AecRuleTest, ToJsonWritesWhatBoostsPrettyWriterWrites) {
+  std::mt19937 random(20261124);
+  std::bernoulli_distribution coin;
+  for (int i = 0; i < 5000; ++i) {
+    RuleSpec spec{RandomText(&random, true)};
+    spec.all_allowed = coin(random);
+    spec.extended = coin(random);
+    spec.system = coin(random);
+    spec.enable = coin(random);
+    spec.users = RandomList(&random);
+    spec.groups = RandomList(&random);
+    spec.resources = RandomList(&random);
+    // RuleJson lays the tree out with Boost's writer.
+    ASSERT_EQ(AecRule(RuleTree(spec)).ToJson(), RuleJson(spec))
+        << "rule " << i;
+  }
 }
