@@ -36,6 +36,10 @@ struct ElfInfo {
   std::vector<std::string> runpath;
 };
 
+// An ELF file read through its first 4 KiB: the identification, the file
+// header, the program headers and the interpreter's name are there in
+// practice, and often the dynamic string table too; one read serves them
+// all. Anything beyond is read where it lies.
 class File {
  public:
   explicit File(const std::string& path)
@@ -46,14 +50,29 @@ class File {
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
-  bool IsRegular() const {
+  // Also reads the head; false for anything but a readable regular file.
+  bool OpenRegular() {
     struct stat info;
-    return fd_ >= 0 && ::fstat(fd_, &info) == 0 && S_ISREG(info.st_mode);
+    if (fd_ < 0 || ::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) {
+      return false;
+    }
+    for (;;) {
+      const ssize_t got = ::pread(fd_, head_, sizeof head_, 0);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) return false;
+      // A short read at the end of the file is the whole file.
+      head_size_ = static_cast<std::size_t>(got);
+      return true;
+    }
   }
 
   // Exactly `size` bytes at `offset`, or false.
   bool Read(std::uint64_t offset, std::size_t size, void* out) const {
     if (size > kMaxTableBytes) return false;
+    if (offset <= head_size_ && size <= head_size_ - offset) {
+      std::memcpy(out, head_ + offset, size);
+      return true;
+    }
     auto* bytes = static_cast<char*>(out);
     std::size_t done = 0;
     while (done < size) {
@@ -68,6 +87,8 @@ class File {
 
  private:
   int fd_;
+  char head_[4096];
+  std::size_t head_size_ = 0;
 };
 
 std::vector<std::string> SplitPath(const std::string& text) {
@@ -182,7 +203,7 @@ bool ParseElf(const File& file, ElfInfo* info) {
 // order.
 bool ReadElfFile(const std::string& path, ElfInfo* info) {
   File file(path);
-  if (!file.IsRegular()) return false;
+  if (!file.OpenRegular()) return false;
   unsigned char ident[EI_NIDENT];
   if (!file.Read(0, sizeof ident, ident) ||
       std::memcmp(ident, ELFMAG, SELFMAG) != 0) {
@@ -217,8 +238,9 @@ bool ReadElf(const std::string& path, ElfInfo* info) {
   if (found == known.end()) {
     ElfInfo read;
     const bool elf = ReadElfFile(path, &read);
-    found = known.emplace(path, elf ? std::optional<ElfInfo>(std::move(read))
-                                    : std::nullopt)
+    found = known
+                .emplace(path, elf ? std::optional<ElfInfo>(std::move(read))
+                                   : std::nullopt)
                 .first;
   }
   if (!found->second) return false;
@@ -226,20 +248,44 @@ bool ReadElf(const std::string& path, ElfInfo* info) {
   return true;
 }
 
-// realpath, remembered by path like ReadElf: it reads every link on the
-// way, and the same libraries are reached from every program.
+// realpath, remembered by path like ReadElf. The same libraries are reached
+// from every program, and thousands of files share a few directories, so a
+// directory is resolved once (realpath reads every link on the way) and a
+// file then costs one lstat: unless it is a link itself, it is its
+// directory's real path and its own name.
 std::optional<std::string> Canonical(const std::string& path) {
   static std::mutex mutex;
   static std::unordered_map<std::string, std::optional<std::string>> known;
+  static std::unordered_map<std::string, std::optional<std::string>> dirs;
   std::lock_guard<std::mutex> lock(mutex);
   auto found = known.find(path);
-  if (found == known.end()) {
-    char resolved[PATH_MAX];
-    std::optional<std::string> canonical;
-    if (::realpath(path.c_str(), resolved) != nullptr) canonical = resolved;
-    found = known.emplace(path, std::move(canonical)).first;
+  if (found != known.end()) return found->second;
+  std::optional<std::string> canonical;
+  const auto slash = path.find_last_of('/');
+  const std::string leaf =
+      slash == std::string::npos ? path : path.substr(slash + 1);
+  struct stat info;
+  if (slash != std::string::npos && slash != 0 && leaf != "." && leaf != ".." &&
+      !leaf.empty() && ::lstat(path.c_str(), &info) == 0 &&
+      !S_ISLNK(info.st_mode)) {
+    const std::string dir = path.substr(0, slash);
+    auto resolved = dirs.find(dir);
+    if (resolved == dirs.end()) {
+      char buffer[PATH_MAX];
+      resolved = dirs.emplace(dir, ::realpath(dir.c_str(), buffer) != nullptr
+                                       ? std::optional<std::string>(buffer)
+                                       : std::nullopt)
+                     .first;
+    }
+    if (resolved->second) {
+      canonical = *resolved->second == "/" ? "/" + leaf
+                                           : *resolved->second + "/" + leaf;
+    }
+  } else {
+    char buffer[PATH_MAX];
+    if (::realpath(path.c_str(), buffer) != nullptr) canonical = buffer;
   }
-  return found->second;
+  return known.emplace(path, std::move(canonical)).first->second;
 }
 
 std::string DirName(const std::string& path) {
@@ -359,7 +405,7 @@ std::optional<std::string> Resolve(const std::string& name,
 // The interpreter named on a script's "#!" line, if any.
 std::optional<std::string> ScriptInterpreter(const std::string& path) {
   File file(path);
-  if (!file.IsRegular()) return std::nullopt;
+  if (!file.OpenRegular()) return std::nullopt;
   char head[256] = {};
   std::size_t got = 0;
   while (got < sizeof head - 1 && file.Read(got, 1, head + got)) {

@@ -2,12 +2,14 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
 
 #include <exception>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
+#include <unordered_map>
 
 #include "accounts.h"
 #include "commands.h"
@@ -40,6 +42,8 @@ constexpr const char* kHelp =
     "  --journal FILE  the journal (default "
     "/opt/korvex/var/log/audit_logs.db)\n"
     "  --apply         add the proposed rules (as kxaecctl add does)\n";
+
+enum class PathKind { kMissing, kFile, kDirectory };
 
 struct Observed {
   std::set<std::string> resources;  // the program and its denied libraries
@@ -192,12 +196,27 @@ std::vector<Proposal> Propose(const LongOptions& options,
         << " journal rows without a program, object or user were skipped\n";
   }
 
+  // What each path of the journal is, looked at once: programs share their
+  // libraries, and every proposal lists its program's.
+  std::unordered_map<std::string, PathKind> kinds;
+  const auto kind_of = [&kinds](const std::string& path) {
+    auto found = kinds.find(path);
+    if (found == kinds.end()) {
+      struct stat info;
+      PathKind kind = PathKind::kMissing;
+      if (::stat(path.c_str(), &info) == 0) {
+        kind = S_ISDIR(info.st_mode) ? PathKind::kDirectory : PathKind::kFile;
+      }
+      found = kinds.emplace(path, kind).first;
+    }
+    return found->second;
+  };
   const std::vector<RuleView> enabled_rules = EnabledRules(config);
   AccountCache accounts;
   std::vector<Proposal> proposals;
   std::map<std::string, int> names_taken;
   for (const auto& [program, observed] : programs) {
-    if (!ResourceExists(program)) {
+    if (kind_of(program) == PathKind::kMissing) {
       err << "kxaecctl: propose: " << program
           << " no longer exists; nothing proposed for it\n";
       continue;
@@ -216,8 +235,11 @@ std::vector<Proposal> Propose(const LongOptions& options,
     if (users.empty()) continue;
     Proposal proposal;
     proposal.program = program;
+    bool all_files = true;
     for (const auto& resource : observed.resources) {
-      if (ResourceExists(resource)) proposal.resources.push_back(resource);
+      const PathKind kind = kind_of(resource);
+      if (kind != PathKind::kMissing) proposal.resources.push_back(resource);
+      all_files = all_files && kind != PathKind::kDirectory;
     }
     if (filter.group) {
       proposal.groups = {*filter.group};
@@ -240,6 +262,7 @@ std::vector<Proposal> Propose(const LongOptions& options,
     ResourceRequest request;
     request.paths = proposal.resources;
     request.dependencies = true;
+    request.checked_files = all_files;
     const std::set<std::string> resources = CollectResources(request);
     const AecRule* existing = config.FindRule(name);
     RuleEdit edit = existing ? RuleEdit(*existing) : RuleEdit::New(name);

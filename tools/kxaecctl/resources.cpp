@@ -93,7 +93,7 @@ std::set<std::string> CollectResources(const ResourceRequest& request) {
       throw ToolError(Exit::kInvalidArgument,
                       "not an absolute path: '" + path + "'");
     }
-    if (!ResourceExists(path) &&
+    if (!request.checked_files && !ResourceExists(path) &&
         std::find(missing.begin(), missing.end(), path) == missing.end()) {
       missing.push_back(path);
     }
@@ -105,7 +105,7 @@ std::set<std::string> CollectResources(const ResourceRequest& request) {
 
   std::set<std::string> resources;
   for (const auto& path : paths) {
-    if (IsDirectory(path)) {
+    if (!request.checked_files && IsDirectory(path)) {
       AddDirectory(path, request.recursive, &resources);
     } else {
       resources.insert(path);

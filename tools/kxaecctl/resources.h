@@ -14,6 +14,10 @@ struct ResourceRequest {
   std::optional<std::string> list_file;  // -f: one path per line
   bool recursive = false;                // -R
   bool dependencies = false;             // add what programs load (not -d)
+  // The caller has found every path to be an existing file that is not a
+  // directory (propose checks each path of a journal once for all of its
+  // proposals); they are then taken without being looked at again.
+  bool checked_files = false;
 };
 
 // The resources the request stands for:

@@ -14,15 +14,20 @@ RuleEdit::RuleEdit(const AecRule& rule) {
 
 RuleEdit RuleEdit::New(const std::string& name) {
   RuleEdit edit;
-  // The keys in the order the rule file has them.
-  edit.tree_.put(rule_key::kName, name);
-  edit.tree_.put(rule_key::kAllAllowed, "false");
-  edit.tree_.put(rule_key::kExtended, "false");
-  edit.tree_.put(rule_key::kSystem, "false");
-  edit.tree_.put(rule_key::kEnable, "true");
-  edit.tree_.add_child(rule_key::kUsers, pt::ptree());
-  edit.tree_.add_child(rule_key::kGroups, pt::ptree());
-  edit.tree_.add_child(rule_key::kResources, pt::ptree());
+  // The keys in the order the rule file has them. Values are stored as the
+  // strings they are: put() would format each through a string stream, and
+  // propose makes thousands of rules.
+  const auto add = [&edit](const char* key, const std::string& value) {
+    edit.tree_.push_back({key, pt::ptree(value)});
+  };
+  add(rule_key::kName, name);
+  add(rule_key::kAllAllowed, "false");
+  add(rule_key::kExtended, "false");
+  add(rule_key::kSystem, "false");
+  add(rule_key::kEnable, "true");
+  add(rule_key::kUsers, "");
+  add(rule_key::kGroups, "");
+  add(rule_key::kResources, "");
   return edit;
 }
 
@@ -47,7 +52,7 @@ void RuleEdit::SetName(const std::string& name) {
 }
 
 void RuleEdit::SetFlag(const char* key, bool value) {
-  tree_.get_child(key).put_value(value ? "true" : "false");
+  tree_.get_child(key).data() = value ? "true" : "false";
 }
 
 void RuleEdit::SetList(const char* key, const std::set<std::string>& items) {
