@@ -2,6 +2,8 @@
 // database (read only).
 #include "kxaecctl/dpkg_database.h"
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <filesystem>
 #include <iostream>
@@ -78,3 +80,25 @@ TEST(MachineDpkgDatabase, HoldsTheSystemsOwnProgramsAndLibraries) {
 }
 
 }  // namespace
+
+TEST(MayBeCode, AFileSomeoneMayExecuteMayBeCodeWhateverItsName) {
+  EXPECT_TRUE(aectool::MayBeCode(S_IFREG | 0755, "/usr/bin/true"));
+  EXPECT_TRUE(aectool::MayBeCode(S_IFREG | 0701, "/opt/x/run.dat"));
+  EXPECT_TRUE(aectool::MayBeCode(S_IFREG | 0610, "/opt/x/run.dat"));
+}
+
+TEST(MayBeCode, ASharedObjectNameMayBeCodeWithoutExecuteBits) {
+  EXPECT_TRUE(aectool::MayBeCode(S_IFREG | 0644, "/usr/lib/libc.so.6"));
+  EXPECT_TRUE(aectool::MayBeCode(S_IFREG | 0644, "/usr/lib/x/plugin.so"));
+  EXPECT_TRUE(aectool::MayBeCode(S_IFREG | 0644, "ld-linux-x86-64.so.2"));
+}
+
+TEST(MayBeCode, DataDebugInformationAndNearMissNamesAreNot) {
+  EXPECT_FALSE(aectool::MayBeCode(S_IFREG | 0644, "/usr/share/doc/README"));
+  EXPECT_FALSE(aectool::MayBeCode(S_IFREG | 0644,
+                                  "/usr/lib/debug/.build-id/00/ab.debug"));
+  EXPECT_FALSE(aectool::MayBeCode(S_IFREG | 0644, "/run/x.sock"));
+  EXPECT_FALSE(aectool::MayBeCode(S_IFREG | 0644, "/usr/lib/.so"));
+  EXPECT_FALSE(aectool::MayBeCode(S_IFREG | 0644, "/usr/lib.so.d/data"));
+  EXPECT_FALSE(aectool::MayBeCode(S_IFREG | 0644, "/usr/lib/tool.sources"));
+}

@@ -223,3 +223,29 @@ TEST_F(KxaecctlBaselineTest, UnknownArgumentsAreTwo) {
 }
 
 }  // namespace
+
+TEST_F(KxaecctlBaselineTest, FilesNoOneMayRunAndNotNamedAsLibrariesAreLeftOut) {
+  const std::string other = "/opt/korvex/var/tmp/dpkg-code/";
+  // The same bytes under names and modes that decide.
+  fs::copy_file(fs::canonical("/lib/x86_64-linux-gnu/libc.so.6"),
+                res_ + "debug-info.debug");
+  fs::permissions(res_ + "debug-info.debug", fs::perms::owner_read);
+  fs::copy_file(fs::canonical("/lib/x86_64-linux-gnu/libc.so.6"),
+                res_ + "plugin.so");
+  fs::permissions(res_ + "plugin.so", fs::perms::owner_read);
+  kxtest::WriteFile(res_ + "module.py", "#!/usr/bin/python3\n", 0644);
+  kxtest::WriteFile(res_ + "tool", "#!/bin/sh\n", 0744);
+  fs::create_symlink(res_ + "plugin.so", res_ + "plugin-link");
+  kxtest::WriteDpkgDatabase(
+      other, {{"mixed",
+               "install ok installed",
+               "",
+               "",
+               {res_ + "debug-info.debug", res_ + "plugin.so",
+                res_ + "module.py", res_ + "tool", res_ + "plugin-link"}}});
+  const auto run = Ctl({"baseline", "--admindir", other});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(kxtest::ReadFile(RulePath("system-base")),
+            RuleJson("system-base", true, false, true, true, {}, {},
+                     {res_ + "plugin.so", res_ + "tool"}));
+}

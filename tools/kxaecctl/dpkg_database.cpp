@@ -140,6 +140,7 @@ Listed Check(const std::string& path, ResolvedDirectories* directories) {
   // Directories are most of a list and never a resource.
   if (S_ISDIR(link_status.st_mode)) return listed;
   if (S_ISREG(link_status.st_mode)) {
+    if (!MayBeCode(link_status.st_mode, path)) return listed;
     // A file's own name is no link: only its directory needs resolving,
     // and the lists name the same few directories over and over.
     const std::optional<std::string> parent =
@@ -154,7 +155,9 @@ Listed Check(const std::string& path, ResolvedDirectories* directories) {
       return listed;
     }
     struct stat file_status;
-    if (::stat(buffer, &file_status) != 0 || !S_ISREG(file_status.st_mode)) {
+    if (::stat(buffer, &file_status) != 0 || !S_ISREG(file_status.st_mode) ||
+        !(MayBeCode(file_status.st_mode, path) ||
+          MayBeCode(file_status.st_mode, buffer))) {
       return listed;
     }
     listed.resolved = buffer;
@@ -183,6 +186,18 @@ std::vector<Listed> CheckAll(const std::vector<std::string>& paths) {
 }
 
 }  // namespace
+
+bool MayBeCode(mode_t mode, const std::string& name) {
+  if ((mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0) return true;
+  const auto slash = name.rfind('/');
+  const std::string file =
+      slash == std::string::npos ? name : name.substr(slash + 1);
+  for (auto at = file.find(".so"); at != std::string::npos;
+       at = file.find(".so", at + 1)) {
+    if (at > 0 && (at + 3 == file.size() || file[at + 3] == '.')) return true;
+  }
+  return false;
+}
 
 bool IsLoadable(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);

@@ -4,6 +4,8 @@
 // nothing an intruder dropped next to it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <set>
 #include <string>
 #include <vector>
@@ -45,5 +47,15 @@ PackageFiles ReadPackageFiles(const std::string& admin_dir,
 // True when the file at `path` (a regular file) starts with an ELF header
 // of type executable or shared object, or with "#!".
 bool IsLoadable(const std::string& path);
+
+// Whether a regular file of `mode` whose name is `name` (or that a listed
+// link named `name` points to) can be started or loaded as code at all:
+// someone may execute it, or it is named as a shared object ("NAME.so" or
+// "NAME.so.VERSION"). Only such files are opened for their header. A file
+// nobody may execute cannot be started whatever it holds, and the loader
+// and dlopen find libraries by their .so names; skipping the rest (most of
+// a package's files: data, documentation, separate debug information)
+// spares reading a block of every file with a cold cache.
+bool MayBeCode(mode_t mode, const std::string& name);
 
 }  // namespace aectool
