@@ -4,16 +4,22 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
+#include <condition_variable>
+#include <deque>
 #include <exception>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
+#include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "accounts.h"
 #include "commands.h"
 #include "configuration.h"
+#include "elf_dependencies.h"
 #include "journal_reader.h"
 #include "learning_options.h"
 #include "resources.h"
@@ -143,6 +149,67 @@ bool Covered(const std::vector<RuleView>& rules, const std::string& user,
   return true;
 }
 
+// Finds what programs and libraries load on a second thread while the
+// journal is still being read: the two take about as long, and the answers
+// are remembered (FindDependencies) for the proposals made after the scan.
+class DependencyPrefetch {
+ public:
+  DependencyPrefetch() : worker_([this] { Run(); }) {}
+  // Stops without waiting for what is still queued (the run failed).
+  ~DependencyPrefetch() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      queue_.clear();
+    }
+    Finish();
+  }
+  DependencyPrefetch(const DependencyPrefetch&) = delete;
+  DependencyPrefetch& operator=(const DependencyPrefetch&) = delete;
+
+  // Queues `path` the first time it is named.
+  void Add(const std::string& path) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!named_.insert(path).second) return;
+    queue_.push_back(path);
+    wake_.notify_one();
+  }
+
+  // Returns once everything queued is done.
+  void Finish() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    wake_.notify_one();
+    if (worker_.joinable()) worker_.join();
+  }
+
+ private:
+  void Run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [this] { return done_ || !queue_.empty(); });
+      if (queue_.empty()) return;
+      const std::string path = std::move(queue_.front());
+      queue_.pop_front();
+      lock.unlock();
+      // Only warms the cache: the proposal asks again and reports.
+      try {
+        FindDependencies(path);
+      } catch (const std::exception&) {
+      }
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<std::string> queue_;
+  std::unordered_set<std::string> named_;
+  bool done_ = false;
+  std::thread worker_;  // last: starts once the members above exist
+};
+
 bool Whitelisted(const UsersAndGroups& whitelist, const JournalRow& row) {
   for (const auto& user : whitelist.users) {
     if (user == row.username) return true;
@@ -175,6 +242,7 @@ std::vector<Proposal> Propose(const LongOptions& options,
   const std::set<std::string>& exceptions = config.Exceptions();
   std::size_t whitelisted = 0, excepted = 0;
   std::map<std::string, Observed> programs;  // sorted: deterministic output
+  DependencyPrefetch prefetch;
   const JournalScan scan =
       ScanJournal(journal, filter, [&](const JournalRow& row) {
         if (Whitelisted(config.Whitelist(), row)) {
@@ -187,10 +255,14 @@ std::vector<Proposal> Propose(const LongOptions& options,
           return;
         }
         Observed& observed = programs[row.app];
-        observed.resources.insert(row.app);
-        if (row.event_id == 1053) observed.resources.insert(row.object);
+        if (observed.resources.insert(row.app).second) prefetch.Add(row.app);
+        if (row.event_id == 1053 &&
+            observed.resources.insert(row.object).second) {
+          prefetch.Add(row.object);
+        }
         observed.users.insert(row.username);
       });
+  prefetch.Finish();
   if (scan.incomplete != 0) {
     err << "kxaecctl: propose: " << scan.incomplete
         << " journal rows without a program, object or user were skipped\n";
