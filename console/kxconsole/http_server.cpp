@@ -1,6 +1,5 @@
 #include "http_server.h"
 
-#include <boost/asio/signal_set.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -155,6 +154,7 @@ HttpServer::HttpServer(ConsoleApp* app, const kxserv::ConsoleConfig& config)
       max_body_(config.max_body),
       io_(kThreads),
       acceptor_(io_),
+      signals_(io_, SIGTERM, SIGINT),
       open_(std::make_shared<std::atomic<int>>(0)) {
   if (config.tls()) {
     tls_ = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
@@ -239,8 +239,7 @@ void HttpServer::Accept() {
 
 int HttpServer::Run() {
   int stopped_by = 0;
-  asio::signal_set signals(io_, SIGTERM, SIGINT);
-  signals.async_wait([&](beast::error_code ec, int signal) {
+  signals_.async_wait([&](beast::error_code ec, int signal) {
     if (!ec) stopped_by = signal;
     io_.stop();
   });
