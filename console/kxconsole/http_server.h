@@ -5,11 +5,11 @@
 // configured body limit (413).
 #pragma once
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/ssl/context.hpp>
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>

@@ -44,18 +44,23 @@ TEST_F(ConsoleTest, ProposalsComeFromTheToolsReportAndAcceptingOneAddsIt) {
   ASSERT_EQ(proposals.Find("proposals")->items.size(), 1u) << reply.body;
   const JsonValue& rule = proposals.Find("proposals")->items[0];
   EXPECT_EQ(rule.GetString("name"), "learned-make");
-  EXPECT_EQ(rule.GetStrings("users"), (std::vector<std::string>{"alice", "<b>"}));
+  EXPECT_EQ(rule.GetStrings("users"),
+            (std::vector<std::string>{"alice", "<b>"}));
   EXPECT_EQ(rule.GetStrings("groups"), std::vector<std::string>{});
-  EXPECT_EQ(rule.GetStrings("resources"), std::vector<std::string>{"/usr/bin/make"});
-  EXPECT_NE(rule.GetString("document").find("\"learned-make\""), std::string::npos);
+  EXPECT_EQ(rule.GetStrings("resources"),
+            std::vector<std::string>{"/usr/bin/make"});
+  EXPECT_NE(rule.GetString("document").find("\"learned-make\""),
+            std::string::npos);
 
   const HttpReply accepted = Post(
       console, session, "/api/learning/accept",
       R"({"name":"learned-make","users":["alice"],"groups":[],"resources":["/usr/bin/make"]})");
   EXPECT_EQ(accepted.status, 200) << accepted.body;
-  EXPECT_TRUE(Ran({"add", "-n", "learned-make", "-u", "alice", "-r", "/usr/bin/make"}));
+  EXPECT_TRUE(
+      Ran({"add", "-n", "learned-make", "-u", "alice", "-r", "/usr/bin/make"}));
 
-  EXPECT_EQ(Get(console, session, "/api/learning/proposals?since=soon").status, 400);
+  EXPECT_EQ(Get(console, session, "/api/learning/proposals?since=soon").status,
+            400);
 }
 
 TEST_F(ConsoleTest, WhatIfSaysWhetherHardModeWouldDeny) {
@@ -66,11 +71,13 @@ TEST_F(ConsoleTest, WhatIfSaysWhetherHardModeWouldDeny) {
   servicetest::Service service(root_.dir());
   Console console(root_.dir());
   const Session session = LogIn(console, service.socket());
-  const HttpReply reply = Get(console, session, "/api/learning/whatif?since=100");
+  const HttpReply reply =
+      Get(console, session, "/api/learning/whatif?since=100");
   ASSERT_EQ(reply.status, 200) << reply.body;
   const JsonValue whatif = ParseJson(reply.body);
   EXPECT_TRUE(whatif.GetBool("would_deny", false));
-  EXPECT_NE(whatif.GetString("report").find("alice: 3 denied"), std::string::npos);
+  EXPECT_NE(whatif.GetString("report").find("alice: 3 denied"),
+            std::string::npos);
   EXPECT_TRUE(Ran({"simulate", "--mode", "hard", "--since", "100"}));
 }
 
