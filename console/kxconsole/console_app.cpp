@@ -100,32 +100,6 @@ bool ParseQuery(const std::string& text,
   return true;
 }
 
-std::string HtmlEscape(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&#39;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
 std::int64_t Now() { return static_cast<std::int64_t>(std::time(nullptr)); }
 
 bool IsStateChanging(http::verb verb) {
@@ -220,12 +194,12 @@ Response ConsoleApp::Page(http::status status, const std::string& title,
   response.body() =
       "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
       "<title>" +
-      HtmlEscape(title) + "</title>" +
+      XmlEscape(title) + "</title>" +
       (assets_.count("app.css")
            ? "<link rel=\"stylesheet\" href=\"/assets/app.css\">"
            : "") +
-      "</head><body data-page=\"message\"><main><h1>" + HtmlEscape(title) +
-      "</h1><p>" + HtmlEscape(text) + "</p></main></body></html>\n";
+      "</head><body data-page=\"message\"><main><h1>" + XmlEscape(title) +
+      "</h1><p>" + XmlEscape(text) + "</p></main></body></html>\n";
   response.prepare_payload();
   return response;
 }
