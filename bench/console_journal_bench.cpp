@@ -132,7 +132,7 @@ std::string Plans(const std::string& path, const detail::WhereClause& where,
 struct Case {
   const char* name;
   kxconsole::JournalFilter filter;
-  bool goal;  // the case the goal is set for
+  bool goal;              // the case the goal is set for
   bool may_scan = false;  // no filter: counting reads the whole time index
 };
 
@@ -168,13 +168,13 @@ int main(int argc, char** argv) {
   const std::string journal = dir + "/audit_logs.db";
   bool met = true;
   try {
-    std::printf("load average at start: %s\n",
-                kxbench::LoadAverage().c_str());
+    std::printf("load average at start: %s\n", kxbench::LoadAverage().c_str());
     std::fprintf(stderr, "generating %zu rows...\n", rows);
     const double group_index_ms = MakeJournal(journal, rows);
-    std::printf("journal: %zu rows, %.1f MiB; building logs_group_time: %.0f "
-                "ms\n",
-                rows, fs::file_size(journal) / 1048576.0, group_index_ms);
+    std::printf(
+        "journal: %zu rows, %.1f MiB; building logs_group_time: %.0f "
+        "ms\n",
+        rows, fs::file_size(journal) / 1048576.0, group_index_ms);
 
     kxjournal::JournalShape shape;
     shape.rows = rows;
@@ -286,13 +286,37 @@ int main(int argc, char** argv) {
       std::printf("CSV of 1 day (%zu bytes): %.1f ms\n", csv_bytes,
                   kxbench::Percentile(csv_ms, 50));
     }
+    // The far ends: the last page of the whole journal (an offset walks
+    // every row before it) and the CSV of the whole journal (up to the cap).
+    {
+      kxconsole::JournalFilter filter;
+      filter.per_page = 500;
+      filter.page = static_cast<int>((rows + 499) / 500);
+      Clock::time_point start = Clock::now();
+      const kxconsole::JournalPage last =
+          kxconsole::QueryJournal(journal, filter);
+      std::printf("last page (%d of 500 rows, %zu rows on it): %.1f ms\n",
+                  filter.page, last.rows.size(), MsSince(start));
+      start = Clock::now();
+      {
+        std::ofstream out(dir + "/all.csv", std::ios::binary);
+        kxconsole::WriteJournalCsv(journal, {}, out);
+      }
+      std::printf("CSV of the whole journal (%.1f MiB): %.0f ms\n",
+                  fs::file_size(dir + "/all.csv") / 1048576.0, MsSince(start));
+    }
     std::printf("load average at end: %s\n", kxbench::LoadAverage().c_str());
   } catch (const std::exception& e) {
     std::fprintf(stderr, "console_journal_bench: %s\n", e.what());
     fs::remove_all(dir);
     return 2;
   }
-  fs::remove_all(dir);
+  // KX_BENCH_KEEP: keep the journal for a look with the shell.
+  if (std::getenv("KX_BENCH_KEEP") == nullptr) {
+    fs::remove_all(dir);
+  } else {
+    std::printf("journal kept: %s\n", journal.c_str());
+  }
   std::printf("goal %s\n", met ? "met" : "NOT met");
   return met ? 0 : 1;
 }

@@ -137,8 +137,8 @@ std::string Statement::Text(int column) const {
   const auto* text = reinterpret_cast<const char*>(
       sqlite3_column_text(statement_.get(), column));
   if (text == nullptr) return std::string();
-  return std::string(text, static_cast<size_t>(sqlite3_column_bytes(
-                               statement_.get(), column)));
+  return std::string(text, static_cast<size_t>(
+                               sqlite3_column_bytes(statement_.get(), column)));
 }
 
 JournalRow ReadRow(const Statement& statement) {

@@ -72,9 +72,8 @@ void WriteCsv(const std::string& db_path, const JournalFilter& filter,
     const JournalRow row = ReadRow(rows);
     // A row without a time has no time to show, not the epoch.
     out << (rows.IsNull(1) ? std::string() : IsoTime(row.time));
-    for (const std::string* field :
-         {&row.event, &row.outcome, &row.program, &row.object, &row.user,
-          &row.group}) {
+    for (const std::string* field : {&row.event, &row.outcome, &row.program,
+                                     &row.object, &row.user, &row.group}) {
       out << ',';
       WriteField(*field, out);
     }

@@ -10,9 +10,9 @@
 namespace console_journal_test {
 
 kxjournal::JournalRow Row(int event_id, int64_t time,
-                          const std::string& program,
-                          const std::string& object, const std::string& user,
-                          const std::string& group, int success) {
+                          const std::string& program, const std::string& object,
+                          const std::string& user, const std::string& group,
+                          int success) {
   kxjournal::JournalRow row;
   row.event_id = event_id;
   row.date_time = std::to_string(time);
@@ -47,10 +47,9 @@ void ConsoleJournalTest::Build(const std::vector<kxjournal::JournalRow>& rows) {
   // The sample builder adds an index of its own; the journal under test
   // holds the writer's indexes and no others.
   std::string error = "cannot drop the sample index";
-  const bool ok =
-      sqlite3_exec(db, "DROP INDEX logs_date_time", nullptr, nullptr,
-                   nullptr) == SQLITE_OK &&
-      aec::engine::EnsureJournalSchema(db, &error);
+  const bool ok = sqlite3_exec(db, "DROP INDEX logs_date_time", nullptr,
+                               nullptr, nullptr) == SQLITE_OK &&
+                  aec::engine::EnsureJournalSchema(db, &error);
   sqlite3_close(db);
   ASSERT_TRUE(ok) << error;
 }

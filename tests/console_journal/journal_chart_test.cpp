@@ -15,10 +15,10 @@ using kxconsole::JournalFilter;
 class ChartTest : public ConsoleJournalTest {};
 
 TEST_F(ChartTest, EachDenialFallsInTheBucketOfItsTime) {
-  Build({Row(1051, 1000), Row(1051, 1009), Row(1053, 1010),
-         Row(1055, 1039), Row(1051, 1040), Row(1051, 999),
-         Row(1051, 1015, "/usr/bin/make", "/usr/bin/make", "alice", "staff",
-             1)});
+  Build(
+      {Row(1051, 1000), Row(1051, 1009), Row(1053, 1010), Row(1055, 1039),
+       Row(1051, 1040), Row(1051, 999),
+       Row(1051, 1015, "/usr/bin/make", "/usr/bin/make", "alice", "staff", 1)});
   JournalFilter filter;
   filter.since = 1000;
   filter.until = 1040;
@@ -68,8 +68,7 @@ TEST_F(ChartTest, TheBucketsAddUpToTheDeniedCountOfTheSameFilter) {
       denied.outcome = "denied";
       const int64_t total = Query(denied).total;
       EXPECT_GT(total, 0);
-      EXPECT_EQ(std::accumulate(chart.begin(), chart.end(), int64_t{0}),
-                total)
+      EXPECT_EQ(std::accumulate(chart.begin(), chart.end(), int64_t{0}), total)
           << "user " << user << ", event " << event;
     }
   }

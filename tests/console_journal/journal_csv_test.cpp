@@ -1,16 +1,18 @@
 // The CSV export: its header and time form, quoting, text that a browser or
 // a spreadsheet would otherwise interpret, the filters and the row cap.
+#include "journal_csv.h"
+
 #include <sstream>
 
 #include "console_journal_fixture.h"
-#include "journal_csv.h"
 
 namespace console_journal_test {
 namespace {
 
 using kxconsole::JournalFilter;
 
-constexpr const char* kHeader = "time,event,outcome,program,object,user,group\r\n";
+constexpr const char* kHeader =
+    "time,event,outcome,program,object,user,group\r\n";
 
 class CsvTest : public ConsoleJournalTest {
  protected:
@@ -22,9 +24,10 @@ class CsvTest : public ConsoleJournalTest {
 };
 
 TEST_F(CsvTest, RowsFollowTheHeaderNewestFirstWithUtcTimes) {
-  Build({Row(1050, 1795256130, "/usr/bin/make", "/usr/bin/make", "alice",
-             "staff", 1),
-         Row(1053, 1795256131, "/usr/bin/ssh", "/lib/x.so", "bob", "users", 0)});
+  Build(
+      {Row(1050, 1795256130, "/usr/bin/make", "/usr/bin/make", "alice", "staff",
+           1),
+       Row(1053, 1795256131, "/usr/bin/ssh", "/lib/x.so", "bob", "users", 0)});
   EXPECT_EQ(Csv(), std::string(kHeader) +
                        "2026-11-21T10:15:31Z,library,denied,/usr/bin/ssh,"
                        "/lib/x.so,bob,users\r\n"
@@ -33,8 +36,8 @@ TEST_F(CsvTest, RowsFollowTheHeaderNewestFirstWithUtcTimes) {
 }
 
 TEST_F(CsvTest, CommasQuotesAndLineBreaksAreQuoted) {
-  Build({Row(1050, 0, "/opt/a,b", "/opt/say \"hi\"", "line\nbreak",
-             "cr\rhere", 1)});
+  Build({Row(1050, 0, "/opt/a,b", "/opt/say \"hi\"", "line\nbreak", "cr\rhere",
+             1)});
   EXPECT_EQ(Csv(), std::string(kHeader) +
                        "1970-01-01T00:00:00Z,exec,allowed,\"/opt/a,b\","
                        "\"/opt/say \"\"hi\"\"\",\"line\nbreak\",\"cr\rhere\""
@@ -42,8 +45,7 @@ TEST_F(CsvTest, CommasQuotesAndLineBreaksAreQuoted) {
 }
 
 TEST_F(CsvTest, MarkupIsWrittenAsItIs) {
-  Build({Row(1050, 0, "<script>alert(1)</script>", "/x&amp;<b>", "a", "g",
-             1)});
+  Build({Row(1050, 0, "<script>alert(1)</script>", "/x&amp;<b>", "a", "g", 1)});
   EXPECT_EQ(Csv(), std::string(kHeader) +
                        "1970-01-01T00:00:00Z,exec,allowed,"
                        "<script>alert(1)</script>,/x&amp;<b>,a,g\r\n");
@@ -102,12 +104,11 @@ TEST_F(CsvTest, TheExportStopsAtTheRowCapNewestFirst) {
   Build({Row(1050, 1), Row(1050, 2), Row(1050, 3), Row(1050, 4)});
   std::ostringstream out;
   kxconsole::detail::WriteCsv(journal_, {}, out, 2, std::chrono::seconds(5));
-  EXPECT_EQ(out.str(),
-            std::string(kHeader) +
-                "1970-01-01T00:00:04Z,exec,denied,/usr/bin/make,"
-                "/usr/bin/make,alice,staff\r\n"
-                "1970-01-01T00:00:03Z,exec,denied,/usr/bin/make,"
-                "/usr/bin/make,alice,staff\r\n");
+  EXPECT_EQ(out.str(), std::string(kHeader) +
+                           "1970-01-01T00:00:04Z,exec,denied,/usr/bin/make,"
+                           "/usr/bin/make,alice,staff\r\n"
+                           "1970-01-01T00:00:03Z,exec,denied,/usr/bin/make,"
+                           "/usr/bin/make,alice,staff\r\n");
 }
 
 TEST_F(CsvTest, AStreamThatFailsStopsTheExport) {

@@ -57,13 +57,16 @@ class PlanTest : public ConsoleJournalTest {
     for (size_t i = 0; i < plans.size(); ++i) {
       const std::string& plan = plans[i];
       EXPECT_NE(plan.find("INDEX " + index + " ("), std::string::npos)
-          << "statement " << i << ":\n" << plan;
+          << "statement " << i << ":\n"
+          << plan;
       EXPECT_EQ(plan.find("SCAN logs"), std::string::npos)
-          << "statement " << i << ":\n" << plan;
+          << "statement " << i << ":\n"
+          << plan;
       // A partial sort of the rows within one second is cheap; a sort of
       // everything the filter matches is not.
       EXPECT_EQ(plan.find("TEMP B-TREE FOR ORDER BY"), std::string::npos)
-          << "statement " << i << ":\n" << plan;
+          << "statement " << i << ":\n"
+          << plan;
     }
   }
 };

@@ -34,14 +34,18 @@ class QueryTest : public ConsoleJournalTest {
  protected:
   // Ids 1..8; 7 is not an execution-control event.
   void BuildSample() {
-    Build({Row(1050, 1000, "/usr/bin/make", "/usr/bin/make", "alice", "staff", 1),
-           Row(1051, 1010, "/usr/bin/ssh", "/usr/bin/ssh", "bob", "users", 0),
-           Row(1052, 1020, "/usr/bin/make", "/lib/libc.so.6", "alice", "staff", 1),
-           Row(1053, 1030, "/usr/bin/ssh", "/lib/libcrypto.so", "bob", "staff", 0),
-           Row(1054, 1040, "/usr/bin/vi", "/etc/passwd", "carol", "users", 1),
-           Row(1055, 1050, "/usr/bin/vi", "/etc/shadow", "carol", "wheel", 0),
-           Row(1060, 1060, "/usr/bin/vi", "/etc/hosts", "carol", "wheel", 0),
-           Row(1051, 1070, "/usr/bin/make", "/usr/bin/make", "alice", "users", 0)});
+    Build(
+        {Row(1050, 1000, "/usr/bin/make", "/usr/bin/make", "alice", "staff", 1),
+         Row(1051, 1010, "/usr/bin/ssh", "/usr/bin/ssh", "bob", "users", 0),
+         Row(1052, 1020, "/usr/bin/make", "/lib/libc.so.6", "alice", "staff",
+             1),
+         Row(1053, 1030, "/usr/bin/ssh", "/lib/libcrypto.so", "bob", "staff",
+             0),
+         Row(1054, 1040, "/usr/bin/vi", "/etc/passwd", "carol", "users", 1),
+         Row(1055, 1050, "/usr/bin/vi", "/etc/shadow", "carol", "wheel", 0),
+         Row(1060, 1060, "/usr/bin/vi", "/etc/hosts", "carol", "wheel", 0),
+         Row(1051, 1070, "/usr/bin/make", "/usr/bin/make", "alice", "users",
+             0)});
   }
 };
 
