@@ -62,10 +62,8 @@ void WriteCsv(const std::string& db_path, const JournalFilter& filter,
   const WhereClause where = BuildWhere(filter);
   JournalConnection connection(db_path, budget);
   out << "time,event,outcome,program,object,user,group\r\n";
-  if (connection.missing()) {
-    if (!out) throw JournalError("writing the CSV failed");
-    return;
-  }
+  if (!out) throw JournalError("writing the CSV failed");
+  if (connection.missing()) return;
   Statement rows =
       connection.Prepare(CsvSql(where), Append(where.values, {row_cap}));
   while (rows.Step()) {

@@ -117,6 +117,19 @@ TEST_F(CsvTest, AStreamThatFailsStopsTheExport) {
   out.setstate(std::ios::badbit);
   EXPECT_THROW(kxconsole::WriteJournalCsv(journal_, {}, out),
                kxconsole::JournalError);
+  JournalFilter none;
+  none.user = "nobody";
+  EXPECT_THROW(kxconsole::WriteJournalCsv(journal_, none, out),
+               kxconsole::JournalError);
+}
+
+TEST_F(CsvTest, ARowWithoutATimeShowsAnEmptyTime) {
+  kxjournal::JournalRow row = Row(1051, 0);
+  row.date_time.reset();
+  Build({row});
+  EXPECT_EQ(Csv(), std::string(kHeader) +
+                       ",exec,denied,/usr/bin/make,/usr/bin/make,alice,staff"
+                       "\r\n");
 }
 
 }  // namespace
