@@ -224,6 +224,11 @@ Response ConsoleApp::ServeFile(const std::string& name, unsigned version) {
   return response;
 }
 
+std::string ConsoleApp::CookieFor(const std::string& id, bool tls) const {
+  return "kxsession=" + id + "; HttpOnly; SameSite=Strict; Path=/; Max-Age=" +
+         std::to_string(sessions_.idle_seconds()) + (tls ? "; Secure" : "");
+}
+
 std::string ConsoleApp::SessionCookie(const Request& request) const {
   for (auto it = request.find(http::field::cookie);
        it != request.end() && it->name() == http::field::cookie; ++it) {
@@ -249,9 +254,18 @@ Response ConsoleApp::Login(const Request& request, const std::string& token,
   bool valid = token.size() == 64 &&
                token.find_first_not_of("0123456789abcdef") == std::string::npos;
   if (valid) {
-    const auto reply = Ask("<kxserv command=\"console-redeem\" token=\"" +
-                           XmlEscape(token) + "\"/>");
-    valid = reply.get<std::string>("result", "") == "1";
+    try {
+      const auto reply = Ask("<kxserv command=\"console-redeem\" token=\"" +
+                             XmlEscape(token) + "\"/>");
+      valid = reply.get<std::string>("result", "") == "1";
+    } catch (const ServiceUnreachable& e) {
+      Log(e.what());
+      return Page(http::status::service_unavailable, "Login not possible",
+                  std::string(e.what()) +
+                      ". The link stays valid until it "
+                      "expires: open it again when the service runs.",
+                  version);
+    }
   }
   if (!valid) {
     Log("refused a login link that is not valid");
@@ -265,12 +279,7 @@ Response ConsoleApp::Login(const Request& request, const std::string& token,
   Log("opened a console session");
   Response response(http::status::see_other, version);
   response.set(http::field::location, "/");
-  response.set(http::field::set_cookie,
-               "kxsession=" + id +
-                   "; HttpOnly; SameSite=Strict; Path=/; "
-                   "Max-Age=" +
-                   std::to_string(sessions_.idle_seconds()) +
-                   (tls ? "; Secure" : ""));
+  response.set(http::field::set_cookie, CookieFor(id, tls));
   response.prepare_payload();
   return response;
 }
@@ -314,13 +323,18 @@ Response ConsoleApp::Route(const Request& request, bool tls) {
                   "There is no such page.", version);
     }
     Sessions::Session session;
-    if (!sessions_.Touch(SessionCookie(request), Now(), &session)) {
+    const std::string id = SessionCookie(request);
+    if (!sessions_.Touch(id, Now(), &session)) {
       Response response(http::status::see_other, version);
       response.set(http::field::location, "/welcome");
       response.prepare_payload();
       return response;
     }
-    return ServeFile(page->second, version);
+    Response response = ServeFile(page->second, version);
+    // The browser's copy of the cookie lives as long as the session would
+    // from now, so a console in use is not logged out by the cookie's age.
+    response.set(http::field::set_cookie, CookieFor(id, tls));
+    return response;
   }
 
   Call call{request, path, std::move(query), SessionCookie(request), {}, {}};
