@@ -102,6 +102,17 @@ bool ParseQuery(const std::string& text,
 
 std::int64_t Now() { return static_cast<std::int64_t>(std::time(nullptr)); }
 
+// Compares in time independent of where the texts differ, so that a
+// token cannot be guessed byte by byte from response times.
+bool SameSecret(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  unsigned char diff = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  }
+  return diff == 0;
+}
+
 bool IsStateChanging(http::verb verb) {
   return verb == http::verb::post || verb == http::verb::put ||
          verb == http::verb::delete_ || verb == http::verb::patch;
@@ -361,7 +372,7 @@ Response ConsoleApp::Api(Call& call, bool tls) {
   }
   if (IsStateChanging(call.request.method())) {
     const std::string csrf(call.request["X-CSRF-Token"]);
-    if (csrf.empty() || csrf != call.session.csrf) {
+    if (csrf.empty() || !SameSecret(csrf, call.session.csrf)) {
       Log("refused " + method + " " + call.path +
           ": CSRF token missing or wrong");
       return ApiError(http::status::forbidden, "csrf",
