@@ -349,10 +349,10 @@ Response ConsoleApp::Route(const Request& request, bool tls) {
   }
 
   Call call{request, path, std::move(query), SessionCookie(request), {}, {}};
-  return Api(call, tls);
+  return Api(call);
 }
 
-Response ConsoleApp::Api(Call& call, bool tls) {
+Response ConsoleApp::Api(Call& call) {
   const unsigned version = call.request.version();
   const std::string method(call.request.method_string());
   const auto handler = api_.find({method, call.path});
@@ -394,7 +394,6 @@ Response ConsoleApp::Api(Call& call, bool tls) {
                       "The body must be a JSON object.", version);
     }
   }
-  (void)tls;
   try {
     return (this->*(handler->second))(call);
   } catch (const JsonError& e) {

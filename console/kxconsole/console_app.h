@@ -70,7 +70,7 @@ class ConsoleApp {
   Response Page(http::status status, const std::string& title,
                 const std::string& text, unsigned version);
   Response Login(const Request& request, const std::string& token, bool tls);
-  Response Api(Call& call, bool tls);
+  Response Api(Call& call);
   std::string SessionCookie(const Request& request) const;
   // The Set-Cookie value of session `id`.
   std::string CookieFor(const std::string& id, bool tls) const;
