@@ -14,6 +14,7 @@ KX_KXAECCTL, KX_KXAIDE, KX_ASSETS, KX_SCREENSHOTS.
 """
 
 import datetime
+import json
 import os
 import re
 import shutil
@@ -228,9 +229,22 @@ class ConsoleTest(unittest.TestCase):
 
     # --- helpers ----------------------------------------------------------
     def wait(self, condition, message):
+        from selenium.common.exceptions import TimeoutException
         from selenium.webdriver.support.ui import WebDriverWait
-        return WebDriverWait(self.b, WAIT_SECONDS, poll_frequency=0.1).until(
-            lambda _: condition(), message)
+        try:
+            return WebDriverWait(self.b, WAIT_SECONDS, poll_frequency=0.1).until(
+                lambda _: condition())
+        except TimeoutException:
+            self.fail(f"{message}; the page said: {self.page_messages()}")
+
+    def page_messages(self):
+        """What the page showed the user, for failure reports."""
+        shown = []
+        for css in ("#message", "#service-status"):
+            found = self.find_all(css)
+            if found and found[0].text:
+                shown.append(f"{css}: {found[0].text!r}")
+        return "; ".join(shown) or "nothing"
 
     def find(self, css):
         from selenium.webdriver.common.by import By
@@ -321,10 +335,12 @@ class ConsoleTest(unittest.TestCase):
                   "the new rule did not appear in the list")
         self.assertIn("Rule build-tools added.", self.text("#message"))
         with open(self.rule_file("build-tools")) as f:
-            on_disk = f.read()
-        self.assertIn("/usr/bin/env", on_disk)
-        self.assertIn("/usr/bin/sort", on_disk)
-        self.assertIn("daemon", on_disk)
+            on_disk = json.load(f)
+        self.assertEqual(on_disk["name"], "build-tools")
+        self.assertEqual(on_disk["user_list"], ["daemon", "root"])
+        # add also records what the programs load (their libraries).
+        self.assertIn("/usr/bin/env", on_disk["resource_list"])
+        self.assertIn("/usr/bin/sort", on_disk["resource_list"])
 
         # The search narrows the list; the detail shows the resources.
         self.set_value("rules-search", "no-such-rule")
