@@ -6,6 +6,7 @@ const char* const kJournalTable = "logs";
 const char* const kTimeIndex = "logs_time";
 const char* const kUserIndex = "logs_user_time";
 const char* const kAppIndex = "logs_app_time";
+const char* const kGroupIndex = "logs_group_time";
 const char* const kDroppedEventsTable = "dropped_events";
 
 const char* const kJournalTableDefinition =
@@ -31,6 +32,8 @@ constexpr const char* kIndexesAndGaps =
     " ON logs(date_time, event_id, success);"
     "CREATE INDEX IF NOT EXISTS logs_user_time ON logs(username, date_time);"
     "CREATE INDEX IF NOT EXISTS logs_app_time ON logs(app, date_time);"
+    "CREATE INDEX IF NOT EXISTS logs_group_time"
+    " ON logs(groupname, date_time);"
     // When rows were lost and how many: the journal says where it has gaps.
     "CREATE TABLE IF NOT EXISTS dropped_events ("
     " date_time INTEGER NOT NULL,"

@@ -9,8 +9,11 @@
 // event_id to 1050..1055, which all engine rows share, so an index led by
 // event_id would select everything; the time index is led by date_time and
 // carries event_id and success so those conditions are checked in the
-// index. A console filters by user or program, usually within a time span,
-// hence (username, date_time) and (app, date_time). There is deliberately no
+// index. A console filters by user, group or program, usually within a time
+// span and shows the newest rows first, hence (username, date_time),
+// (groupname, date_time) and (app, date_time): the equality selects, the
+// time bounds the range, and the rows come out in time order (ties in row id
+// order), so a page needs no sort. There is deliberately no
 // index led by event_id: it would tempt the planner away from the time index
 // for the commands' two-sided event_id range.
 #pragma once
@@ -25,6 +28,7 @@ extern const char* const kJournalTable;        // "logs"
 extern const char* const kTimeIndex;           // "logs_time"
 extern const char* const kUserIndex;           // "logs_user_time"
 extern const char* const kAppIndex;            // "logs_app_time"
+extern const char* const kGroupIndex;          // "logs_group_time"
 extern const char* const kDroppedEventsTable;  // "dropped_events"
 
 // The statement creating `logs` when it is missing: the one definition of
