@@ -5,13 +5,16 @@
 const KXChart = (() => {
   const kMargin = {left: 48, right: 12, top: 12, bottom: 36};
 
+  const kTicks = 4;
+
+  // The top of the count axis: a round number that kTicks whole steps reach.
   function niceMax(value) {
-    if (value <= 5) return 5;
-    const power = Math.pow(10, Math.floor(Math.log10(value)));
+    const perTick = Math.max(1, value / kTicks);
+    const power = Math.pow(10, Math.floor(Math.log10(perTick)));
     for (const step of [1, 2, 5, 10]) {
-      if (step * power >= value) return step * power;
+      if (step * power >= perTick) return step * power * kTicks;
     }
-    return 10 * power;
+    return 10 * power * kTicks;
   }
 
   function label(seconds, span) {
@@ -38,13 +41,13 @@ const KXChart = (() => {
     ctx.fillStyle = '#56606b';
     ctx.textAlign = 'right';
     ctx.textBaseline = 'middle';
-    for (let i = 0; i <= 4; i++) {
-      const y = kMargin.top + plotH - (plotH * i) / 4;
+    for (let i = 0; i <= kTicks; i++) {
+      const y = kMargin.top + plotH - (plotH * i) / kTicks;
       ctx.beginPath();
       ctx.moveTo(kMargin.left, y);
       ctx.lineTo(width - kMargin.right, y);
       ctx.stroke();
-      ctx.fillText(String(Math.round((top * i) / 4)), kMargin.left - 6, y);
+      ctx.fillText(String((top * i) / kTicks), kMargin.left - 6, y);
     }
     if (counts.length === 0) {
       ctx.textAlign = 'center';

@@ -4,14 +4,16 @@
 (() => {
   const {byId, splitList, message, reportError, get, post} = KX;
 
+  // Returns the error when the lists could not be read, else null.
   async function load() {
     try {
       const data = await get('/api/lists');
       byId('wl-users').value = data.whitelist.users.join('\n');
       byId('wl-groups').value = data.whitelist.groups.join('\n');
       byId('ex-resources').value = data.exceptions.join('\n');
+      return null;
     } catch (e) {
-      reportError(e);
+      return e;
     }
   }
 
@@ -20,11 +22,13 @@
       event.preventDefault();
       try {
         await post(path, body());
-        message(done, false);
-        await load();
       } catch (e) {
         reportError(e);
+        return;
       }
+      // Saved, even when reading the lists back fails: say both.
+      const failed = await load();
+      message(failed ? `${done} Reading the lists back failed: ${failed.message}` : done, false);
     });
   }
 
@@ -36,7 +40,9 @@
     onSubmit('ex-form', '/api/exceptions', () => ({
       resources: splitList(byId('ex-resources').value),
     }), 'Exceptions saved.');
-    load();
+    load().then((failed) => {
+      if (failed) reportError(failed);
+    });
   }
 
   document.addEventListener('DOMContentLoaded', start);

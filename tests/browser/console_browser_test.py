@@ -79,6 +79,7 @@ CREATE TABLE IF NOT EXISTS logs (
 CREATE INDEX IF NOT EXISTS logs_time ON logs(date_time, event_id, success);
 CREATE INDEX IF NOT EXISTS logs_user_time ON logs(username, date_time);
 CREATE INDEX IF NOT EXISTS logs_app_time ON logs(app, date_time);
+CREATE INDEX IF NOT EXISTS logs_group_time ON logs(groupname, date_time);
 CREATE TABLE IF NOT EXISTS dropped_events (
   date_time INTEGER NOT NULL, count INTEGER NOT NULL);
 """
@@ -235,7 +236,8 @@ class ConsoleTest(unittest.TestCase):
             return WebDriverWait(self.b, WAIT_SECONDS, poll_frequency=0.1).until(
                 lambda _: condition())
         except TimeoutException:
-            self.fail(f"{message}; the page said: {self.page_messages()}")
+            self.fail(f"{message}; the page said: {self.page_messages()}\n"
+                      f"kxserv's last log lines:\n{self.sandbox.service_log()[-3000:]}")
 
     def page_messages(self):
         """What the page showed the user, for failure reports."""
@@ -495,11 +497,17 @@ class ConsoleTest(unittest.TestCase):
         self.set_value("wl-users", "backup")
         self.set_value("wl-groups", "adm")
         self.find("#wl-save").click()
-        self.wait(lambda: self.text("#message") == "Whitelist saved.", "the whitelist was not saved")
+        self.wait(lambda: self.text("#message").startswith("Whitelist saved."),
+                  "the whitelist was not saved")
         with open(self.sandbox.path("etc/aec/white-list.config")) as f:
             saved = f.read()
         self.assertIn("backup", saved)
         self.assertIn("adm", saved)
+        # Read back from the service, not just left in the form.
+        self.open("/lists", "lists")
+        self.wait(lambda: self.find("#wl-users").get_attribute("value") == "backup",
+                  "the saved whitelist was not read back")
+        self.assertEqual(self.find("#wl-groups").get_attribute("value"), "adm")
         self.screenshot("lists")
 
     def test_stopped_service_shows_banner_until_it_is_back(self):
