@@ -3,6 +3,7 @@
 // console can do nothing a client of the socket could not.
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <ctime>
 #include <fstream>
 #include <sstream>
@@ -10,7 +11,7 @@
 #include "console_app.h"
 
 #ifdef KX_CONSOLE_HAVE_JOURNAL
-#include "journal_query.h"
+#include "journal/journal_query.h"
 #endif
 
 namespace kxconsole {
@@ -233,6 +234,14 @@ bool FileExists(const std::string& path) {
 
 }  // namespace
 
+// A failed exceptions section because the file was never written: that is
+// an empty list (the plug-in starts without exceptions then), not an error.
+bool ConsoleApp::NoExceptionsFile(const ptree& section) const {
+  struct stat info;
+  return Text(section, "result") != "1" &&
+         stat(settings_.exceptions_path.c_str(), &info) != 0 && errno == ENOENT;
+}
+
 Response ConsoleApp::Done(const ptree& reply, const std::string& section,
                           const Call& call) const {
   if (!Text(reply, "error_code").empty()) {
@@ -404,7 +413,7 @@ Response ConsoleApp::GetLists(Call& call) {
     failures.push_back("The plug-in did not list the whitelist and exceptions.");
   } else {
     CollectFailures(*whitelist, &failures);
-    CollectFailures(*exceptions, &failures);
+    if (!NoExceptionsFile(*exceptions)) CollectFailures(*exceptions, &failures);
   }
   if (!failures.empty()) return Rejected(Join(failures), call);
   return Ok(JsonObject()
@@ -468,7 +477,8 @@ Response ConsoleApp::SetExceptions(Call& call) {
       Ask("<request command=\"get\" resource-exception=\"1\"/>");
   const ptree* list =
       current.get_child_optional("get.resource-exception").get_ptr();
-  if (list == nullptr || Text(*list, "result") != "1") {
+  if (list == nullptr ||
+      (Text(*list, "result") != "1" && !NoExceptionsFile(*list))) {
     return Rejected(list ? Text(*list, "error_desc")
                          : "The plug-in did not list the exceptions.",
                     call);
@@ -665,9 +675,7 @@ Response ConsoleApp::GetJournalChart(Call& call) {
       (!ParseNumber(it->second, &buckets) || buckets < 1 || buckets > 500)) {
     throw JsonError("\"buckets\" must be a number from 1 to 500");
   }
-  const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
-  if (!filter.until) filter.until = now;
-  if (!filter.since) filter.since = *filter.until - 86400;
+  ApplyChartDefaults(&filter, static_cast<std::int64_t>(std::time(nullptr)));
   if (*filter.since > *filter.until) {
     throw JsonError("\"since\" must not be after \"until\"");
   }

@@ -27,6 +27,9 @@ struct AppSettings {
   std::string journal_path;  // the audit journal (SQLite)
   std::string assets_dir;    // pages, scripts, styles
   std::string status_path;   // kxaecd's status file
+  // The plug-in's exceptions file: only whether it exists is read, since
+  // the plug-in answers the same error for a missing and a broken file.
+  std::string exceptions_path;
   kxserv::ConsoleConfig config;
   int service_timeout_ms = 30000;
 };
@@ -79,6 +82,7 @@ class ConsoleApp {
   }
   Response Rejected(const std::string& message, const Call& call) const;
   Response Ok(const std::string& json, const Call& call) const;
+  bool NoExceptionsFile(const boost::property_tree::ptree& section) const;
   Response Done(const boost::property_tree::ptree& reply,
                 const std::string& section, const Call& call) const;
 

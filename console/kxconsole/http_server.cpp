@@ -113,10 +113,15 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
                       });
   }
 
+  // Shuts our side, then drops what the client still sends (a refused
+  // body) for a moment: closing with unread data would reset the connection
+  // and could destroy the answer before the client reads it.
   void Close() {
     if constexpr (std::is_same<Stream, beast::tcp_stream>::value) {
       beast::error_code ignored;
       stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+      stream_.expires_after(std::chrono::seconds(1));
+      Drain();
     } else {
       beast::get_lowest_layer(stream_).expires_after(std::chrono::seconds(2));
       auto self = this->shared_from_this();
@@ -124,7 +129,16 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     }
   }
 
+  void Drain() {
+    auto self = this->shared_from_this();
+    stream_.async_read_some(asio::buffer(drain_),
+                            [self](beast::error_code ec, std::size_t) {
+                              if (!ec) self->Drain();
+                            });
+  }
+
   Stream stream_;
+  char drain_[4096];
   ConsoleApp* app_;
   std::size_t max_body_;
   bool tls_;

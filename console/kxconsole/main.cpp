@@ -101,6 +101,7 @@ int main(int argc, char** argv) {
   settings.socket_path = kxserv::SocketPath(root);
   settings.journal_path = root + "/var/log/audit_logs.db";
   settings.status_path = root + "/var/run/kxaecd.status";
+  settings.exceptions_path = root + "/etc/aec/resource-exception.conf";
   settings.assets_dir = assets;
 
   std::unique_ptr<kxconsole::ConsoleApp> app;
