@@ -31,6 +31,16 @@
     return params;
   }
 
+  // The tool's notes (programs skipped and why) can run to many lines:
+  // folded away under a count.
+  function showNotes(text) {
+    const notes = (text || '').trim();
+    const lines = notes === '' ? 0 : notes.split('\n').length;
+    setText('l-messages', notes);
+    setText('l-notes-summary', `Notes from the tool (${lines} line${lines === 1 ? '' : 's'})`);
+    byId('l-notes').hidden = lines === 0;
+  }
+
   function field(title, values) {
     return el('div', {}, [el('h4', {}, title),
                           el('p', {className: 'path'}, values.length ? values.join(', ') : '—')]);
@@ -80,7 +90,7 @@
         list.appendChild(el('p', {className: 'muted'}, 'No rules to propose for this span.'));
       }
       shown.forEach((p) => list.appendChild(card(p)));
-      setText('l-messages', data.messages || '');
+      showNotes(data.messages);
     } catch (e) {
       clear(list);
       reportError(e);
@@ -97,7 +107,7 @@
         : 'Hard mode would have denied none of these events.');
       byId('l-verdict').className = data.would_deny ? 'error' : 'ok';
       setText('l-report', data.report || '');
-      setText('l-messages', data.messages || '');
+      showNotes(data.messages);
     } catch (e) {
       setText('l-verdict', '');
       reportError(e);

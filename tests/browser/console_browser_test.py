@@ -466,7 +466,14 @@ class ConsoleTest(unittest.TestCase):
         proposal = '#l-proposals [data-proposal="learned-od"]'
         self.wait(lambda: self.find_all(proposal), "no rule was proposed for /usr/bin/od")
         self.assertIn("/usr/bin/od", self.text(proposal))
+
+        # Before the rule exists, hard mode would deny root's od.
+        self.find("#l-whatif").click()
+        self.wait(lambda: "/usr/bin/od" in self.text("#l-report"),
+                  "the what-if report did not name /usr/bin/od")
+        self.assertTrue(self.text("#l-verdict").startswith("Hard mode would have denied some"))
         self.screenshot("learning")
+
         self.find(f"{proposal} .l-accept").click()
         self.wait(lambda: "Rule learned-od added." in self.text("#message"),
                   "accepting did not report the new rule")
@@ -491,7 +498,7 @@ class ConsoleTest(unittest.TestCase):
         self.assertNotIn('"sneaky"', listed["body"])
         self.assertFalse(os.path.exists(self.rule_file("sneaky")))
 
-    def test_whitelist_saved_from_lists_page(self):
+    def test_whitelist_and_exceptions_saved_from_lists_page(self):
         self.login()
         self.open("/lists", "lists")
         self.set_value("wl-users", "backup")
@@ -508,6 +515,16 @@ class ConsoleTest(unittest.TestCase):
         self.wait(lambda: self.find("#wl-users").get_attribute("value") == "backup",
                   "the saved whitelist was not read back")
         self.assertEqual(self.find("#wl-groups").get_attribute("value"), "adm")
+
+        self.set_value("ex-resources", "/usr/bin/sort")
+        self.find("#ex-save").click()
+        self.wait(lambda: self.text("#message").startswith("Exceptions saved."),
+                  "the exceptions were not saved")
+        with open(self.sandbox.path("etc/aec/resource-exception.conf")) as f:
+            self.assertIn("sort", f.read())
+        self.open("/lists", "lists")
+        self.wait(lambda: self.find("#ex-resources").get_attribute("value") == "/usr/bin/sort",
+                  "the saved exceptions were not read back")
         self.screenshot("lists")
 
     def test_stopped_service_shows_banner_until_it_is_back(self):
