@@ -354,6 +354,37 @@ class ConsoleTest(unittest.TestCase):
                   "the rule's resources were not shown")
         self.screenshot("rules")
 
+    def test_rule_disabled_renamed_and_removed_from_rules_page(self):
+        self.login()
+        self.open("/rules", "rules")
+        self.set_value("rule-name", "short-lived")
+        self.set_value("rule-users", "root")
+        self.set_value("rule-resources", "/usr/bin/env")
+        self.find("#rule-add").click()
+        row = '#rules-table tr[data-rule="short-lived"]'
+        self.wait(lambda: self.find_all(row), "the rule was not added")
+
+        self.find(f"{row} .rule-toggle").click()
+        self.wait(lambda: "disabled" in self.text(row), "the rule was not disabled")
+        with open(self.rule_file("short-lived")) as f:
+            self.assertEqual(json.load(f)["enable"], "false")
+
+        self.find(f"{row} .rule-rename").click()
+        self.set_value("rule-new-name", "renamed-rule")
+        self.find("#rule-rename-form button[type=submit]").click()
+        renamed = '#rules-table tr[data-rule="renamed-rule"]'
+        self.wait(lambda: self.find_all(renamed), "the renamed rule is not listed")
+        self.assertEqual(self.find_all(row), [])
+        self.assertFalse(os.path.exists(self.rule_file("short-lived")))
+        self.assertTrue(os.path.exists(self.rule_file("renamed-rule")))
+
+        # Removing takes a second click.
+        self.find(f"{renamed} .rule-remove").click()
+        self.assertTrue(os.path.exists(self.rule_file("renamed-rule")))
+        self.find(f"{renamed} .rule-remove").click()
+        self.wait(lambda: not self.find_all(renamed), "the removed rule is still listed")
+        self.assertFalse(os.path.exists(self.rule_file("renamed-rule")))
+
     def test_control_switched_on_and_hard_mode_goes_through_confirmation(self):
         self.login()
         self.open("/control", "control")
@@ -433,6 +464,11 @@ class ConsoleTest(unittest.TestCase):
         self.assertEqual(query["since"], [str(start)])
         self.assertEqual(query["until"], [str(start + 3 * 3600)])
         self.assertEqual(query["user"], ["alice"])
+        exported = self.fetch("GET", f"{csv.path}?{csv.query}")
+        self.assertEqual(exported["status"], 200)
+        lines = exported["body"].strip().split("\n")
+        self.assertEqual(lines[0].strip(), "time,event,outcome,program,object,user,group")
+        self.assertEqual(len(lines), 1 + 130)
 
     def test_program_name_with_markup_renders_as_text(self):
         markup = ["<script>alert(1)</script>",
