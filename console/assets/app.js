@@ -173,7 +173,40 @@ const KX = (() => {
     }
   }
 
+  const kPages = [
+    ['overview', '/', 'Overview'],
+    ['rules', '/rules', 'Rules'],
+    ['lists', '/lists', 'Whitelist and exceptions'],
+    ['control', '/control', 'Control'],
+    ['journal', '/journal', 'Journal'],
+    ['learning', '/learning', 'Learning'],
+  ];
+
+  // The header, menu, banner and message line of every page, made here
+  // once rather than copied into each page's HTML.
+  function buildChrome() {
+    const current = document.body.dataset.page;
+    const links = kPages.map(([page, href, title]) => {
+      const link = el('a', {id: `nav-${page}`, href}, title);
+      if (page === current) link.setAttribute('aria-current', 'page');
+      return el('li', {}, link);
+    });
+    const banner = el('div', {id: 'service-status', className: 'banner', hidden: true});
+    banner.setAttribute('role', 'alert');
+    const box = el('div', {id: 'message', hidden: true});
+    box.setAttribute('role', 'status');
+    document.body.prepend(
+        el('header', {}, [el('span', {className: 'brand'}, 'kxconsole'),
+                          el('nav', {}, el('ul', {}, links)),
+                          el('button', {type: 'button', id: 'logout', className: 'link'},
+                             'Log out')]),
+        banner);
+    const main = document.querySelector('main');
+    main.prepend(box);
+  }
+
   function start() {
+    buildChrome();
     const logout = byId('logout');
     if (logout) {
       logout.addEventListener('click', async () => {

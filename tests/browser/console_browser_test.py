@@ -196,6 +196,9 @@ def start_browser(chromium, driver_path, profile):
                      "--disable-dev-shm-usage", "--window-size=1280,1000",
                      "--lang=en-US", f"--user-data-dir={profile}"):
         options.add_argument(argument)
+    # The browser's console is read after each test: script errors and
+    # Content-Security-Policy refusals fail it.
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     return webdriver.Chrome(service=Service(executable_path=driver_path),
                             options=options)
 
@@ -227,6 +230,15 @@ class ConsoleTest(unittest.TestCase):
     def setUp(self):
         self.b = BROWSER
         self.sandbox = SANDBOX
+        self.b.get_log("browser")  # what earlier tests left
+
+    def tearDown(self):
+        # Answers with an error status are logged too; they are expected
+        # (the CSRF refusal, the stopped service) and checked by the tests.
+        problems = [entry["message"] for entry in self.b.get_log("browser")
+                    if entry["level"] == "SEVERE"
+                    and "Failed to load resource" not in entry["message"]]
+        self.assertEqual(problems, [], "the browser reported script errors or refusals")
 
     # --- helpers ----------------------------------------------------------
     def wait(self, condition, message):
@@ -302,6 +314,17 @@ class ConsoleTest(unittest.TestCase):
     def rule_file(self, name):
         return self.sandbox.path(f"etc/aec/rules/{name}.conf")
 
+    def add_rule_on_page(self, name, users, resources):
+        """Adds a rule with the rules page's form; the CSS path of its row."""
+        self.open("/rules", "rules")
+        self.set_value("rule-name", name)
+        self.set_value("rule-users", users)
+        self.set_value("rule-resources", resources)
+        self.find("#rule-add").click()
+        row = f'#rules-table tr[data-rule="{name}"]'
+        self.wait(lambda: self.find_all(row), f"the new rule {name} did not appear in the list")
+        return row
+
     # --- the behaviours ---------------------------------------------------
     def test_one_time_link_logs_in_and_a_reused_link_is_refused(self):
         self.b.delete_all_cookies()
@@ -328,13 +351,7 @@ class ConsoleTest(unittest.TestCase):
 
     def test_added_rule_shows_in_list_and_on_disk(self):
         self.login()
-        self.open("/rules", "rules")
-        self.set_value("rule-name", "build-tools")
-        self.set_value("rule-users", "root, daemon")
-        self.set_value("rule-resources", "/usr/bin/env\n/usr/bin/sort")
-        self.find("#rule-add").click()
-        self.wait(lambda: self.find_all('#rules-table tr[data-rule="build-tools"]'),
-                  "the new rule did not appear in the list")
+        self.add_rule_on_page("build-tools", "root, daemon", "/usr/bin/env\n/usr/bin/sort")
         self.assertIn("Rule build-tools added.", self.text("#message"))
         with open(self.rule_file("build-tools")) as f:
             on_disk = json.load(f)
@@ -356,13 +373,7 @@ class ConsoleTest(unittest.TestCase):
 
     def test_rule_disabled_renamed_and_removed_from_rules_page(self):
         self.login()
-        self.open("/rules", "rules")
-        self.set_value("rule-name", "short-lived")
-        self.set_value("rule-users", "root")
-        self.set_value("rule-resources", "/usr/bin/env")
-        self.find("#rule-add").click()
-        row = '#rules-table tr[data-rule="short-lived"]'
-        self.wait(lambda: self.find_all(row), "the rule was not added")
+        row = self.add_rule_on_page("short-lived", "root", "/usr/bin/env")
 
         self.find(f"{row} .rule-toggle").click()
         self.wait(lambda: "disabled" in self.text(row), "the rule was not disabled")
