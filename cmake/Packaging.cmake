@@ -31,7 +31,8 @@ install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/apt/kxaec-baseline-refresh
 # Every manual page kept beside a program's code (section 8).
 file(GLOB_RECURSE KX_MAN_PAGES CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/host/*.8 ${PROJECT_SOURCE_DIR}/tools/*.8
-     ${PROJECT_SOURCE_DIR}/service/*.8 ${PROJECT_SOURCE_DIR}/engine/*.8)
+     ${PROJECT_SOURCE_DIR}/service/*.8 ${PROJECT_SOURCE_DIR}/engine/*.8
+     ${PROJECT_SOURCE_DIR}/console/*.8)
 install(FILES ${KX_MAN_PAGES} DESTINATION share/man/man8)
 
 # The host others build plug-ins against: the contract headers and a CMake

@@ -79,7 +79,8 @@ std::string PolicyValue(const ptree& reply, const std::string& name) {
   for (const auto& policy : *policies) {
     if (policy.first != "policy") continue;
     if (policy.second.get<std::string>("<xmlattr>.name", "") != name) continue;
-    const std::string group = policy.second.get<std::string>("<xmlattr>.group", "");
+    const std::string group =
+        policy.second.get<std::string>("<xmlattr>.group", "");
     if (!group.empty() && group != "aec") continue;
     const ptree* value = Child(policy.second, "type");
     if (value == nullptr) value = Child(policy.second, "value");
@@ -96,10 +97,14 @@ int ZeroOrOne(const std::string& text) { return text == "1" ? 1 : 0; }
 std::string Phase(int state, int mode, int confirmation) {
   if (state != 1 || mode != 1) return "none";
   switch (confirmation) {
-    case 1: return "requested";
-    case 0: return "waiting";
-    case 2: return "confirmed";
-    default: return "none";
+    case 1:
+      return "requested";
+    case 0:
+      return "waiting";
+    case 2:
+      return "confirmed";
+    default:
+      return "none";
   }
 }
 
@@ -137,12 +142,16 @@ std::vector<std::string> ReportObjects(const std::string& report) {
   for (std::size_t i = 0; i < report.size(); ++i) {
     const char c = report[i];
     if (in_string) {
-      if (escaped) escaped = false;
-      else if (c == '\\') escaped = true;
-      else if (c == '"') in_string = false;
+      if (escaped)
+        escaped = false;
+      else if (c == '\\')
+        escaped = true;
+      else if (c == '"')
+        in_string = false;
       continue;
     }
-    if (c == '"' && depth > 0) in_string = true;
+    if (c == '"' && depth > 0)
+      in_string = true;
     else if (c == '{') {
       if (depth++ == 0) start = i;
     } else if (c == '}' && depth > 0 && --depth == 0) {
@@ -153,7 +162,8 @@ std::vector<std::string> ReportObjects(const std::string& report) {
 }
 
 // A list in the rule file format: an array, or "" for an empty one.
-std::vector<std::string> RuleList(const JsonValue& rule, const std::string& key) {
+std::vector<std::string> RuleList(const JsonValue& rule,
+                                  const std::string& key) {
   const JsonValue* list = rule.Find(key);
   if (list == nullptr || list->type == JsonValue::Type::kString) return {};
   return rule.GetStrings(key);
@@ -169,8 +179,8 @@ std::string EngineDetail(const std::string& status_path, bool* running) {
       static_cast<std::int64_t>(std::time(nullptr)) - info.st_mtime;
   // kxaecd rewrites its status every second; a stale file is a stopped one.
   if (age > 5) {
-    return "kxaecd is not running (status last written " +
-           std::to_string(age) + " s ago)";
+    return "kxaecd is not running (status last written " + std::to_string(age) +
+           " s ago)";
   }
   *running = true;
   std::ifstream in(status_path);
@@ -302,8 +312,9 @@ Response ConsoleApp::GetOverview(Call& call) {
           .Int("system_rules", system)
           .Int("denials_hour", hour)
           .Int("denials_day", day)
-          .Raw("engine",
-               JsonObject().Bool("running", running).Str("detail", detail).str())
+          .Raw(
+              "engine",
+              JsonObject().Bool("running", running).Str("detail", detail).str())
           .str(),
       call);
 }
@@ -314,9 +325,8 @@ Response ConsoleApp::GetRules(Call& call) {
   const ptree* section = reply.get_child_optional("get.rules").get_ptr();
   if (section == nullptr) {
     const std::string desc = Text(reply, "error_desc");
-    return Rejected(desc.empty() ? "The plug-in could not list the rules."
-                                 : desc,
-                    call);
+    return Rejected(
+        desc.empty() ? "The plug-in could not list the rules." : desc, call);
   }
   if (Text(*section, "result") != "1") {
     return Rejected(Text(*section, "error_desc"), call);
@@ -346,11 +356,11 @@ Response ConsoleApp::AddRule(Call& call) {
   const auto groups = call.body.GetStrings("groups");
   const auto resources = call.body.GetStrings("resources");
   const bool all = call.body.GetBool("all", false);
-  Response response = Done(
-      Ask("<request command=\"add\"><rule name=\"" + XmlEscape(name) + "\">" +
-          (all ? "" : Items("u", users) + Items("g", groups)) +
-          Items("r", resources) + "</rule></request>"),
-      "add", call);
+  Response response =
+      Done(Ask("<request command=\"add\"><rule name=\"" + XmlEscape(name) +
+               "\">" + (all ? "" : Items("u", users) + Items("g", groups)) +
+               Items("r", resources) + "</rule></request>"),
+           "add", call);
   if (!all || response.result() != http::status::ok) return response;
   // The add command has no "all users" switch; the edit's update has.
   return Done(Ask("<request command=\"edit\"><rule name=\"" + XmlEscape(name) +
@@ -363,12 +373,12 @@ Response ConsoleApp::EditRule(Call& call) {
   const std::string name = RequiredName(call.body, "name");
   std::string attributes = " name=\"" + XmlEscape(name) + "\"";
   if (call.body.Has("enabled")) {
-    attributes += call.body.GetBool("enabled", true) ? " state=\"1\""
-                                                     : " state=\"0\"";
+    attributes +=
+        call.body.GetBool("enabled", true) ? " state=\"1\"" : " state=\"0\"";
   }
   if (call.body.Has("rename")) {
-    attributes += " rename=\"" + XmlEscape(RequiredName(call.body, "rename")) +
-                  "\"";
+    attributes +=
+        " rename=\"" + XmlEscape(RequiredName(call.body, "rename")) + "\"";
   }
   std::string parts;
   for (const char* key : {"add", "remove"}) {
@@ -382,8 +392,8 @@ Response ConsoleApp::EditRule(Call& call) {
              Items("g", change->GetStrings("groups")) +
              Items("r", change->GetStrings("resources")) + "</" + key + ">";
   }
-  return Done(Ask("<request command=\"edit\"><rule" + attributes + ">" +
-                  parts + "</rule></request>"),
+  return Done(Ask("<request command=\"edit\"><rule" + attributes + ">" + parts +
+                  "</rule></request>"),
               "edit", call);
 }
 
@@ -410,7 +420,8 @@ Response ConsoleApp::GetLists(Call& call) {
       reply.get_child_optional("get.resource-exception").get_ptr();
   std::vector<std::string> failures;
   if (whitelist == nullptr || exceptions == nullptr) {
-    failures.push_back("The plug-in did not list the whitelist and exceptions.");
+    failures.push_back(
+        "The plug-in did not list the whitelist and exceptions.");
   } else {
     CollectFailures(*whitelist, &failures);
     if (!NoExceptionsFile(*exceptions)) CollectFailures(*exceptions, &failures);
@@ -465,10 +476,12 @@ Response ConsoleApp::SetWhitelist(Call& call) {
         "remove", call);
     if (removed.result() != http::status::ok) return removed;
   }
-  if (new_users.empty() && new_groups.empty()) return Ok("{\"result\":1}", call);
-  return Done(Ask("<request command=\"add\"><whitelist>" + Items("u", new_users) +
-                  Items("g", new_groups) + "</whitelist></request>"),
-              "add", call);
+  if (new_users.empty() && new_groups.empty())
+    return Ok("{\"result\":1}", call);
+  return Done(
+      Ask("<request command=\"add\"><whitelist>" + Items("u", new_users) +
+          Items("g", new_groups) + "</whitelist></request>"),
+      "add", call);
 }
 
 Response ConsoleApp::SetExceptions(Call& call) {

@@ -104,12 +104,23 @@ std::string HtmlEscape(const std::string& text) {
   std::string out;
   for (const char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&#39;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -208,7 +219,8 @@ Response ConsoleApp::Page(http::status status, const std::string& title,
   response.set(http::field::content_type, "text/html; charset=utf-8");
   response.body() =
       "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-      "<title>" + HtmlEscape(title) + "</title>" +
+      "<title>" +
+      HtmlEscape(title) + "</title>" +
       (assets_.count("app.css")
            ? "<link rel=\"stylesheet\" href=\"/assets/app.css\">"
            : "") +
@@ -221,15 +233,15 @@ Response ConsoleApp::Page(http::status status, const std::string& title,
 Response ConsoleApp::ServeFile(const std::string& name, unsigned version) {
   const auto it = assets_.find(name);
   if (it == assets_.end()) {
-    return Page(http::status::not_found, "Not found",
-                "There is no such page.", version);
+    return Page(http::status::not_found, "Not found", "There is no such page.",
+                version);
   }
   std::ifstream in(settings_.assets_dir + "/" + name, std::ios::binary);
   std::ostringstream content;
   content << in.rdbuf();
   if (!in) {
-    return Page(http::status::not_found, "Not found",
-                "There is no such page.", version);
+    return Page(http::status::not_found, "Not found", "There is no such page.",
+                version);
   }
   Response response(http::status::ok, version);
   response.set(http::field::content_type, it->second);
@@ -280,9 +292,11 @@ Response ConsoleApp::Login(const Request& request, const std::string& token,
   Response response(http::status::see_other, version);
   response.set(http::field::location, "/");
   response.set(http::field::set_cookie,
-               "kxsession=" + id + "; HttpOnly; SameSite=Strict; Path=/; "
-               "Max-Age=" + std::to_string(sessions_.idle_seconds()) +
-               (tls ? "; Secure" : ""));
+               "kxsession=" + id +
+                   "; HttpOnly; SameSite=Strict; Path=/; "
+                   "Max-Age=" +
+                   std::to_string(sessions_.idle_seconds()) +
+                   (tls ? "; Secure" : ""));
   response.prepare_payload();
   return response;
 }
@@ -360,7 +374,8 @@ Response ConsoleApp::Api(Call& call, bool tls) {
   if (IsStateChanging(call.request.method())) {
     const std::string csrf(call.request["X-CSRF-Token"]);
     if (csrf.empty() || csrf != call.session.csrf) {
-      Log("refused " + method + " " + call.path + ": CSRF token missing or wrong");
+      Log("refused " + method + " " + call.path +
+          ": CSRF token missing or wrong");
       return ApiError(http::status::forbidden, "csrf",
                       "The request lacks the session's CSRF token.", version);
     }
@@ -390,11 +405,12 @@ Response ConsoleApp::Api(Call& call, bool tls) {
 }
 
 Response ConsoleApp::GetSession(Call& call) {
-  return Ok(JsonObject()
-                .Str("csrf", call.session.csrf)
-                .Int("expires", call.session.last_used + sessions_.idle_seconds())
-                .str(),
-            call);
+  return Ok(
+      JsonObject()
+          .Str("csrf", call.session.csrf)
+          .Int("expires", call.session.last_used + sessions_.idle_seconds())
+          .str(),
+      call);
 }
 
 Response ConsoleApp::Logout(Call& call) {

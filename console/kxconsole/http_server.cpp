@@ -1,6 +1,5 @@
 #include "http_server.h"
 
-#include <boost/asio/signal_set.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -65,10 +64,9 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     parser_->body_limit(max_body_);
     beast::get_lowest_layer(stream_).expires_after(kReadTimeout);
     auto self = this->shared_from_this();
-    http::async_read(stream_, buffer_, *parser_,
-                     [self](beast::error_code ec, std::size_t) {
-                       self->OnRead(ec);
-                     });
+    http::async_read(
+        stream_, buffer_, *parser_,
+        [self](beast::error_code ec, std::size_t) { self->OnRead(ec); });
   }
 
   void OnRead(beast::error_code ec) {
@@ -85,7 +83,8 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     }
     if (ec == http::error::end_of_stream || ec == beast::error::timeout ||
         ec == asio::error::operation_aborted ||
-        ec == asio::error::connection_reset || ec == asio::ssl::error::stream_truncated) {
+        ec == asio::error::connection_reset ||
+        ec == asio::ssl::error::stream_truncated) {
       Close();
       return;
     }
@@ -155,14 +154,14 @@ HttpServer::HttpServer(ConsoleApp* app, const kxserv::ConsoleConfig& config)
       max_body_(config.max_body),
       io_(kThreads),
       acceptor_(io_),
+      signals_(io_, SIGTERM, SIGINT),
       open_(std::make_shared<std::atomic<int>>(0)) {
   if (config.tls()) {
     tls_ = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
-    tls_->set_options(asio::ssl::context::default_workarounds |
-                      asio::ssl::context::no_sslv2 |
-                      asio::ssl::context::no_sslv3 |
-                      asio::ssl::context::no_tlsv1 |
-                      asio::ssl::context::no_tlsv1_1);
+    tls_->set_options(
+        asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
+        asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 |
+        asio::ssl::context::no_tlsv1_1);
     beast::error_code ec;
     tls_->use_certificate_chain_file(config.certificate, ec);
     if (ec) {
@@ -201,52 +200,52 @@ unsigned short HttpServer::port() const {
 }
 
 void HttpServer::Accept() {
-  acceptor_.async_accept(
-      asio::make_strand(io_), [this](beast::error_code ec, tcp::socket socket) {
-        if (ec == asio::error::operation_aborted) return;
-        if (!ec) {
-          const bool full = ++*open_ > kMaxConnections;
-          auto busy = [&] {
-            return ApiError(http::status::service_unavailable, "busy",
-                            "Too many open connections; try again.");
-          };
-          if (tls_) {
-            auto connection =
-                std::make_shared<Connection<beast::ssl_stream<beast::tcp_stream>>>(
-                    app_, max_body_, true, open_, std::move(socket), *tls_);
-            if (full) {
-              // A TLS client cannot read a plain answer: just close.
-              if (log_) log_("refused a connection: too many open");
-            } else {
-              connection->Start();
-            }
-          } else {
-            auto connection = std::make_shared<Connection<beast::tcp_stream>>(
-                app_, max_body_, false, open_, std::move(socket));
-            if (full) {
-              if (log_) log_("refused a connection: too many open");
-              connection->Refuse(busy());
-            } else {
-              connection->Start();
-            }
-          }
-        } else if (log_) {
-          log_("accept failed: " + ec.message());
+  acceptor_.async_accept(asio::make_strand(io_), [this](beast::error_code ec,
+                                                        tcp::socket socket) {
+    if (ec == asio::error::operation_aborted) return;
+    if (!ec) {
+      const bool full = ++*open_ > kMaxConnections;
+      auto busy = [&] {
+        return ApiError(http::status::service_unavailable, "busy",
+                        "Too many open connections; try again.");
+      };
+      if (tls_) {
+        auto connection =
+            std::make_shared<Connection<beast::ssl_stream<beast::tcp_stream>>>(
+                app_, max_body_, true, open_, std::move(socket), *tls_);
+        if (full) {
+          // A TLS client cannot read a plain answer: just close.
+          if (log_) log_("refused a connection: too many open");
+        } else {
+          connection->Start();
         }
-        Accept();
-      });
+      } else {
+        auto connection = std::make_shared<Connection<beast::tcp_stream>>(
+            app_, max_body_, false, open_, std::move(socket));
+        if (full) {
+          if (log_) log_("refused a connection: too many open");
+          connection->Refuse(busy());
+        } else {
+          connection->Start();
+        }
+      }
+    } else if (log_) {
+      log_("accept failed: " + ec.message());
+    }
+    Accept();
+  });
 }
 
 int HttpServer::Run() {
   int stopped_by = 0;
-  asio::signal_set signals(io_, SIGTERM, SIGINT);
-  signals.async_wait([&](beast::error_code ec, int signal) {
+  signals_.async_wait([&](beast::error_code ec, int signal) {
     if (!ec) stopped_by = signal;
     io_.stop();
   });
   Accept();
   std::vector<std::thread> threads;
-  for (int i = 1; i < kThreads; ++i) threads.emplace_back([this] { io_.run(); });
+  for (int i = 1; i < kThreads; ++i)
+    threads.emplace_back([this] { io_.run(); });
   io_.run();
   for (auto& thread : threads) thread.join();
   return stopped_by;

@@ -5,10 +5,11 @@
 // configured body limit (413).
 #pragma once
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/signal_set.hpp>
 #include <boost/asio/ssl/context.hpp>
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -48,6 +49,9 @@ class HttpServer {
   std::size_t max_body_;
   boost::asio::io_context io_;
   boost::asio::ip::tcp::acceptor acceptor_;
+  // Installed with the listener, before anyone learns the URL: a SIGTERM
+  // right after start must stop the console cleanly, not kill it.
+  boost::asio::signal_set signals_;
   std::unique_ptr<boost::asio::ssl::context> tls_;
   std::shared_ptr<std::atomic<int>> open_;
   std::function<void(const std::string&)> log_;

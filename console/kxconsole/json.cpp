@@ -13,14 +13,30 @@ std::string JsonQuote(const std::string& raw) {
   for (const char c : text) {
     const unsigned char byte = static_cast<unsigned char>(c);
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '<': out += "\\u003c"; break;
-      case '>': out += "\\u003e"; break;
-      case '&': out += "\\u0026"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '<':
+        out += "\\u003c";
+        break;
+      case '>':
+        out += "\\u003e";
+        break;
+      case '&':
+        out += "\\u0026";
+        break;
       default:
         if (byte < 0x20) {
           char escaped[8];
@@ -117,9 +133,8 @@ class Parser {
   }
 
   void Space() {
-    while (at_ < text_.size() &&
-           (text_[at_] == ' ' || text_[at_] == '\t' || text_[at_] == '\n' ||
-            text_[at_] == '\r')) {
+    while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t' ||
+                                  text_[at_] == '\n' || text_[at_] == '\r')) {
       ++at_;
     }
   }
@@ -248,10 +263,14 @@ class Parser {
     for (int i = 0; i < 4; ++i) {
       const char h = text_[at_++];
       code <<= 4;
-      if (h >= '0' && h <= '9') code |= h - '0';
-      else if (h >= 'a' && h <= 'f') code |= h - 'a' + 10;
-      else if (h >= 'A' && h <= 'F') code |= h - 'A' + 10;
-      else Fail("bad \\u escape");
+      if (h >= '0' && h <= '9')
+        code |= h - '0';
+      else if (h >= 'a' && h <= 'f')
+        code |= h - 'a' + 10;
+      else if (h >= 'A' && h <= 'F')
+        code |= h - 'A' + 10;
+      else
+        Fail("bad \\u escape");
     }
     return code;
   }
@@ -271,14 +290,30 @@ class Parser {
       if (at_ >= text_.size()) Fail("unterminated escape");
       const char e = text_[at_++];
       switch (e) {
-        case '"': out += '"'; break;
-        case '\\': out += '\\'; break;
-        case '/': out += '/'; break;
-        case 'b': out += '\b'; break;
-        case 'f': out += '\f'; break;
-        case 'n': out += '\n'; break;
-        case 'r': out += '\r'; break;
-        case 't': out += '\t'; break;
+        case '"':
+          out += '"';
+          break;
+        case '\\':
+          out += '\\';
+          break;
+        case '/':
+          out += '/';
+          break;
+        case 'b':
+          out += '\b';
+          break;
+        case 'f':
+          out += '\f';
+          break;
+        case 'n':
+          out += '\n';
+          break;
+        case 'r':
+          out += '\r';
+          break;
+        case 't':
+          out += '\t';
+          break;
         case 'u': {
           unsigned code = Hex4();
           if (code >= 0xD800 && code < 0xDC00) {

@@ -66,7 +66,8 @@ int main(int argc, char** argv) {
       std::fputs(kUsage, stdout);
       return 0;
     } else if (arg == "--root") {
-      if (!value(&root) || root.empty()) return Usage("--root needs a directory");
+      if (!value(&root) || root.empty())
+        return Usage("--root needs a directory");
     } else if (arg == "--config") {
       if (!value(&config_path)) return Usage("--config needs a file");
     } else if (arg == "--assets") {
@@ -115,7 +116,8 @@ int main(int argc, char** argv) {
 
   std::unique_ptr<kxconsole::HttpServer> server;
   try {
-    server = std::make_unique<kxconsole::HttpServer>(app.get(), settings.config);
+    server =
+        std::make_unique<kxconsole::HttpServer>(app.get(), settings.config);
   } catch (const std::exception& e) {
     Log(LOG_ERR, e.what());
     std::fprintf(stderr, "kxconsole: %s\n", e.what());

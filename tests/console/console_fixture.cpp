@@ -74,7 +74,7 @@ HttpReply Exchange(Stream& stream, const std::string& method,
 Console::Console(const std::string& root, const std::vector<std::string>& args)
     : log_(root + "/var/log/kxconsole.stderr") {
   std::vector<std::string> words = {KX_KXCONSOLE_PATH, "--root", root,
-                                    "--port", "0", "-v"};
+                                    "--port",          "0",      "-v"};
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (auto& word : words) argv.push_back(&word[0]);
@@ -100,7 +100,8 @@ Console::Console(const std::string& root, const std::vector<std::string>& args)
   close(out[0]);
   const std::string prefix = "kxconsole: listening on ";
   const auto colon = line.rfind(':');
-  if (line.compare(0, prefix.size(), prefix) != 0 || colon == std::string::npos) {
+  if (line.compare(0, prefix.size(), prefix) != 0 ||
+      colon == std::string::npos) {
     Stop();
     throw std::runtime_error("kxconsole did not start: '" + line + "'\n" +
                              Log());
@@ -194,9 +195,9 @@ void ConsoleTest::SetUp() {
   servicetest::ServiceTest::SetUp();
   for (const char* page : {"overview", "rules", "lists", "control", "journal",
                            "learning", "welcome"}) {
-    kxtest::WriteFile(std::string("/opt/korvex/share/kxconsole/") + page +
-                          ".html",
-                      std::string("<!DOCTYPE html><p>page ") + page + "</p>\n");
+    kxtest::WriteFile(
+        std::string("/opt/korvex/share/kxconsole/") + page + ".html",
+        std::string("<!DOCTYPE html><p>page ") + page + "</p>\n");
   }
   kxtest::WriteFile("/opt/korvex/share/kxconsole/app.js", "'use strict';\n");
 }
@@ -211,7 +212,8 @@ void ConsoleToolsTest::SetUp() {
   kxtest::CopyFile(KX_KXAIDE_PATH, "/opt/korvex/bin/kxaide");
   a_ = "/opt/korvex/var/tmp/res/a";
   kxtest::WriteFile(a_, "resource a\n");
-  const auto sealed = kxtest::RunProgram({"/opt/korvex/bin/kxaecctl", "reload"});
+  const auto sealed =
+      kxtest::RunProgram({"/opt/korvex/bin/kxaecctl", "reload"});
   ASSERT_EQ(sealed.exit_code, 0) << sealed.err;
 }
 

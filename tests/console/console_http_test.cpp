@@ -74,8 +74,9 @@ TEST_F(ConsoleTest, APageWithoutASessionRedirectsToTheWelcomePage) {
   EXPECT_EQ(welcome.status, 200);
   EXPECT_EQ(welcome.body, "<!DOCTYPE html><p>page welcome</p>\n");
   EXPECT_EQ(welcome.Header("content-type"), "text/html; charset=utf-8");
-  const HttpReply forged = Fetch(console, "GET", "/rules", "",
-                                 {{"Cookie", "kxsession=" + std::string(64, '0')}});
+  const HttpReply forged =
+      Fetch(console, "GET", "/rules", "",
+            {{"Cookie", "kxsession=" + std::string(64, '0')}});
   EXPECT_EQ(forged.status, 303);
 }
 
@@ -84,8 +85,9 @@ TEST_F(ConsoleTest, EveryPageIsServedWithASession) {
   Console console(root_.dir());
   const Session session = LogIn(console, service.socket());
   const std::map<std::string, std::string> pages = {
-      {"/", "overview"}, {"/rules", "rules"},     {"/lists", "lists"},
-      {"/control", "control"}, {"/journal", "journal"}, {"/learning", "learning"}};
+      {"/", "overview"},       {"/rules", "rules"},
+      {"/lists", "lists"},     {"/control", "control"},
+      {"/journal", "journal"}, {"/learning", "learning"}};
   for (const auto& page : pages) {
     const HttpReply reply = Get(console, session, page.first);
     EXPECT_EQ(reply.status, 200) << page.first;
@@ -102,9 +104,9 @@ TEST_F(ConsoleTest, AssetsArePublicAndOnlyKnownNamesAreServed) {
   EXPECT_EQ(script.body, "'use strict';\n");
   EXPECT_EQ(script.Header("content-type"), "text/javascript; charset=utf-8");
   ExpectSecurityHeaders(script);
-  for (const char* target :
-       {"/assets/../secret.js", "/assets/..%2Fsecret.js", "/assets/%2e%2e/secret.js",
-        "/assets/missing.js", "/assets/", "/assets/overview.html"}) {
+  for (const char* target : {"/assets/../secret.js", "/assets/..%2Fsecret.js",
+                             "/assets/%2e%2e/secret.js", "/assets/missing.js",
+                             "/assets/", "/assets/overview.html"}) {
     const HttpReply reply = Fetch(console, "GET", target);
     EXPECT_EQ(reply.status, 404) << target;
     EXPECT_EQ(reply.body.find("secret"), std::string::npos) << target;
@@ -134,32 +136,35 @@ TEST_F(ConsoleTest, TheApiWithoutASessionAnswersNotLoggedIn) {
   ExpectSecurityHeaders(reply);
 }
 
-TEST_F(ConsoleTest, APostWithoutOrWithAWrongCsrfTokenIsRefusedAndChangesNothing) {
+TEST_F(ConsoleTest,
+       APostWithoutOrWithAWrongCsrfTokenIsRefusedAndChangesNothing) {
   servicetest::Service service(root_.dir());
   Console console(root_.dir());
   const Session session = LogIn(console, service.socket());
   ASSERT_EQ(session.csrf.size(), 64u);
-  const std::string body = R"({"name":"r1","users":["root"],"resources":["/bin/sh"]})";
+  const std::string body =
+      R"({"name":"r1","users":["root"],"resources":["/bin/sh"]})";
   const auto calls_before = kxtest::FakeToolCalls("kxaecctl").size();
   const auto files_before = RuleFiles();
 
-  const HttpReply missing =
-      Fetch(console, "POST", "/api/rules/add", body, {{"Cookie", session.cookie}});
+  const HttpReply missing = Fetch(console, "POST", "/api/rules/add", body,
+                                  {{"Cookie", session.cookie}});
   EXPECT_EQ(missing.status, 403);
   EXPECT_EQ(kxconsole::ParseJson(missing.body).GetString("error"), "csrf");
   std::string wrong = session.csrf;
   wrong[0] = wrong[0] == 'a' ? 'b' : 'a';
-  const HttpReply forged = Fetch(console, "POST", "/api/rules/add", body,
-                                 {{"Cookie", session.cookie}, {"X-CSRF-Token", wrong}});
+  const HttpReply forged =
+      Fetch(console, "POST", "/api/rules/add", body,
+            {{"Cookie", session.cookie}, {"X-CSRF-Token", wrong}});
   EXPECT_EQ(forged.status, 403);
-  const HttpReply other = Fetch(console, "POST", "/api/control", R"({"state":1})",
-                                {{"Cookie", session.cookie}});
+  const HttpReply other = Fetch(console, "POST", "/api/control",
+                                R"({"state":1})", {{"Cookie", session.cookie}});
   EXPECT_EQ(other.status, 403);
 
   EXPECT_EQ(kxtest::FakeToolCalls("kxaecctl").size(), calls_before);
   EXPECT_EQ(RuleFiles(), files_before);
-  const std::string state = servicetest::Ask(
-      service.socket(), "<kxserv command=\"policies\"/>");
+  const std::string state =
+      servicetest::Ask(service.socket(), "<kxserv command=\"policies\"/>");
   EXPECT_NE(state.find("<type>0</type>"), std::string::npos);
 }
 
@@ -169,14 +174,16 @@ TEST_F(ConsoleTest, MalformedJsonIsABadRequest) {
   const Session session = LogIn(console, service.socket());
   for (const char* body :
        {"{", "{\"name\":}", "[1,2]", "{\"name\":\"a\"} x", "{\"name\":1}",
-        "{\"name\":\"a\",\"users\":\"root\"}", "{\"name\":\"a\",\"all\":\"yes\"}",
-        "{\"users\":[\"root\"]}"}) {
+        "{\"name\":\"a\",\"users\":\"root\"}",
+        "{\"name\":\"a\",\"all\":\"yes\"}", "{\"users\":[\"root\"]}"}) {
     const HttpReply reply = Post(console, session, "/api/rules/add", body);
     EXPECT_EQ(reply.status, 400) << body;
-    EXPECT_EQ(kxconsole::ParseJson(reply.body).GetString("error"), "bad_request")
+    EXPECT_EQ(kxconsole::ParseJson(reply.body).GetString("error"),
+              "bad_request")
         << body;
   }
-  EXPECT_EQ(Post(console, session, "/api/control", R"({"state":2})").status, 400);
+  EXPECT_EQ(Post(console, session, "/api/control", R"({"state":2})").status,
+            400);
   EXPECT_EQ(Get(console, session, "/api/journal?per_page=501").status, 400);
   EXPECT_EQ(Get(console, session, "/api/journal?since=yesterday").status, 400);
   EXPECT_EQ(Get(console, session, "/api/journal?user=%zz").status, 400);
@@ -191,8 +198,8 @@ TEST_F(ConsoleTest, ABodyAboveTheLimitIsRefusedBeforeTheServiceHearsOfIt) {
   const std::string requests_before = servicetest::Field(
       servicetest::Ask(service.socket(), "<kxserv command=\"state\"/>"),
       "requests");
-  const std::string body = "{\"name\":\"big\",\"resources\":[\"" +
-                           std::string(2000, 'x') + "\"]}";
+  const std::string body =
+      "{\"name\":\"big\",\"resources\":[\"" + std::string(2000, 'x') + "\"]}";
   const HttpReply reply = Post(console, session, "/api/rules/add", body);
   EXPECT_EQ(reply.status, 413);
   EXPECT_EQ(kxconsole::ParseJson(reply.body).GetString("error"), "too_large");
@@ -217,8 +224,9 @@ TEST_F(ConsoleTest, AStoppedServiceIsReportedAndTheNextRequestReachesItAgain) {
   EXPECT_EQ(down.status, 503);
   const kxconsole::JsonValue error = kxconsole::ParseJson(down.body);
   EXPECT_EQ(error.GetString("error"), "service_unreachable");
-  EXPECT_NE(error.GetString("message").find("The service kxserv is not reachable at " +
-                                            root_.dir() + "/var/run/kxserv.sock"),
+  EXPECT_NE(error.GetString("message").find(
+                "The service kxserv is not reachable at " + root_.dir() +
+                "/var/run/kxserv.sock"),
             std::string::npos)
       << down.body;
 
@@ -244,15 +252,17 @@ TEST_F(ConsoleTest, SigtermStopsTheConsoleWithExitCodeZero) {
 
 TEST_F(ConsoleTest, APortInUseIsExitCodeOneAndABadConfigurationTwo) {
   Console first(root_.dir());
-  const auto busy = kxtest::RunProgram(
-      {KX_KXCONSOLE_PATH, "--root", root_.dir(), "--port",
-       std::to_string(first.port())});
+  const auto busy =
+      kxtest::RunProgram({KX_KXCONSOLE_PATH, "--root", root_.dir(), "--port",
+                          std::to_string(first.port())});
   EXPECT_EQ(busy.exit_code, 1) << busy.err;
   EXPECT_NE(busy.err.find("cannot listen"), std::string::npos) << busy.err;
   ConfigureConsole("port = many\n");
-  const auto broken = kxtest::RunProgram({KX_KXCONSOLE_PATH, "--root", root_.dir()});
+  const auto broken =
+      kxtest::RunProgram({KX_KXCONSOLE_PATH, "--root", root_.dir()});
   EXPECT_EQ(broken.exit_code, 2);
-  EXPECT_NE(broken.err.find("kxconsole.conf:1"), std::string::npos) << broken.err;
+  EXPECT_NE(broken.err.find("kxconsole.conf:1"), std::string::npos)
+      << broken.err;
   EXPECT_EQ(kxtest::RunProgram({KX_KXCONSOLE_PATH, "--bogus"}).exit_code, 2);
   const auto help = kxtest::RunProgram({KX_KXCONSOLE_PATH, "--help"});
   EXPECT_EQ(help.exit_code, 0);

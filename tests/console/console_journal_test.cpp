@@ -37,8 +37,8 @@ class ConsoleJournalTest : public ConsoleTest {
         kJournal,
         {Row(1051, now_ - 7200, "/usr/bin/make", "/usr/bin/make", "alice", 0),
          Row(1050, now_ - 600, "/usr/bin/ls", "/usr/bin/ls", "bob", 1),
-         Row(1053, now_ - 60, "<script>alert(1)</script>", "/tmp/<img>", "alice",
-             0)});
+         Row(1053, now_ - 60, "<script>alert(1)</script>", "/tmp/<img>",
+             "alice", 0)});
   }
   std::int64_t now_ = 0;
 };
@@ -58,18 +58,19 @@ TEST_F(ConsoleJournalTest, RowsAreFilteredPagedAndEscaped) {
   EXPECT_EQ(newest.GetString("object"), "/tmp/<img>");
   EXPECT_EQ(newest.GetString("outcome"), "denied");
 
-  page = ParseJson(
-      Get(console, session, "/api/journal?user=alice&outcome=denied&per_page=1&page=2")
-          .body);
+  page =
+      ParseJson(Get(console, session,
+                    "/api/journal?user=alice&outcome=denied&per_page=1&page=2")
+                    .body);
   EXPECT_EQ(page.GetInt("total", -1), 2);
   EXPECT_EQ(page.GetInt("page", -1), 2);
   ASSERT_EQ(page.Find("rows")->items.size(), 1u);
   EXPECT_EQ(page.Find("rows")->items[0].GetString("program"), "/usr/bin/make");
 
-  page = ParseJson(Get(console, session,
-                       "/api/journal?since=" + std::to_string(now_ - 1000) +
-                           "&event=exec")
-                       .body);
+  page = ParseJson(
+      Get(console, session,
+          "/api/journal?since=" + std::to_string(now_ - 1000) + "&event=exec")
+          .body);
   EXPECT_EQ(page.GetInt("total", -1), 1);
 }
 
@@ -82,15 +83,16 @@ TEST_F(ConsoleJournalTest, CsvAndChartAnswerTheSameFilters) {
   EXPECT_EQ(csv.Header("content-type"), "text/csv; charset=utf-8");
   EXPECT_EQ(csv.Header("content-disposition"),
             "attachment; filename=\"journal.csv\"");
-  EXPECT_EQ(csv.body.find("time,event,outcome,program,object,user,group\r\n"), 0u)
+  EXPECT_EQ(csv.body.find("time,event,outcome,program,object,user,group\r\n"),
+            0u)
       << csv.body;
   EXPECT_NE(csv.body.find("/usr/bin/make"), std::string::npos);
   EXPECT_EQ(csv.body.find("/usr/bin/ls"), std::string::npos);
 
-  const HttpReply chart = Get(console, session,
-                              "/api/journal/chart?buckets=2&since=" +
-                                  std::to_string(now_ - 10000) +
-                                  "&until=" + std::to_string(now_));
+  const HttpReply chart =
+      Get(console, session,
+          "/api/journal/chart?buckets=2&since=" + std::to_string(now_ - 10000) +
+              "&until=" + std::to_string(now_));
   ASSERT_EQ(chart.status, 200) << chart.body;
   const JsonValue counts = ParseJson(chart.body);
   EXPECT_EQ(counts.GetInt("bucket_seconds", -1), 5000);
@@ -98,7 +100,8 @@ TEST_F(ConsoleJournalTest, CsvAndChartAnswerTheSameFilters) {
   EXPECT_EQ(counts.Find("denied")->items[0].number, 1);
   EXPECT_EQ(counts.Find("denied")->items[1].number, 1);
 
-  const JsonValue overview = ParseJson(Get(console, session, "/api/overview").body);
+  const JsonValue overview =
+      ParseJson(Get(console, session, "/api/overview").body);
   EXPECT_EQ(overview.GetInt("denials_hour", -1), 1);
   EXPECT_EQ(overview.GetInt("denials_day", -1), 2);
 }

@@ -27,9 +27,10 @@ TEST_F(ConsoleToolsTest, ARuleAddedThroughTheApiIsWrittenAndListed) {
   servicetest::Service service(root_.dir());
   Console console(root_.dir());
   const Session session = LogIn(console, service.socket());
-  const HttpReply added = Post(console, session, "/api/rules/add",
-                               R"({"name":"build","users":["root"],"groups":[],"resources":[")" +
-                                   a_ + "\"]}");
+  const HttpReply added =
+      Post(console, session, "/api/rules/add",
+           R"({"name":"build","users":["root"],"groups":[],"resources":[")" +
+               a_ + "\"]}");
   ASSERT_EQ(added.status, 200) << added.body;
   EXPECT_TRUE(kxtest::Exists(kRules + "build.conf"));
   EXPECT_NE(kxtest::ReadFile(kRules + "build.conf").find("\"root\""),
@@ -45,9 +46,9 @@ TEST_F(ConsoleToolsTest, ARuleAddedThroughTheApiIsWrittenAndListed) {
   EXPECT_EQ(rule->GetStrings("users"), std::vector<std::string>{"root"});
   EXPECT_EQ(rule->GetStrings("resources"), std::vector<std::string>{a_});
 
-  const HttpReply again = Post(console, session, "/api/rules/add",
-                               R"({"name":"build","users":["root"],"resources":[")" +
-                                   a_ + "\"]}");
+  const HttpReply again =
+      Post(console, session, "/api/rules/add",
+           R"({"name":"build","users":["root"],"resources":[")" + a_ + "\"]}");
   EXPECT_EQ(again.status, 422);
   EXPECT_NE(ParseJson(again.body).GetString("message").find("already exist"),
             std::string::npos)
@@ -58,12 +59,14 @@ TEST_F(ConsoleToolsTest, ARuleIsDisabledRenamedAndRemovedThroughTheApi) {
   servicetest::Service service(root_.dir());
   Console console(root_.dir());
   const Session session = LogIn(console, service.socket());
-  ASSERT_EQ(Post(console, session, "/api/rules/add",
-                 R"({"name":"r1","users":["root"],"resources":[")" + a_ + "\"]}")
-                .status,
-            200);
-  const HttpReply edited = Post(console, session, "/api/rules/edit",
-                                R"({"name":"r1","enabled":false,"rename":"r2"})");
+  ASSERT_EQ(
+      Post(console, session, "/api/rules/add",
+           R"({"name":"r1","users":["root"],"resources":[")" + a_ + "\"]}")
+          .status,
+      200);
+  const HttpReply edited =
+      Post(console, session, "/api/rules/edit",
+           R"({"name":"r1","enabled":false,"rename":"r2"})");
   ASSERT_EQ(edited.status, 200) << edited.body;
   EXPECT_FALSE(kxtest::Exists(kRules + "r1.conf"));
   ASSERT_TRUE(kxtest::Exists(kRules + "r2.conf"));
@@ -76,7 +79,8 @@ TEST_F(ConsoleToolsTest, ARuleIsDisabledRenamedAndRemovedThroughTheApi) {
       Post(console, session, "/api/rules/remove", R"({"name":"r2"})");
   EXPECT_EQ(removed.status, 200) << removed.body;
   EXPECT_FALSE(kxtest::Exists(kRules + "r2.conf"));
-  EXPECT_EQ(Post(console, session, "/api/rules/edit", R"({"name":"nope","enabled":true})")
+  EXPECT_EQ(Post(console, session, "/api/rules/edit",
+                 R"({"name":"nope","enabled":true})")
                 .status,
             422);
 }
@@ -122,16 +126,19 @@ TEST_F(ConsoleToolsTest, TheWhitelistAndExceptionsAreReplacedAsWholeLists) {
   EXPECT_EQ(whitelist->GetStrings("users"), std::vector<std::string>{"root"});
   EXPECT_EQ(whitelist->GetStrings("groups"), std::vector<std::string>{"adm"});
   EXPECT_EQ(lists.GetStrings("exceptions"), std::vector<std::string>{a_});
-  EXPECT_NE(kxtest::ReadFile("/opt/korvex/etc/aec/white-list.config").find("adm"),
-            std::string::npos);
+  EXPECT_NE(
+      kxtest::ReadFile("/opt/korvex/etc/aec/white-list.config").find("adm"),
+      std::string::npos);
 
-  const HttpReply emptied =
-      Post(console, session, "/api/whitelist", R"({"users":["root"],"groups":[]})");
+  const HttpReply emptied = Post(console, session, "/api/whitelist",
+                                 R"({"users":["root"],"groups":[]})");
   ASSERT_EQ(emptied.status, 200) << emptied.body;
-  ASSERT_EQ(Post(console, session, "/api/exceptions", R"({"resources":[]})").status,
-            200);
+  ASSERT_EQ(
+      Post(console, session, "/api/exceptions", R"({"resources":[]})").status,
+      200);
   lists = ParseJson(Get(console, session, "/api/lists").body);
-  EXPECT_EQ(lists.Find("whitelist")->GetStrings("groups"), std::vector<std::string>{});
+  EXPECT_EQ(lists.Find("whitelist")->GetStrings("groups"),
+            std::vector<std::string>{});
   EXPECT_EQ(lists.Find("whitelist")->GetStrings("users"),
             std::vector<std::string>{"root"});
   EXPECT_EQ(lists.GetStrings("exceptions"), std::vector<std::string>{});
@@ -154,7 +161,8 @@ TEST_F(ConsoleToolsTest, SwitchingHardModeOnShowsTheConfirmationFlow) {
   EXPECT_EQ(control.Find("confirmation")->GetInt("state", -1), 1);
   EXPECT_EQ(control.Find("confirmation")->GetString("phase"), "requested");
 
-  const HttpReply confirmed = Post(console, session, "/api/control/confirm", "");
+  const HttpReply confirmed =
+      Post(console, session, "/api/control/confirm", "");
   ASSERT_EQ(confirmed.status, 200) << confirmed.body;
   control = ParseJson(confirmed.body);
   EXPECT_EQ(control.Find("confirmation")->GetInt("state", -1), 2);
@@ -162,7 +170,8 @@ TEST_F(ConsoleToolsTest, SwitchingHardModeOnShowsTheConfirmationFlow) {
   EXPECT_NE(kxtest::ReadFile("/opt/korvex/var/aec_confirm").find("state=2"),
             std::string::npos);
 
-  const JsonValue overview = ParseJson(Get(console, session, "/api/overview").body);
+  const JsonValue overview =
+      ParseJson(Get(console, session, "/api/overview").body);
   EXPECT_EQ(overview.GetInt("state", -1), 1);
   EXPECT_EQ(overview.GetInt("mode", -1), 1);
   EXPECT_FALSE(overview.Find("engine")->GetBool("running", true));

@@ -14,8 +14,8 @@ TEST_F(ConsoleTest, WithACertificateTheConsoleSpeaksHttpsAndTheCookieIsSecure) {
        "-subj", "/CN=127.0.0.1", "-days", "1", "-keyout", dir + "/console.key",
        "-out", dir + "/console.pem"});
   ASSERT_EQ(made.exit_code, 0) << made.err;
-  ConfigureConsole("certificate = " + dir + "/console.pem\nprivate_key = " +
-                   dir + "/console.key\n");
+  ConfigureConsole("certificate = " + dir +
+                   "/console.pem\nprivate_key = " + dir + "/console.key\n");
   servicetest::Service service(root_.dir());
   Console console(root_.dir());
   ASSERT_TRUE(console.tls()) << console.url();
@@ -28,14 +28,16 @@ TEST_F(ConsoleTest, WithACertificateTheConsoleSpeaksHttpsAndTheCookieIsSecure) {
   const std::string cookie = login.Header("set-cookie");
   EXPECT_NE(cookie.find("; Secure"), std::string::npos) << cookie;
   EXPECT_NE(cookie.find("; HttpOnly"), std::string::npos) << cookie;
-  const HttpReply page = Fetch(console, "GET", "/rules", "",
-                               {{"Cookie", cookie.substr(0, cookie.find(';'))}});
+  const HttpReply page =
+      Fetch(console, "GET", "/rules", "",
+            {{"Cookie", cookie.substr(0, cookie.find(';'))}});
   EXPECT_EQ(page.status, 200);
   EXPECT_EQ(page.body, "<!DOCTYPE html><p>page rules</p>\n");
 }
 
 TEST_F(ConsoleTest, AKeyThatCannotBeReadIsExitCodeOne) {
-  ConfigureConsole("certificate = /nonexistent.pem\nprivate_key = /nonexistent.key\n");
+  ConfigureConsole(
+      "certificate = /nonexistent.pem\nprivate_key = /nonexistent.key\n");
   const auto run = kxtest::RunProgram(
       {KX_KXCONSOLE_PATH, "--root", root_.dir(), "--port", "0"});
   EXPECT_EQ(run.exit_code, 1);

@@ -9,7 +9,11 @@ namespace {
 TEST(ConsoleJson, MarkupQuotesAndControlsAreEscaped) {
   EXPECT_EQ(JsonQuote("<a href=\"x\">&</a>\n\\"),
             R"("\u003ca href=\"x\"\u003e\u0026\u003c/a\u003e\n\\")");
-  EXPECT_EQ(JsonQuote(std::string("a\x01" "b", 3)), "\"a\xEF\xBF\xBD" "b\"");
+  EXPECT_EQ(JsonQuote(std::string("a\x01"
+                                  "b",
+                                  3)),
+            "\"a\xEF\xBF\xBD"
+            "b\"");
 }
 
 TEST(ConsoleJson, BytesThatAreNotUtf8BecomeTheReplacementCharacter) {
@@ -18,8 +22,13 @@ TEST(ConsoleJson, BytesThatAreNotUtf8BecomeTheReplacementCharacter) {
 }
 
 TEST(ConsoleJson, AnObjectKeepsTypesAndOrder) {
-  EXPECT_EQ(JsonObject().Str("a", "x").Int("b", -3).Bool("c", false)
-                .Strings("d", {"1", "<"}).Raw("e", "{}").str(),
+  EXPECT_EQ(JsonObject()
+                .Str("a", "x")
+                .Int("b", -3)
+                .Bool("c", false)
+                .Strings("d", {"1", "<"})
+                .Raw("e", "{}")
+                .str(),
             R"({"a":"x","b":-3,"c":false,"d":["1","\u003c"],"e":{}})");
 }
 
@@ -38,9 +47,10 @@ TEST(ConsoleJson, ARequestBodyIsReadWithItsTypes) {
 
 TEST(ConsoleJson, MalformedOrHostileTextIsRefused) {
   for (const std::string& text : std::vector<std::string>{
-       "", "{", "{\"a\":1,}", "[1 2]", "\"\\x\"", "\"\\ud800\"", "01", "1.5",
-        "{\"a\":1} {}", "\"a\nb\"", "\"\\u0000\"", "tru", "\"\xff\"",
-        std::string(40, '[') + std::string(40, ']'), "123456789012345678901"}) {
+           "", "{", "{\"a\":1,}", "[1 2]", "\"\\x\"", "\"\\ud800\"", "01",
+           "1.5", "{\"a\":1} {}", "\"a\nb\"", "\"\\u0000\"", "tru", "\"\xff\"",
+           std::string(40, '[') + std::string(40, ']'),
+           "123456789012345678901"}) {
     EXPECT_THROW(ParseJson(text), JsonError) << text;
   }
   EXPECT_EQ(ParseJson(std::string(30, '[') + std::string(30, ']')).type,
