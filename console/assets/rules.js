@@ -194,7 +194,13 @@
   }
 
   function start() {
-    byId('rules-search').addEventListener('input', renderTable);
+    // Redrawn once typing pauses: a list of thousands of rules is not
+    // rebuilt for every key.
+    let pending = 0;
+    byId('rules-search').addEventListener('input', () => {
+      window.clearTimeout(pending);
+      pending = window.setTimeout(renderTable, 150);
+    });
     byId('rule-add-form').addEventListener('submit', async (event) => {
       event.preventDefault();
       const name = byId('rule-name').value.trim();

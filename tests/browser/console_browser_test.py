@@ -366,6 +366,8 @@ class ConsoleTest(unittest.TestCase):
         self.wait(lambda: not self.find_all('#rules-table tr[data-rule="build-tools"]'),
                   "the search did not hide the rule")
         self.set_value("rules-search", "sort")
+        self.wait(lambda: self.find_all('#rules-table tr[data-rule="build-tools"]'),
+                  "searching for one of its resources did not find the rule")
         self.find('tr[data-rule="build-tools"] .rule-view').click()
         self.wait(lambda: "/usr/bin/sort" in self.text("#rule-detail"),
                   "the rule's resources were not shown")
