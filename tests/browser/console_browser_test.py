@@ -120,8 +120,12 @@ class Sandbox:
         self.kxserv = None
         self.console = None
         self.url = None
-        self.start_service()
-        self.start_console()
+        try:
+            self.start_service()
+            self.start_console()
+        except BaseException:
+            self.close()  # no service left running after a failed start
+            raise
 
     def path(self, relative):
         return os.path.join(self.root, relative)
@@ -214,9 +218,13 @@ def setUpModule():
     os.makedirs(SCREENSHOTS, exist_ok=True)
     os.environ["TZ"] = BROWSER_TZ
     SANDBOX = Sandbox()
-    chromium, driver = find_browser()
-    BROWSER = start_browser(chromium, driver, os.path.join(SANDBOX.base, "profile"))
-    BROWSER.set_script_timeout(WAIT_SECONDS)
+    try:
+        chromium, driver = find_browser()
+        BROWSER = start_browser(chromium, driver, os.path.join(SANDBOX.base, "profile"))
+        BROWSER.set_script_timeout(WAIT_SECONDS)
+    except BaseException:
+        tearDownModule()  # unittest does not call it when this fails
+        raise
 
 
 def tearDownModule():
