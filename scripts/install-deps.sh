@@ -11,6 +11,7 @@ packages=(
   slapd ldap-utils libnss-wrapper gettext
   clang-14 libclang-rt-14-dev valgrind dpkg-dev file
   man-db groff-base
+  openssl
   chromium chromium-driver python3-selenium fonts-dejavu-core
 )
 

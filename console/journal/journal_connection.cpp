@@ -29,22 +29,24 @@ JournalConnection::JournalConnection(const std::string& path,
       deadline_(std::chrono::steady_clock::now() + budget),
       budget_(budget) {
   if (FileAbsent(path)) return;
-  const int rc = sqlite3_open_v2(
-      path.c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+  sqlite3* raw_db = nullptr;
+  const int rc =
+      sqlite3_open_v2(path.c_str(), &raw_db,
+                      SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+  db_.reset(raw_db);  // a failed open still hands over a handle to close
   if (rc != SQLITE_OK) {
     // Removed between the look and the open: as missing as before.
     if (FileAbsent(path)) {
-      sqlite3_close(db_);
-      db_ = nullptr;
+      db_.reset();
       return;
     }
     Fail("cannot open");
   }
-  sqlite3_busy_timeout(db_, kBusyTimeoutMs);
-  sqlite3_progress_handler(db_, kProgressSteps, &JournalConnection::OnProgress,
-                           this);
+  sqlite3_busy_timeout(db_.get(), kBusyTimeoutMs);
+  sqlite3_progress_handler(db_.get(), kProgressSteps,
+                           &JournalConnection::OnProgress, this);
   sqlite3_stmt* raw = nullptr;
-  if (sqlite3_prepare_v2(db_,
+  if (sqlite3_prepare_v2(db_.get(),
                          "SELECT 1 FROM sqlite_master WHERE type = 'table' "
                          "AND name = 'logs'",
                          -1, &raw, nullptr) != SQLITE_OK) {
@@ -53,14 +55,11 @@ JournalConnection::JournalConnection(const std::string& path,
   const int step = sqlite3_step(raw);
   sqlite3_finalize(raw);
   if (step == SQLITE_DONE) {
-    sqlite3_close(db_);
-    db_ = nullptr;
+    db_.reset();
   } else if (step != SQLITE_ROW) {
     Fail("cannot read");
   }
 }
-
-JournalConnection::~JournalConnection() { sqlite3_close(db_); }
 
 int JournalConnection::OnProgress(void* self) {
   auto* connection = static_cast<JournalConnection*>(self);
@@ -77,13 +76,13 @@ void JournalConnection::Fail(const std::string& what) const {
         " ms and was stopped; narrow the filter (a shorter time span, a "
         "user, a group or a program)");
   }
-  const std::string reason =
-      db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
+  const std::string reason = db_ ? sqlite3_errmsg(db_.get()) : "out of memory";
   throw JournalError(what + " the journal " + path_ + ": " + reason);
 }
 
 void JournalConnection::BeginRead() {
-  if (sqlite3_exec(db_, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK) {
+  if (sqlite3_exec(db_.get(), "BEGIN", nullptr, nullptr, nullptr) !=
+      SQLITE_OK) {
     Fail("cannot read");
   }
 }
@@ -91,8 +90,8 @@ void JournalConnection::BeginRead() {
 Statement JournalConnection::Prepare(const std::string& sql,
                                      const std::vector<SqlValue>& values) {
   sqlite3_stmt* raw = nullptr;
-  if (sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size()), &raw,
-                         nullptr) != SQLITE_OK) {
+  if (sqlite3_prepare_v2(db_.get(), sql.c_str(), static_cast<int>(sql.size()),
+                         &raw, nullptr) != SQLITE_OK) {
     Fail("cannot read");
   }
   Statement statement(this, raw);
@@ -137,8 +136,8 @@ std::string Statement::Text(int column) const {
   const auto* text = reinterpret_cast<const char*>(
       sqlite3_column_text(statement_.get(), column));
   if (text == nullptr) return std::string();
-  return std::string(text, static_cast<size_t>(sqlite3_column_bytes(
-                               statement_.get(), column)));
+  return std::string(text, static_cast<size_t>(
+                               sqlite3_column_bytes(statement_.get(), column)));
 }
 
 JournalRow ReadRow(const Statement& statement) {

@@ -31,13 +31,12 @@ class Statement;
 class JournalConnection {
  public:
   JournalConnection(const std::string& path, std::chrono::milliseconds budget);
-  ~JournalConnection();
   JournalConnection(const JournalConnection&) = delete;
   JournalConnection& operator=(const JournalConnection&) = delete;
 
   // True when there is no journal file, or a file without table `logs`
   // (a journal the writer has not set up yet).
-  bool missing() const { return db_ == nullptr; }
+  bool missing() const { return !db_; }
 
   // Starts a read transaction: the statements that follow read one snapshot.
   void BeginRead();
@@ -52,8 +51,13 @@ class JournalConnection {
   friend class Statement;
   static int OnProgress(void* self);
 
+  struct Closer {
+    void operator()(sqlite3* db) const { sqlite3_close(db); }
+  };
+
   std::string path_;
-  sqlite3* db_ = nullptr;
+  // Closed however the constructor is left, a throw included.
+  std::unique_ptr<sqlite3, Closer> db_;
   std::chrono::steady_clock::time_point deadline_;
   std::chrono::milliseconds budget_;
   bool timed_out_ = false;

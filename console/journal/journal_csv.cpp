@@ -62,19 +62,16 @@ void WriteCsv(const std::string& db_path, const JournalFilter& filter,
   const WhereClause where = BuildWhere(filter);
   JournalConnection connection(db_path, budget);
   out << "time,event,outcome,program,object,user,group\r\n";
-  if (connection.missing()) {
-    if (!out) throw JournalError("writing the CSV failed");
-    return;
-  }
+  if (!out) throw JournalError("writing the CSV failed");
+  if (connection.missing()) return;
   Statement rows =
       connection.Prepare(CsvSql(where), Append(where.values, {row_cap}));
   while (rows.Step()) {
     const JournalRow row = ReadRow(rows);
     // A row without a time has no time to show, not the epoch.
     out << (rows.IsNull(1) ? std::string() : IsoTime(row.time));
-    for (const std::string* field :
-         {&row.event, &row.outcome, &row.program, &row.object, &row.user,
-          &row.group}) {
+    for (const std::string* field : {&row.event, &row.outcome, &row.program,
+                                     &row.object, &row.user, &row.group}) {
       out << ',';
       WriteField(*field, out);
     }

@@ -15,8 +15,7 @@ using detail::WhereClause;
 constexpr std::chrono::milliseconds kQueryBudget{kQueryBudgetMs};
 
 int64_t Count(JournalConnection& connection, const WhereClause& where) {
-  Statement count =
-      connection.Prepare(detail::CountSql(where), where.values);
+  Statement count = connection.Prepare(detail::CountSql(where), where.values);
   if (!count.Step()) connection.Fail("cannot count the rows of");
   return count.Int(0);
 }
@@ -50,8 +49,7 @@ JournalPage QueryJournal(const std::string& db_path,
   return page;
 }
 
-int64_t CountDenials(const std::string& db_path, int64_t since,
-                     int64_t until) {
+int64_t CountDenials(const std::string& db_path, int64_t since, int64_t until) {
   JournalFilter filter;
   filter.since = since;
   filter.until = until;

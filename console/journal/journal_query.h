@@ -73,7 +73,7 @@ JournalPage QueryJournal(const std::string& db_path, const JournalFilter&);
 // Every row the filter matches (page and per_page are ignored), newest
 // first, at most kCsvRowCap, as CSV (RFC 4180, CRLF line ends) with the
 // header `time,event,outcome,program,object,user,group`; time as ISO 8601
-// UTC ("2026-11-21T10:15:30Z"). A field holding a comma, quote, CR or LF is
+// UTC ("2026-11-21T10:15:30Z"; empty for a row without one). A field holding a comma, quote, CR or LF is
 // quoted with quotes doubled; a field starting with = + - @ TAB or CR gets
 // a leading ' so that a spreadsheet shows it as text instead of running it
 // as a formula. A missing journal gives the header alone. Rows are written

@@ -208,6 +208,16 @@ JournalFilter FilterOf(const std::map<std::string, std::string>& query) {
     }
     (std::string(key) == "since" ? filter.since : filter.until) = n;
   }
+  // The journal library refuses these too; checked here so that a bad
+  // filter is the client's 400 and a JournalError means the journal itself.
+  constexpr std::int64_t kLastTime = 253402300799;  // 9999-12-31
+  if ((filter.since && *filter.since > kLastTime) ||
+      (filter.until && *filter.until > kLastTime)) {
+    throw JsonError("times must be before the year 10000");
+  }
+  if (filter.since && filter.until && *filter.since > *filter.until) {
+    throw JsonError("\"since\" must not be after \"until\"");
+  }
   filter.event = get("event");
   if (filter.event != "" && filter.event != "exec" &&
       filter.event != "library" && filter.event != "file") {

@@ -100,33 +100,18 @@ bool ParseQuery(const std::string& text,
   return true;
 }
 
-std::string HtmlEscape(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&#39;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
 std::int64_t Now() { return static_cast<std::int64_t>(std::time(nullptr)); }
+
+// Compares in time independent of where the texts differ, so that a
+// token cannot be guessed byte by byte from response times.
+bool SameSecret(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  unsigned char diff = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  }
+  return diff == 0;
+}
 
 bool IsStateChanging(http::verb verb) {
   return verb == http::verb::post || verb == http::verb::put ||
@@ -220,12 +205,12 @@ Response ConsoleApp::Page(http::status status, const std::string& title,
   response.body() =
       "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
       "<title>" +
-      HtmlEscape(title) + "</title>" +
+      XmlEscape(title) + "</title>" +
       (assets_.count("app.css")
            ? "<link rel=\"stylesheet\" href=\"/assets/app.css\">"
            : "") +
-      "</head><body data-page=\"message\"><main><h1>" + HtmlEscape(title) +
-      "</h1><p>" + HtmlEscape(text) + "</p></main></body></html>\n";
+      "</head><body data-page=\"message\"><main><h1>" + XmlEscape(title) +
+      "</h1><p>" + XmlEscape(text) + "</p></main></body></html>\n";
   response.prepare_payload();
   return response;
 }
@@ -248,6 +233,11 @@ Response ConsoleApp::ServeFile(const std::string& name, unsigned version) {
   response.body() = content.str();
   response.prepare_payload();
   return response;
+}
+
+std::string ConsoleApp::CookieFor(const std::string& id, bool tls) const {
+  return "kxsession=" + id + "; HttpOnly; SameSite=Strict; Path=/; Max-Age=" +
+         std::to_string(sessions_.idle_seconds()) + (tls ? "; Secure" : "");
 }
 
 std::string ConsoleApp::SessionCookie(const Request& request) const {
@@ -275,9 +265,18 @@ Response ConsoleApp::Login(const Request& request, const std::string& token,
   bool valid = token.size() == 64 &&
                token.find_first_not_of("0123456789abcdef") == std::string::npos;
   if (valid) {
-    const auto reply = Ask("<kxserv command=\"console-redeem\" token=\"" +
-                           XmlEscape(token) + "\"/>");
-    valid = reply.get<std::string>("result", "") == "1";
+    try {
+      const auto reply = Ask("<kxserv command=\"console-redeem\" token=\"" +
+                             XmlEscape(token) + "\"/>");
+      valid = reply.get<std::string>("result", "") == "1";
+    } catch (const ServiceUnreachable& e) {
+      Log(e.what());
+      return Page(http::status::service_unavailable, "Login not possible",
+                  std::string(e.what()) +
+                      ". The link stays valid until it "
+                      "expires: open it again when the service runs.",
+                  version);
+    }
   }
   if (!valid) {
     Log("refused a login link that is not valid");
@@ -291,12 +290,7 @@ Response ConsoleApp::Login(const Request& request, const std::string& token,
   Log("opened a console session");
   Response response(http::status::see_other, version);
   response.set(http::field::location, "/");
-  response.set(http::field::set_cookie,
-               "kxsession=" + id +
-                   "; HttpOnly; SameSite=Strict; Path=/; "
-                   "Max-Age=" +
-                   std::to_string(sessions_.idle_seconds()) +
-                   (tls ? "; Secure" : ""));
+  response.set(http::field::set_cookie, CookieFor(id, tls));
   response.prepare_payload();
   return response;
 }
@@ -340,13 +334,18 @@ Response ConsoleApp::Route(const Request& request, bool tls) {
                   "There is no such page.", version);
     }
     Sessions::Session session;
-    if (!sessions_.Touch(SessionCookie(request), Now(), &session)) {
+    const std::string id = SessionCookie(request);
+    if (!sessions_.Touch(id, Now(), &session)) {
       Response response(http::status::see_other, version);
       response.set(http::field::location, "/welcome");
       response.prepare_payload();
       return response;
     }
-    return ServeFile(page->second, version);
+    Response response = ServeFile(page->second, version);
+    // The browser's copy of the cookie lives as long as the session would
+    // from now, so a console in use is not logged out by the cookie's age.
+    response.set(http::field::set_cookie, CookieFor(id, tls));
+    return response;
   }
 
   Call call{request, path, std::move(query), SessionCookie(request), {}, {}};
@@ -373,7 +372,7 @@ Response ConsoleApp::Api(Call& call, bool tls) {
   }
   if (IsStateChanging(call.request.method())) {
     const std::string csrf(call.request["X-CSRF-Token"]);
-    if (csrf.empty() || csrf != call.session.csrf) {
+    if (csrf.empty() || !SameSecret(csrf, call.session.csrf)) {
       Log("refused " + method + " " + call.path +
           ": CSRF token missing or wrong");
       return ApiError(http::status::forbidden, "csrf",

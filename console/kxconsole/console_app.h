@@ -72,6 +72,8 @@ class ConsoleApp {
   Response Login(const Request& request, const std::string& token, bool tls);
   Response Api(Call& call, bool tls);
   std::string SessionCookie(const Request& request) const;
+  // The Set-Cookie value of session `id`.
+  std::string CookieFor(const std::string& id, bool tls) const;
   void Log(const std::string& line) const {
     if (log_) log_(line);
   }

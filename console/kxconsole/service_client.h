@@ -35,8 +35,8 @@ class ServiceClient {
   int timeout_ms_;
 };
 
-// XML text with '&', '<', '>', '"' and '\'' escaped, for values put into
-// request documents.
+// Text with '&', '<', '>', '"' and '\'' escaped: for values put into
+// request documents, and into the console's own HTML pages.
 std::string XmlEscape(const std::string& text);
 
 }  // namespace kxconsole

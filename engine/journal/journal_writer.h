@@ -11,7 +11,7 @@
 // The journal is the database the plug-in's "log" and "loglist" commands
 // read: table `logs` (columns in journal_schema.h), WAL mode so that readers
 // and the writer never block one another, with the indexes those commands'
-// filters use (time, user, program).
+// filters use (time, user, group, program).
 //
 // Failure: an unopenable or unwritable journal (missing directory, read-only
 // file system, full disk, corrupt file) never reaches Submit(). The writer

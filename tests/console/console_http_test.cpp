@@ -92,6 +92,9 @@ TEST_F(ConsoleTest, EveryPageIsServedWithASession) {
     const HttpReply reply = Get(console, session, page.first);
     EXPECT_EQ(reply.status, 200) << page.first;
     EXPECT_EQ(reply.body, "<!DOCTYPE html><p>page " + page.second + "</p>\n");
+    EXPECT_EQ(reply.Header("set-cookie")
+                  .compare(0, session.cookie.size() + 1, session.cookie + ";"),
+              0);
     ExpectSecurityHeaders(reply);
   }
 }
@@ -220,6 +223,10 @@ TEST_F(ConsoleTest, AStoppedServiceIsReportedAndTheNextRequestReachesItAgain) {
   service->Stop();
   service.reset();
 
+  const HttpReply login =
+      Fetch(console, "GET", "/login?token=" + std::string(64, 'a'));
+  EXPECT_EQ(login.status, 503);
+  EXPECT_NE(login.body.find("not reachable"), std::string::npos) << login.body;
   const HttpReply down = Get(console, session, "/api/control");
   EXPECT_EQ(down.status, 503);
   const kxconsole::JsonValue error = kxconsole::ParseJson(down.body);

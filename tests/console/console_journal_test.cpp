@@ -67,6 +67,12 @@ TEST_F(ConsoleJournalTest, RowsAreFilteredPagedAndEscaped) {
   ASSERT_EQ(page.Find("rows")->items.size(), 1u);
   EXPECT_EQ(page.Find("rows")->items[0].GetString("program"), "/usr/bin/make");
 
+  EXPECT_EQ(Get(console, session, "/api/journal?since=20&until=10").status,
+            400);
+  EXPECT_EQ(Get(console, session, "/api/journal?until=999999999999").status,
+            400);
+  EXPECT_EQ(Get(console, session, "/api/journal?event=open").status, 400);
+
   page = ParseJson(
       Get(console, session,
           "/api/journal?since=" + std::to_string(now_ - 1000) + "&event=exec")

@@ -55,6 +55,22 @@ TEST_F(ConsoleToolsTest, ARuleAddedThroughTheApiIsWrittenAndListed) {
       << again.body;
 }
 
+TEST_F(ConsoleToolsTest, ARuleForAllUsersIsAddedAsOne) {
+  servicetest::Service service(root_.dir());
+  Console console(root_.dir());
+  const Session session = LogIn(console, service.socket());
+  const HttpReply added =
+      Post(console, session, "/api/rules/add",
+           R"({"name":"every","users":["root"],"all":true,"resources":[")" +
+               a_ + "\"]}");
+  ASSERT_EQ(added.status, 200) << added.body;
+  const JsonValue list = ParseJson(Get(console, session, "/api/rules").body);
+  const JsonValue* rule = FindRule(list, "every");
+  ASSERT_NE(rule, nullptr);
+  EXPECT_TRUE(rule->GetBool("all", false));
+  EXPECT_EQ(rule->GetStrings("resources"), std::vector<std::string>{a_});
+}
+
 TEST_F(ConsoleToolsTest, ARuleIsDisabledRenamedAndRemovedThroughTheApi) {
   servicetest::Service service(root_.dir());
   Console console(root_.dir());

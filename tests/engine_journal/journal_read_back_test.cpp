@@ -103,6 +103,10 @@ constexpr const char* kLogByUser =
     "SELECT app, object_name FROM logs WHERE event_id >= 1050 AND "
     "event_id <= 1053 AND username = 'alice'";
 
+constexpr const char* kLogByGroup =
+    "SELECT app, object_name FROM logs WHERE event_id >= 1050 AND "
+    "event_id <= 1053 AND groupname = 'staff'";
+
 TEST_F(ReadBackTest, TheQueryCommandsFiltersUseTheWritersIndexes) {
   {
     JournalWriter writer(OptionsFor(kJournalPath));
@@ -118,6 +122,9 @@ TEST_F(ReadBackTest, TheQueryCommandsFiltersUseTheWritersIndexes) {
       << PlanOf(kLogByApp);
   EXPECT_NE(PlanOf(kLogByUser).find("INDEX logs_user_time"), std::string::npos)
       << PlanOf(kLogByUser);
+  EXPECT_NE(PlanOf(kLogByGroup).find("INDEX logs_group_time"),
+            std::string::npos)
+      << PlanOf(kLogByGroup);
 }
 
 // A journal made before the writer had its indexes gains them on open.
@@ -125,11 +132,14 @@ TEST_F(ReadBackTest, AnOlderJournalGainsTheIndexesWhenTheWriterOpensIt) {
   kxjournal::WriteJournal(kJournalPath,
                         {journal_test::Row(1050, "/bin/a", "\"/bin/a\";")});
   EXPECT_EQ(PlanOf(kLogByUser).find("logs_user_time"), std::string::npos);
+  EXPECT_EQ(PlanOf(kLogByGroup).find("logs_group_time"), std::string::npos);
   {
     JournalWriter writer(OptionsFor(kJournalPath));
     ASSERT_TRUE(writer.Submit(Event(1050, "/bin/b", "/bin/b")));
   }
   EXPECT_NE(PlanOf(kLogByUser).find("INDEX logs_user_time"), std::string::npos);
+  EXPECT_NE(PlanOf(kLogByGroup).find("INDEX logs_group_time"),
+            std::string::npos);
   EXPECT_EQ(CountRows(kJournalPath), 2);
 }
 

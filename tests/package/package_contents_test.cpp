@@ -96,14 +96,17 @@ TEST_F(PackageContentsTest,
       "./opt/korvex/lib/cmake/KorvexHost/KorvexHostConfigVersion.cmake",
       "./opt/korvex/lib/cmake/KorvexHost/KorvexHostTargets.cmake",
       "./opt/korvex/lib/systemd/system/kxaecd.service",
+      "./opt/korvex/lib/systemd/system/kxconsole.service",
       "./opt/korvex/lib/systemd/system/kxserv.service",
       "./opt/korvex/libexec/kxaec-baseline-refresh",
       "./opt/korvex/sbin/kxaecd",
+      "./opt/korvex/sbin/kxconsole",
       "./opt/korvex/sbin/kxserv",
       "./opt/korvex/share/locale/korvex-aec.pot",
       "./opt/korvex/share/man/man8/kxaecctl.8",
       "./opt/korvex/share/man/man8/kxaecd.8",
       "./opt/korvex/share/man/man8/kxaide.8",
+      "./opt/korvex/share/man/man8/kxconsole.8",
       "./opt/korvex/share/man/man8/kxctl.8",
       "./opt/korvex/share/man/man8/kxhost.8",
       "./opt/korvex/share/man/man8/kxserv.8",
@@ -114,6 +117,17 @@ TEST_F(PackageContentsTest,
        it != end; ++it) {
     expected.insert("./opt/korvex/include/host/" +
                     it->path().filename().string());
+  }
+  // The web console's pages, as committed.
+  const std::string assets = std::string(KX_SOURCE_DIR) + "/console/assets";
+  if (boost::filesystem::is_directory(assets)) {
+    for (boost::filesystem::directory_iterator it(assets), end; it != end;
+         ++it) {
+      const std::string name = it->path().filename().string();
+      if (name[0] != '.') {
+        expected.insert("./opt/korvex/share/kxconsole/" + name);
+      }
+    }
   }
   std::set<std::string> targets;
   for (const auto& file : files) {
