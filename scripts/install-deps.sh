@@ -12,6 +12,7 @@ packages=(
   clang-14 libclang-rt-14-dev valgrind dpkg-dev file
   man-db groff-base
   openssl
+  chromium chromium-driver python3-selenium fonts-dejavu-core
 )
 
 missing=()
