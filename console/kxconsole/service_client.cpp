@@ -34,30 +34,7 @@ boost::property_tree::ptree ServiceClient::Ask(
 }
 
 std::string XmlEscape(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
+  return kxhost::EscapeMarkup(text);
 }
 
 }  // namespace kxconsole

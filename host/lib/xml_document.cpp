@@ -64,16 +64,7 @@ void PlaceChild(pt::ptree* tree, const std::string& name, pt::ptree& child,
   slot->swap(child);
 }
 
-// Text as the tree writer encodes it: a text of spaces only keeps its first
-// space as a character reference (the parser would drop it as layout
-// otherwise), the five markup characters become entities.
-void AppendEncoded(std::string* out, const std::string& text) {
-  if (text.empty()) return;
-  if (text.find_first_not_of(' ') == std::string::npos) {
-    out->append("&#32;");
-    out->append(text.size() - 1, ' ');
-    return;
-  }
+void AppendMarkupEscaped(std::string* out, const std::string& text) {
   for (const char c : text) {
     switch (c) {
       case '<': out->append("&lt;"); break;
@@ -84,6 +75,19 @@ void AppendEncoded(std::string* out, const std::string& text) {
       default: out->push_back(c);
     }
   }
+}
+
+// Text as the tree writer encodes it: a text of spaces only keeps its first
+// space as a character reference (the parser would drop it as layout
+// otherwise), the five markup characters become entities.
+void AppendEncoded(std::string* out, const std::string& text) {
+  if (text.empty()) return;
+  if (text.find_first_not_of(' ') == std::string::npos) {
+    out->append("&#32;");
+    out->append(text.size() - 1, ' ');
+    return;
+  }
+  AppendMarkupEscaped(out, text);
 }
 
 // Writes ` name="value"` for each attribute; a name that becomes the same as
@@ -310,6 +314,13 @@ const boost::property_tree::ptree& TreeOf(const IXml& xml) {
     throw std::logic_error("TreeOf: the document was not made by this host");
   }
   return document->Tree();
+}
+
+std::string EscapeMarkup(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  AppendMarkupEscaped(&out, text);
+  return out;
 }
 
 }  // namespace kxhost

@@ -74,4 +74,9 @@ KX_HOST_INTERNAL boost::shared_ptr<XmlDocument> ParseXml(
 // process is an XmlDocument); throws std::logic_error for another type.
 KX_HOST_INTERNAL const boost::property_tree::ptree& TreeOf(const IXml& xml);
 
+// `text` with the five markup characters as entities (&amp; &lt; &gt;
+// &quot; &apos;): safe as element text and as an attribute value in either
+// quotes, in XML and in HTML. Other bytes are kept as they are.
+KX_HOST_INTERNAL std::string EscapeMarkup(const std::string& text);
+
 }  // namespace kxhost

@@ -163,7 +163,7 @@ TEST(HostAbi, OnlyTheMarkedInternalsAreExported) {
       "kxhost::SeedFreshInstall(",   "kxhost::SealFreshInstall(",
       "kxhost::SettingsDb(",         "kxhost::CloseSettingsDb(",
       "kxhost::XmlDocument",         "kxhost::ParseXml(",
-      "kxhost::TreeOf(",
+      "kxhost::TreeOf(",             "kxhost::EscapeMarkup(",
       // What the long-running service shares with kxhost.
       "kxhost::EnterSandboxedRoot(", "kxhost::LoadPlugin(",
       "kxhost::LoadError",           "kxhost::SetEventObserver("};

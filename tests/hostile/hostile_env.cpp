@@ -219,29 +219,7 @@ void HostileTest::ExpectNoSideEffects(bool config_may_change) {
 }
 
 std::string XmlEscape(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
+  return kxhost::EscapeMarkup(text);
 }
 
 std::string JsonString(const std::string& text) {
