@@ -45,6 +45,8 @@ import console_browser_test as browser_test  # noqa: E402
 # answers the page's marks (ms since navigation start).
 WAIT_FOR_TABLE = """
 const [want, done] = arguments;
+const began = performance.now();
+let seen = null;
 function mark(name) {
   const found = performance.getEntriesByName(name, 'mark');
   return found.length ? found[0].startTime : null;
@@ -52,11 +54,12 @@ function mark(name) {
 function check() {
   const rows = document.querySelectorAll('#rules-table tbody tr').length;
   if (rows < want) { requestAnimationFrame(check); return; }
+  seen = performance.now();
   // One more frame: the rows have been laid out and painted.
   requestAnimationFrame(() => setTimeout(() => {
     const api = performance.getEntriesByType('resource')
         .filter((e) => e.name.endsWith('/api/rules'))[0];
-    done({rows, drawn: performance.now(),
+    done({rows, drawn: performance.now(), began, seen,
           fetch_start: api ? api.startTime : null,
           response_end: api ? api.responseEnd : null,
           fetched: mark('kx-rules-fetched'), rendered: mark('kx-rules-rendered'),
@@ -133,6 +136,11 @@ def timed(function):
     return (time.perf_counter() - start) * 1000, result
 
 
+def ms_or_unknown(value):
+    """A page timestamp; the page may lack a mark (an older rules.js)."""
+    return "?" if value is None else f"{value:.0f}"
+
+
 def median(values):
     return statistics.median(values) if values else float("nan")
 
@@ -201,10 +209,13 @@ def main():
                 parts["rows"].append(page["drawn"])
             print(f"run {run + 1}: a {times['a'][-1]:.0f} ms, "
                   f"b {times['b'][-1]:.0f} ms, c {times['c'][-1]:.0f} ms "
-                  f"(in page: fetch from {page['fetch_start']:.0f}, "
-                  f"fetched+parsed {page['fetched']:.0f}, "
-                  f"table built {page['rendered']:.0f}, "
-                  f"drawn {page['drawn']:.0f})")
+                  "(in page, ms: " + ", ".join(
+                      f"{label} {ms_or_unknown(page[key])}" for key, label in (
+                          ("fetch_start", "fetch from"),
+                          ("fetched", "fetched+parsed"),
+                          ("rendered", "table built"), ("drawn", "drawn"),
+                          ("began", "waited from"), ("seen", "rows seen"))) +
+                  ")")
         a, b, c = (median(times[k]) for k in "abc")
         print(f"\nmedians of {args.repeat}, {args.rules} rules:")
         print(f"  a. kxctl get (baseline)       {a:8.1f} ms  "
