@@ -173,8 +173,12 @@
   async function load() {
     try {
       const data = await get('/api/rules');
+      // Marks in the browser's performance timeline, so a slow page can be
+      // split into fetching and drawing (bench/console_rules_bench.py).
+      performance.mark('kx-rules-fetched');
       rules = data.rules;
       renderTable();
+      performance.mark('kx-rules-rendered');
       if (shownRule !== null) showDetail(shownRule);
     } catch (e) {
       reportError(e);
