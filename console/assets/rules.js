@@ -4,7 +4,12 @@
 
 (() => {
   const {el, byId, clear, splitList, message, reportError, get, post} = KX;
+  const kPerPage = 100;
   let rules = [];
+  let page = 1;
+  // Pages need a stable order, and the service lists rules in its directory's
+  // order; numeric so that rule-9 comes before rule-10.
+  const kByName = new Intl.Collator('en', {numeric: true});
   let shownRule = null;  // name of the rule in #rule-detail
 
   function matches(rule, needle) {
@@ -62,16 +67,40 @@
     ]);
   }
 
-  function renderTable() {
+  // The rules matching the search; paging and the count work on this list.
+  function filtered() {
     const needle = byId('rules-search').value.trim().toLowerCase();
+    return rules.filter((rule) => matches(rule, needle));
+  }
+
+  // Only one page of rows is in the document: the browser's style and layout
+  // of thousands of rows with their buttons costs seconds, while filtering
+  // every rule in memory stays instant.
+  function renderTable() {
+    const shown = filtered();
+    const pages = Math.max(1, Math.ceil(shown.length / kPerPage));
+    page = Math.min(Math.max(1, page), pages);
+    const first = (page - 1) * kPerPage;
+    const onPage = shown.slice(first, first + kPerPage);
     const body = byId('rules-table').tBodies[0];
     clear(body);
-    const shown = rules.filter((rule) => matches(rule, needle));
-    // Built off-document and added at once: thousands of rows stay quick.
     const fragment = document.createDocumentFragment();
-    shown.forEach((rule) => fragment.appendChild(row(rule)));
+    onPage.forEach((rule) => fragment.appendChild(row(rule)));
     body.appendChild(fragment);
-    KX.setText('rules-count', `${shown.length} of ${rules.length} rules`);
+    const range = onPage.length ? `${first + 1}–${first + onPage.length}` : '0';
+    const matching = shown.length === rules.length ? ''
+                                                   : ` matching (${rules.length} in all)`;
+    KX.setText('rules-count', `Rules ${range} of ${shown.length}${matching}`);
+    KX.setText('rules-page', `Page ${page} of ${pages}`);
+    byId('rules-prev').disabled = page <= 1;
+    byId('rules-next').disabled = page >= pages;
+  }
+
+  // Moves to the page holding `name` (a rule just added or renamed), so the
+  // change is in view; a rule the search hides leaves the page as it is.
+  function turnToRule(name) {
+    const index = filtered().findIndex((rule) => rule.name === name);
+    if (index >= 0) page = Math.floor(index / kPerPage) + 1;
   }
 
   function listBlock(title, field, values, rule) {
@@ -170,13 +199,15 @@
     panel.hidden = false;
   }
 
-  async function load() {
+  // showName: a rule whose page is shown afterwards (one just added or renamed).
+  async function load(showName) {
     try {
       const data = await get('/api/rules');
       // Marks in the browser's performance timeline, so a slow page can be
       // split into fetching and drawing (bench/console_rules_bench.py).
       performance.mark('kx-rules-fetched');
-      rules = data.rules;
+      rules = data.rules.sort((a, b) => kByName.compare(a.name, b.name));
+      if (showName !== undefined) turnToRule(showName);
       renderTable();
       performance.mark('kx-rules-rendered');
       if (shownRule !== null) showDetail(shownRule);
@@ -191,7 +222,7 @@
       await post(path, body);
       message(done, false);
       if (nextShown !== undefined) shownRule = nextShown;
-      await load();
+      await load(nextShown);
     } catch (e) {
       reportError(e);
     }
@@ -203,7 +234,18 @@
     let pending = 0;
     byId('rules-search').addEventListener('input', () => {
       window.clearTimeout(pending);
-      pending = window.setTimeout(renderTable, 150);
+      pending = window.setTimeout(() => {
+        page = 1;
+        renderTable();
+      }, 150);
+    });
+    byId('rules-prev').addEventListener('click', () => {
+      page -= 1;
+      renderTable();
+    });
+    byId('rules-next').addEventListener('click', () => {
+      page += 1;
+      renderTable();
     });
     byId('rule-add-form').addEventListener('submit', async (event) => {
       event.preventDefault();
@@ -219,7 +261,7 @@
         await post('/api/rules/add', body);
         message(`Rule ${name} added.`, false);
         byId('rule-add-form').reset();
-        await load();
+        await load(name);
       } catch (e) {
         reportError(e);
       }

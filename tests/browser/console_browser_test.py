@@ -85,6 +85,21 @@ CREATE TABLE IF NOT EXISTS dropped_events (
 """
 
 
+def rule_file_text(name, users, groups, resources, enabled=True, extended=False):
+    """A rule file as the plug-in writes it (AecRule::ToJson)."""
+    rule = {
+        "name": name,
+        "all_allowed": "false",
+        "extended": "true" if extended else "false",
+        "system": "false",
+        "enable": "true" if enabled else "false",
+        "user_list": sorted(users),
+        "group_list": sorted(groups),
+        "resource_list": sorted(resources),
+    }
+    return json.dumps(rule, indent=4) + "\n"
+
+
 class Journal:
     """Writes rows as the engine's journal writer does (docs/journal.md)."""
 
@@ -405,6 +420,68 @@ class ConsoleTest(unittest.TestCase):
         self.find(f"{renamed} .rule-remove").click()
         self.wait(lambda: not self.find_all(renamed), "the removed rule is still listed")
         self.assertFalse(os.path.exists(self.rule_file("renamed-rule")))
+
+    def test_rules_page_pages_through_many_rules_and_search_covers_all(self):
+        directory = self.sandbox.path("etc/aec/rules")
+        names = [f"paged-{i:03d}" for i in range(250)]
+        for name in names:
+            with open(os.path.join(directory, f"{name}.conf"), "w") as f:
+                f.write(rule_file_text(name, ["user7"], ["paged-group"],
+                                       [f"/usr/lib/lib{name[-3:]}.so"]))
+
+        def remove_files():
+            for name in names:
+                os.remove(os.path.join(directory, f"{name}.conf"))
+        self.addCleanup(remove_files)
+
+        self.login()
+        total = len(json.loads(self.fetch("GET", "/api/rules")["body"])["rules"])
+        self.assertGreaterEqual(total, 250)
+        pages = (total + 99) // 100
+        self.open("/rules", "rules")
+        rows = "#rules-table tbody tr"
+        self.wait(lambda: self.text("#rules-count") == f"Rules 1–100 of {total}",
+                  f"the first page did not count 100 of {total} rules")
+        self.assertEqual(self.text("#rules-page"), f"Page 1 of {pages}")
+        self.assertEqual(len(self.find_all(rows)), 100)
+        self.assertTrue(self.find_all('tr[data-rule="paged-000"]'))
+        self.assertFalse(self.find_all('tr[data-rule="paged-249"]'))
+        self.assertFalse(self.find("#rules-prev").is_enabled())
+        self.screenshot("rules-paged")
+
+        self.find("#rules-next").click()
+        self.wait(lambda: self.text("#rules-page") == f"Page 2 of {pages}",
+                  "next did not go to page 2")
+        self.assertEqual(self.text("#rules-count"), f"Rules 101–200 of {total}")
+        self.assertFalse(self.find_all('tr[data-rule="paged-000"]'))
+        self.assertTrue(self.find("#rules-prev").is_enabled())
+        for _ in range(pages - 2):
+            self.find("#rules-next").click()
+        self.wait(lambda: self.text("#rules-page") == f"Page {pages} of {pages}",
+                  "next did not reach the last page")
+        self.assertEqual(len(self.find_all(rows)), total - 100 * (pages - 1))
+        self.assertFalse(self.find("#rules-next").is_enabled())
+        self.find("#rules-prev").click()
+        self.wait(lambda: self.text("#rules-page") == f"Page {pages - 1} of {pages}",
+                  "previous did not go back a page")
+
+        # The search covers every rule, not only the page shown, and starts
+        # again at its own first page.
+        self.set_value("rules-search", "paged-group")
+        in_all = "" if total == 250 else f" matching ({total} in all)"
+        self.wait(lambda: self.text("#rules-count") == f"Rules 1–100 of 250{in_all}",
+                  "the search did not count the 250 rules of its group")
+        self.assertEqual(self.text("#rules-page"), "Page 1 of 3")
+        self.assertTrue(self.find_all('tr[data-rule="paged-000"]'))
+        self.set_value("rules-search", "lib249.so")
+        self.wait(lambda: self.text("#rules-count") == f"Rules 1–1 of 1 matching ({total} in all)",
+                  "searching for a resource of a rule on the last page did not find it")
+        self.assertEqual(self.text("#rules-page"), "Page 1 of 1")
+        self.assertEqual([r.get_attribute("data-rule") for r in self.find_all(rows)],
+                         ["paged-249"])
+        self.find('tr[data-rule="paged-249"] .rule-view').click()
+        self.wait(lambda: "/usr/lib/lib249.so" in self.text("#rule-detail"),
+                  "the found rule's resources were not shown")
 
     def test_control_switched_on_and_hard_mode_goes_through_confirmation(self):
         self.login()
