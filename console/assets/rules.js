@@ -5,11 +5,11 @@
 (() => {
   const {el, byId, clear, splitList, message, reportError, get, post} = KX;
   const kPerPage = 100;
-  let rules = [];
-  let page = 1;
   // Pages need a stable order, and the service lists rules in its directory's
   // order; numeric so that rule-9 comes before rule-10.
   const kByName = new Intl.Collator('en', {numeric: true});
+  let rules = [];
+  let page = 1;  // of the rules matching the search
   let shownRule = null;  // name of the rule in #rule-detail
 
   function matches(rule, needle) {

@@ -441,7 +441,8 @@ class ConsoleTest(unittest.TestCase):
         self.open("/rules", "rules")
         rows = "#rules-table tbody tr"
         self.wait(lambda: self.text("#rules-count") == f"Rules 1–100 of {total}",
-                  f"the first page did not count 100 of {total} rules")
+                  f"the first page did not count 100 of {total} rules: "
+                  f"{self.text('#rules-count')!r}")
         self.assertEqual(self.text("#rules-page"), f"Page 1 of {pages}")
         self.assertEqual(len(self.find_all(rows)), 100)
         self.assertTrue(self.find_all('tr[data-rule="paged-000"]'))
