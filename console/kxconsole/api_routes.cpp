@@ -10,9 +10,7 @@
 
 #include "console_app.h"
 
-#ifdef KX_CONSOLE_HAVE_JOURNAL
 #include "journal/journal_query.h"
-#endif
 
 namespace kxconsole {
 namespace {
@@ -191,7 +189,6 @@ std::string EngineDetail(const std::string& status_path, bool* running) {
   return detail.empty() ? "kxaecd is running" : detail;
 }
 
-#ifdef KX_CONSOLE_HAVE_JOURNAL
 JournalFilter FilterOf(const std::map<std::string, std::string>& query) {
   JournalFilter filter;
   auto get = [&](const char* key) {
@@ -250,7 +247,6 @@ bool FileExists(const std::string& path) {
   struct stat info;
   return stat(path.c_str(), &info) == 0;
 }
-#endif
 
 }  // namespace
 
@@ -291,7 +287,6 @@ Response ConsoleApp::GetOverview(Call& call) {
     }
   }
   std::int64_t hour = 0, day = 0;
-#ifdef KX_CONSOLE_HAVE_JOURNAL
   if (FileExists(settings_.journal_path)) {
     const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
     try {
@@ -301,7 +296,6 @@ Response ConsoleApp::GetOverview(Call& call) {
       Log(std::string("journal: ") + e.what());
     }
   }
-#endif
   bool running = false;
   const std::string detail = EngineDetail(settings_.status_path, &running);
   const std::string confirmation_state =
@@ -638,7 +632,6 @@ Response ConsoleApp::GetWhatIf(Call& call) {
             call);
 }
 
-#ifdef KX_CONSOLE_HAVE_JOURNAL
 Response ConsoleApp::GetJournal(Call& call) {
   const JournalFilter filter = FilterOf(call.query);
   JournalPage page;
@@ -723,15 +716,5 @@ Response ConsoleApp::GetJournalChart(Call& call) {
   if (!FileExists(settings_.journal_path)) out.Str("journal", "missing");
   return Ok(out.str(), call);
 }
-#else
-// Built without the journal library: the routes exist and say so.
-Response ConsoleApp::GetJournal(Call& call) {
-  return ApiError(http::status::service_unavailable, "journal_unavailable",
-                  "This kxconsole was built without the journal library.",
-                  call.request.version());
-}
-Response ConsoleApp::GetJournalCsv(Call& call) { return GetJournal(call); }
-Response ConsoleApp::GetJournalChart(Call& call) { return GetJournal(call); }
-#endif
 
 }  // namespace kxconsole
