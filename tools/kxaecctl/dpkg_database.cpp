@@ -13,8 +13,8 @@
 #include <optional>
 #include <sstream>
 #include <thread>
-#include <unordered_map>
 
+#include "resolved_directories.h"
 #include "tool_error.h"
 
 namespace aectool {
@@ -100,30 +100,6 @@ bool OpenList(const std::string& info_dir, const InstalledPackage& package,
 // Paths checked at a time (see CheckAll).
 constexpr int kCheckers = 8;
 
-// The directory part of an absolute path ("/" for a file at the root).
-std::string DirectoryOf(const std::string& path) {
-  const auto slash = path.rfind('/');
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-// realpath of directories, each resolved once.
-class ResolvedDirectories {
- public:
-  std::optional<std::string> Resolve(const std::string& dir) {
-    auto found = known_.find(dir);
-    if (found == known_.end()) {
-      char buffer[PATH_MAX];
-      std::optional<std::string> resolved;
-      if (::realpath(dir.c_str(), buffer) != nullptr) resolved = buffer;
-      found = known_.emplace(dir, std::move(resolved)).first;
-    }
-    return found->second;
-  }
-
- private:
-  std::unordered_map<std::string, std::optional<std::string>> known_;
-};
-
 // What one listed path turned out to be.
 struct Listed {
   enum Kind { kVanished, kDangling, kOther, kLoadable } kind = kOther;
@@ -143,11 +119,9 @@ Listed Check(const std::string& path, ResolvedDirectories* directories) {
     if (!MayBeCode(link_status.st_mode, path)) return listed;
     // A file's own name is no link: only its directory needs resolving,
     // and the lists name the same few directories over and over.
-    const std::optional<std::string> parent =
-        directories->Resolve(DirectoryOf(path));
-    if (!parent) return listed;
-    listed.resolved =
-        (*parent == "/" ? "" : *parent) + path.substr(path.rfind('/'));
+    const std::optional<std::string> resolved = directories->FileIn(path);
+    if (!resolved) return listed;
+    listed.resolved = *resolved;
   } else {
     char buffer[PATH_MAX];
     if (::realpath(path.c_str(), buffer) == nullptr) {

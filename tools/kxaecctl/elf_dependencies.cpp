@@ -18,6 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "resolved_directories.h"
+
 namespace aectool {
 namespace {
 
@@ -254,16 +256,13 @@ bool ReadElf(const std::string& path, ElfInfo* info) {
 }
 
 // realpath, remembered by path like ReadElf. The same libraries are reached
-// from every program, and thousands of files share a few directories, so a
-// directory is resolved once (realpath reads every link on the way) and a
-// file then costs one lstat: unless it is a link itself, it is its
-// directory's real path and its own name.
+// from every program, and thousands of files share a few directories: a
+// file that is not a link itself costs one lstat (ResolvedDirectories).
 std::optional<std::string> Canonical(const std::string& path) {
   static std::mutex mutex;
   static auto& known =
       *new std::unordered_map<std::string, std::optional<std::string>>();
-  static auto& dirs =
-      *new std::unordered_map<std::string, std::optional<std::string>>();
+  static auto& directories = *new ResolvedDirectories();
   std::lock_guard<std::mutex> lock(mutex);
   auto found = known.find(path);
   if (found != known.end()) return found->second;
@@ -275,19 +274,7 @@ std::optional<std::string> Canonical(const std::string& path) {
   if (slash != std::string::npos && slash != 0 && leaf != "." && leaf != ".." &&
       !leaf.empty() && ::lstat(path.c_str(), &info) == 0 &&
       !S_ISLNK(info.st_mode)) {
-    const std::string dir = path.substr(0, slash);
-    auto resolved = dirs.find(dir);
-    if (resolved == dirs.end()) {
-      char buffer[PATH_MAX];
-      resolved = dirs.emplace(dir, ::realpath(dir.c_str(), buffer) != nullptr
-                                       ? std::optional<std::string>(buffer)
-                                       : std::nullopt)
-                     .first;
-    }
-    if (resolved->second) {
-      canonical = *resolved->second == "/" ? "/" + leaf
-                                           : *resolved->second + "/" + leaf;
-    }
+    canonical = directories.FileIn(path);
   } else {
     char buffer[PATH_MAX];
     if (::realpath(path.c_str(), buffer) != nullptr) canonical = buffer;
