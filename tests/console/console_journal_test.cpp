@@ -17,15 +17,7 @@ const std::string kJournal = "/opt/korvex/var/log/audit_logs.db";
 kxjournal::JournalRow Row(int event, std::int64_t time, const std::string& app,
                           const std::string& object, const std::string& user,
                           int success) {
-  kxjournal::JournalRow row;
-  row.event_id = event;
-  row.date_time = std::to_string(time);
-  row.app = app;
-  row.object_name = kxjournal::FrameObjectName(object);
-  row.username = user;
-  row.groupname = user;
-  row.success = success;
-  return row;
+  return kxjournal::WriterRow(event, time, app, object, user, user, success);
 }
 
 class ConsoleJournalTest : public ConsoleTest {

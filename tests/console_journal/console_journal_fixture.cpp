@@ -13,15 +13,8 @@ kxjournal::JournalRow Row(int event_id, int64_t time,
                           const std::string& program, const std::string& object,
                           const std::string& user, const std::string& group,
                           int success) {
-  kxjournal::JournalRow row;
-  row.event_id = event_id;
-  row.date_time = std::to_string(time);
-  row.app = program;
-  row.object_name = kxjournal::FrameObjectName(object);
-  row.username = user;
-  row.groupname = group;
-  row.success = success;
-  return row;
+  return kxjournal::WriterRow(event_id, time, program, object, user, group,
+                              success);
 }
 
 std::vector<int64_t> Ids(const kxconsole::JournalPage& page) {

@@ -32,19 +32,7 @@ std::string Replace(std::string text, const std::string& from,
 
 // A small journal of three events for the journal commands to read.
 void MakeJournal(const std::string& path) {
-  auto row = [](int event_id, std::int64_t time, const std::string& app,
-                const std::string& object, const std::string& user,
-                const std::string& group, int success) {
-    kxjournal::JournalRow r;
-    r.event_id = event_id;
-    r.date_time = std::to_string(time);
-    r.app = app;
-    r.object_name = kxjournal::FrameObjectName(object);
-    r.username = user;
-    r.groupname = group;
-    r.success = success;
-    return r;
-  };
+  const auto row = kxjournal::WriterRow;
   kxjournal::WriteJournal(
       path, {row(1050, 1795256130, "/usr/bin/make", "/usr/bin/make", "alice",
                  "devs", 0),

@@ -142,6 +142,20 @@ std::string FrameObjectName(const std::string& path) {
   return "\"" + path + "\";";
 }
 
+JournalRow WriterRow(int event_id, std::int64_t time, const std::string& app,
+                     const std::string& object, const std::string& user,
+                     const std::string& group, int success) {
+  JournalRow row;
+  row.event_id = event_id;
+  row.date_time = std::to_string(time);
+  row.app = app;
+  row.object_name = FrameObjectName(object);
+  row.username = user;
+  row.groupname = group;
+  row.success = success;
+  return row;
+}
+
 void WriteJournal(const std::string& path,
                   const std::vector<JournalRow>& rows) {
   Db db = CreateJournal(path);

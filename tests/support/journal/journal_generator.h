@@ -34,6 +34,12 @@ struct JournalRow {
 // "\"" + path + "\";"
 std::string FrameObjectName(const std::string& path);
 
+// A row as the engine's journal writer stores it: the object framed, every
+// other column as given.
+JournalRow WriterRow(int event_id, std::int64_t time, const std::string& app,
+                     const std::string& object, const std::string& user,
+                     const std::string& group, int success);
+
 // Creates a journal at `path` (replacing any file there) holding `rows`.
 // A date_time that parses whole as an integer is stored as an integer, any
 // other text as text.
