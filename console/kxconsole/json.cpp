@@ -1,53 +1,18 @@
 #include "json.h"
 
-#include <cstdio>
 
+#include "host/json_text.h"
 #include "host/utf8_text.h"
 
 namespace kxconsole {
 
 std::string JsonQuote(const std::string& raw) {
-  const std::string text = kxtext::ToXmlText(raw);
-  std::string out = "\"";
-  out.reserve(text.size() + 2);
-  for (const char c : text) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '<':
-        out += "\\u003c";
-        break;
-      case '>':
-        out += "\\u003e";
-        break;
-      case '&':
-        out += "\\u0026";
-        break;
-      default:
-        if (byte < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-          out += escaped;
-        } else {
-          out += c;
-        }
-    }
-  }
-  return out + "\"";
+  kxtext::JsonStringStyle style;
+  style.short_backspace_formfeed = false;
+  style.escape_markup = true;
+  std::string out;
+  kxtext::AppendJsonString(kxtext::ToXmlText(raw), &out, style);
+  return out;
 }
 
 std::string JsonStringArray(const std::vector<std::string>& items) {

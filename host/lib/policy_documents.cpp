@@ -1,10 +1,10 @@
 #include "policy_documents.h"
 
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "host/json_text.h"
 #include "xml_document.h"
 
 namespace kxhost {
@@ -65,45 +65,6 @@ void TakeValue(const pt::ptree& value, std::string text, PolicyEntry* entry) {
   } else {
     entry->text = std::move(text);
   }
-}
-
-void AppendJsonString(const std::string& text, std::string* out) {
-  *out += '"';
-  for (const char c : text) {
-    switch (c) {
-      case '"':
-        *out += "\\\"";
-        break;
-      case '\\':
-        *out += "\\\\";
-        break;
-      case '\n':
-        *out += "\\n";
-        break;
-      case '\r':
-        *out += "\\r";
-        break;
-      case '\t':
-        *out += "\\t";
-        break;
-      case '\b':
-        *out += "\\b";
-        break;
-      case '\f':
-        *out += "\\f";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x",
-                        static_cast<unsigned>(static_cast<unsigned char>(c)));
-          *out += escaped;
-        } else {
-          *out += c;  // UTF-8 passes as it is.
-        }
-    }
-  }
-  *out += '"';
 }
 
 }  // namespace
@@ -227,9 +188,9 @@ std::string PoliciesJson(const std::vector<std::shared_ptr<IPolicy>>& policies,
     out += "        {\n";
     for (std::size_t i = 0; i < 4; ++i) {
       out += "            ";
-      AppendJsonString(fields[i].first, &out);
+      kxtext::AppendJsonString(fields[i].first, &out);
       out += ": ";
-      AppendJsonString(fields[i].second, &out);
+      kxtext::AppendJsonString(fields[i].second, &out);
       out += i + 1 < 4 ? ",\n" : "\n";
     }
     out += "        }";

@@ -11,8 +11,8 @@
 
 #include "host/document_limits.h"
 #include "host/file_util.h"
+#include "host/json_text.h"
 #include "host/log.h"
-#include "host/utf8_text.h"
 #include "host_log.h"
 
 namespace {
@@ -39,47 +39,15 @@ std::string StringOr(const boost::property_tree::ptree& tree,
 }
 
 std::string JsonString(const std::string& text) {
-  static const char kHex[] = "0123456789abcdef";
-  std::ostringstream out;
-  out << '"';
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    const unsigned char u = static_cast<unsigned char>(c);
-    switch (c) {
-      case '"':
-        out << "\\\"";
-        break;
-      case '\\':
-        out << "\\\\";
-        break;
-      case '\n':
-        out << "\\n";
-        break;
-      case '\r':
-        out << "\\r";
-        break;
-      case '\t':
-        out << "\\t";
-        break;
-      default:
-        if (u < 0x20) {
-          out << "\\u00" << kHex[u >> 4] << kHex[u & 0xf];
-        } else if (u < 0x80) {
-          out << c;
-        } else if (const std::size_t length =
-                       kxtext::Utf8SequenceLength(text, i)) {
-          out << text.substr(i, length);
-          i += length - 1;
-        } else {
-          // JSON readers refuse a file with a byte that is not UTF-8, and a
-          // record that cannot be read loses every source in it (central
-          // control included). Such a byte is kept as its code point.
-          out << "\\u00" << kHex[u >> 4] << kHex[u & 0xf];
-        }
-    }
-  }
-  out << '"';
-  return out.str();
+  kxtext::JsonStringStyle style;
+  style.short_backspace_formfeed = false;
+  // JSON readers refuse a file with a byte that is not UTF-8, and a record
+  // that cannot be read loses every source in it (central control
+  // included). Such a byte is kept as its code point.
+  style.invalid_utf8_as_code_point = true;
+  std::string out;
+  kxtext::AppendJsonString(text, &out, style);
+  return out;
 }
 
 }  // namespace

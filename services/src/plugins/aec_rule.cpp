@@ -12,6 +12,7 @@
 #include "aec_paths.h"
 #include "host/errors.h"
 #include "host/file_util.h"
+#include "host/json_text.h"
 #include "host/log.h"
 #include "host/utf8_text.h"
 #include "ixml_add_array.h"
@@ -29,48 +30,15 @@ void ReadList(const pt::ptree& tree, const char* key,
     items.insert(child.second.data());
 }
 
-// A JSON string as the rule files have always been written: every byte from
-// 0x20 to 0xFF except '"', '/' and '\\' as it is, the C escapes, "\\u00XX"
-// for the other control bytes. The checksum database seals these exact
-// bytes, so the writer may not drift from them.
+// A JSON string as the rule files are written: every byte from 0x20 to
+// 0xFF except '"', '/' and '\\' as it is, the C escapes, "\\u00XX" for the
+// other control bytes. The checksum database seals these exact bytes, so the
+// writer may not drift from them.
 void AppendJsonString(std::string* out, const std::string& text) {
-  static const char kHex[] = "0123456789ABCDEF";
-  *out += '"';
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (c >= 0x20 && c != '"' && c != '/' && c != '\\') {
-      *out += ch;
-      continue;
-    }
-    *out += '\\';
-    switch (c) {
-      case '\b':
-        *out += 'b';
-        break;
-      case '\f':
-        *out += 'f';
-        break;
-      case '\n':
-        *out += 'n';
-        break;
-      case '\r':
-        *out += 'r';
-        break;
-      case '\t':
-        *out += 't';
-        break;
-      case '/':
-      case '"':
-      case '\\':
-        *out += ch;
-        break;
-      default:
-        *out += "u00";
-        *out += kHex[c >> 4];
-        *out += kHex[c & 15];
-    }
-  }
-  *out += '"';
+  kxtext::JsonStringStyle style;
+  style.escape_slash = true;
+  style.upper_case_hex = true;
+  kxtext::AppendJsonString(text, out, style);
 }
 
 void AppendMember(std::string* out, const char* key, const std::string& value,
