@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/unique_fd.h"
+
 namespace kxfs {
 namespace {
 
@@ -46,18 +48,17 @@ void WriteAll(int fd, const std::string& content, const std::string& temp) {
   }
 }
 
-// Removes the temporary file unless the rename has consumed it.
+// Closes the temporary file and removes it unless the rename has consumed it.
 class TempFile {
  public:
   explicit TempFile(std::string path) : path_(std::move(path)) {}
   ~TempFile() {
-    if (fd_ >= 0) close(fd_);
     if (!path_.empty()) unlink(path_.c_str());
   }
   TempFile(const TempFile&) = delete;
   TempFile& operator=(const TempFile&) = delete;
 
-  int fd_ = -1;
+  kxfs::UniqueFd fd_;
   std::string path_;
 };
 
@@ -75,15 +76,14 @@ void ReplaceFile(const std::string& path, const std::string& content,
   const int fd = mkostemp(name.data(), O_CLOEXEC);
   if (fd < 0) Fail("create a temporary file for", path, errno);
   TempFile temp(name.data());
-  temp.fd_ = fd;
+  temp.fd_.reset(fd);
 
   WriteAll(fd, content, temp.path_);
   if (fchmod(fd, static_cast<mode_t>(mode)) != 0) {
     Fail("set the mode of", temp.path_, errno);
   }
   if (fsync(fd) != 0) Fail("flush", temp.path_, errno);
-  const int closing = temp.fd_;
-  temp.fd_ = -1;
+  const int closing = temp.fd_.release();
   if (close(closing) != 0) Fail("close", temp.path_, errno);
   if (rename(temp.path_.c_str(), path.c_str()) != 0) {
     Fail("rename over", path, errno);

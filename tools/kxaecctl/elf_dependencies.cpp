@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/unique_fd.h"
 #include "resolved_directories.h"
 
 namespace aectool {
@@ -46,20 +47,16 @@ class File {
  public:
   explicit File(const std::string& path)
       : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-  ~File() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
 
   // Also reads the head; false for anything but a readable regular file.
   bool OpenRegular() {
     struct stat info;
-    if (fd_ < 0 || ::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) {
+    if (fd_.get() < 0 || ::fstat(fd_.get(), &info) != 0 ||
+        !S_ISREG(info.st_mode)) {
       return false;
     }
     for (;;) {
-      const ssize_t got = ::pread(fd_, head_, sizeof head_, 0);
+      const ssize_t got = ::pread(fd_.get(), head_, sizeof head_, 0);
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) return false;
       // A short read at the end of the file is the whole file.
@@ -78,7 +75,7 @@ class File {
     auto* bytes = static_cast<char*>(out);
     std::size_t done = 0;
     while (done < size) {
-      const ssize_t got = ::pread(fd_, bytes + done, size - done,
+      const ssize_t got = ::pread(fd_.get(), bytes + done, size - done,
                                   static_cast<off_t>(offset + done));
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) return false;
@@ -88,7 +85,7 @@ class File {
   }
 
  private:
-  int fd_;
+  kxfs::UniqueFd fd_;
   char head_[4096];
   std::size_t head_size_ = 0;
 };

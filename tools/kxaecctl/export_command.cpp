@@ -27,6 +27,7 @@
 #include "aec_rule.h"
 #include "commands.h"
 #include "host/errors.h"
+#include "host/unique_fd.h"
 #include "shown_object.h"
 #include "tool_error.h"
 #include "tool_paths.h"
@@ -69,17 +70,12 @@ bool IsWithin(const std::string& path, const std::string& dir) {
 class Directory {
  public:
   explicit Directory(int fd) : fd_(fd) {}
-  Directory(const Directory&) = delete;
-  Directory& operator=(const Directory&) = delete;
-  ~Directory() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
 
   // The path the open directory has now (not the one it was opened by).
   std::optional<std::string> Path() const {
     char link[64];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd_);
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd_.get());
     char resolved[PATH_MAX];
     const ssize_t length = ::readlink(link, resolved, sizeof resolved - 1);
     if (length <= 0) return std::nullopt;
@@ -87,7 +83,7 @@ class Directory {
   }
 
  private:
-  int fd_;
+  kxfs::UniqueFd fd_;
 };
 
 // Checks that `real_dir` may receive an export: outside the install root,

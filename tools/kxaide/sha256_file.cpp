@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "host/unique_fd.h"
 #include "kxaide/aide_error.h"
 
 namespace kxaide {
@@ -17,20 +18,6 @@ namespace {
 
 struct ContextDeleter {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
 };
 
 [[noreturn]] void CannotRead(const std::string& path, int error) {
@@ -42,7 +29,8 @@ class FileDescriptor {
 std::string Sha256File(const std::string& path) {
   // O_NONBLOCK: a FIFO swapped in for a listed file after it was looked at
   // must not hang the run; it is refused below as not a regular file.
-  FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const kxfs::UniqueFd file(
+      ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (file.get() < 0) CannotRead(path, errno);
   struct stat info;
   if (::fstat(file.get(), &info) != 0) CannotRead(path, errno);

@@ -7,22 +7,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/unique_fd.h"
+
 namespace aec {
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 [[noreturn]] void Fail(ConfigReadError::Kind kind, const std::string& path,
                        const std::string& why) {
@@ -41,7 +29,7 @@ std::string ReadConfigFile(const std::string& path, std::size_t max_bytes,
                            Links links) {
   int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
   if (links == Links::kRefuse) flags |= O_NOFOLLOW;
-  const Descriptor file(::open(path.c_str(), flags));
+  const kxfs::UniqueFd file(::open(path.c_str(), flags));
   if (file.get() < 0) {
     if (errno == ELOOP && links == Links::kRefuse) {
       Fail(ConfigReadError::Kind::kNotRegular, path, "a symbolic link");
