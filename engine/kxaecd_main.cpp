@@ -27,6 +27,7 @@
 #include "file_events.h"
 #include "host/log.h"
 #include "journal/journal_writer.h"
+#include "lib/daemon_signals.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
 #include "parameters.h"
@@ -404,11 +405,7 @@ public:
     }
     Log(LOG_INFO, "started");
     std::thread watcher([this] { WatchLoop(); });
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGHUP);
+    const sigset_t set = kxhost::DaemonSignals();
     int sig = 0;
     for (;;) {
       sigwait(&set, &sig);
@@ -604,12 +601,6 @@ int main(int argc, char **argv) {
   runtime.mirror_to_stderr = o.verbose;
   kxhost::Configure(runtime);
   // Every thread inherits the blocked signals; main waits for them.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  kxhost::BlockDaemonSignals();
   return Daemon(std::move(o)).Run();
 }

@@ -15,6 +15,7 @@
 #include "common/frame.h"
 #include "config.h"
 #include "host/ixml.h"
+#include "lib/daemon_signals.h"
 #include "lib/plugin_loader.h"
 #include "lib/runtime.h"
 #include "lib/sandbox.h"
@@ -177,13 +178,7 @@ int main(int argc, char** argv) {
 
   // The signals are taken by the loop's signalfd; every thread, the worker
   // included, must have them blocked from the start.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  kxhost::BlockDaemonSignals();
 
   kxserv::Worker worker;
   kxserv::Server server(plugin, &worker, options.config, config);

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "common/frame.h"
+#include "lib/daemon_signals.h"
 #include "log.h"
 #include "notices.h"
 #include "peer.h"
@@ -113,11 +114,7 @@ void Server::Open(const std::string& socket_path) {
   if (event_fd_ < 0) throw std::runtime_error(Errno("eventfd"));
   Add(epoll_fd_, event_fd_, kEventTag, EPOLLIN);
 
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGHUP);
+  const sigset_t signals = kxhost::DaemonSignals();
   signal_fd_ = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
   if (signal_fd_ < 0) throw std::runtime_error(Errno("signalfd"));
   Add(epoll_fd_, signal_fd_, kSignalTag, EPOLLIN);
