@@ -49,6 +49,14 @@ void CollectFailures(const ptree& node, std::vector<std::string>* out) {
   }
 }
 
+// Why a run of the tool through the service failed: its error, else what the
+// tool itself printed, else `fallback`.
+std::string ToolRunFailure(const ptree& reply, const char* fallback) {
+  std::string message = Text(reply, "error_desc");
+  if (message.empty()) message = Text(reply, "messages");
+  return message.empty() ? fallback : message;
+}
+
 std::string Join(const std::vector<std::string>& parts) {
   std::string out;
   for (const auto& part : parts) out += (out.empty() ? "" : "; ") + part;
@@ -582,10 +590,7 @@ Response ConsoleApp::GetProposals(Call& call) {
   const ptree reply =
       Ask("<kxserv command=\"propose\"" + PeriodAttributes(call.query) + "/>");
   if (Text(reply, "result") != "1") {
-    std::string message = Text(reply, "error_desc");
-    if (message.empty()) message = Text(reply, "messages");
-    return Rejected(message.empty() ? "The proposal run failed." : message,
-                    call);
+    return Rejected(ToolRunFailure(reply, "The proposal run failed."), call);
   }
   std::string proposals = "[";
   for (const auto& document : ReportObjects(Text(reply, "report"))) {
@@ -619,10 +624,7 @@ Response ConsoleApp::GetWhatIf(Call& call) {
   const ptree reply =
       Ask("<kxserv command=\"simulate\"" + PeriodAttributes(call.query) + "/>");
   if (Text(reply, "result") != "1") {
-    std::string message = Text(reply, "error_desc");
-    if (message.empty()) message = Text(reply, "messages");
-    return Rejected(message.empty() ? "The what-if run failed." : message,
-                    call);
+    return Rejected(ToolRunFailure(reply, "The what-if run failed."), call);
   }
   return Ok(JsonObject()
                 .Bool("would_deny", Text(reply, "exit_code") == "26")
