@@ -5,14 +5,10 @@
 //
 // kxhost runs under timeout(1): a reader that blocks shows as a killed run,
 // not as a hanging test.
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/property_tree/json_parser.hpp>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,78 +25,32 @@ namespace {
 constexpr int kSecondsAllowed = 30;
 constexpr int kTimedOut = 124;  // timeout(1)'s exit code
 
-struct TimedRun {
-  int exit_code = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 class ConfigReadersTest : public kxtest::SandboxTest {
  protected:
   void SetUp() override {
     kxtest::InstallFakeTool("kxaecctl", {});
     kxtest::InstallFakeTool("kxaide", {});
-    io_ = root_.dir() + "/../io-" + std::to_string(::getpid());
-    ASSERT_EQ(::mkdir(io_.c_str(), 0700), 0);
-  }
-  void TearDown() override {
-    for (const char* name : {"/in", "/out", "/err"}) {
-      ::unlink((io_ + name).c_str());
-    }
-    ::rmdir(io_.c_str());
   }
 
   // kxhost --root <root> -v STEPS, standard input `input`, killed after
   // kSecondsAllowed.
-  TimedRun Kxhost(const std::vector<std::string>& steps,
-                  const std::string& input) {
-    kxtest::WriteFile(io_ + "/in", input);
-    std::vector<std::string> words = {
-        "timeout",      "--signal=KILL", std::to_string(kSecondsAllowed),
-        KX_KXHOST_PATH, "--root",        root_.dir(),
-        "--plugin",     KX_PLUGIN_PATH,  "-v"};
-    words.insert(words.end(), steps.begin(), steps.end());
-    std::vector<char*> argv;
-    for (auto& word : words) argv.push_back(&word[0]);
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      const int in = ::open((io_ + "/in").c_str(), O_RDONLY);
-      const int out =
-          ::open((io_ + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      const int err =
-          ::open((io_ + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      ::dup2(in, 0);
-      ::dup2(out, 1);
-      ::dup2(err, 2);
-      ::execvp("timeout", argv.data());
-      ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    TimedRun run;
-    run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = Slurp(io_ + "/out");
-    run.err = Slurp(io_ + "/err");
-    return run;
+  kxtest::RunResult Kxhost(const std::vector<std::string>& steps,
+                           const std::string& input) {
+    std::vector<std::string> argv = {
+        "/usr/bin/timeout", "--signal=KILL", std::to_string(kSecondsAllowed),
+        KX_KXHOST_PATH,     "--root",        root_.dir(),
+        "--plugin",         KX_PLUGIN_PATH,  "-v"};
+    argv.insert(argv.end(), steps.begin(), steps.end());
+    return kxtest::RunProgram(argv, input);
   }
 
-  pt::ptree Reply(const TimedRun& run) {
+  pt::ptree Reply(const kxtest::RunResult& run) {
     return kxhost::TreeOf(*kxhost::ParseXml(run.out));
   }
 
   void MakeFifo(const std::string& path) {
     ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0) << path;
   }
-
-  std::string io_;
 };
 
 }  // namespace
