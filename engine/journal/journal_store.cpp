@@ -34,6 +34,15 @@ void BindText(sqlite3_stmt* statement, int index, const std::string& text) {
   }
 }
 
+// Runs a prepared statement that returns no rows and resets it for its next
+// use, whatever the outcome; SQLite's message stays readable for Fail. True
+// when it ran to the end.
+bool StepToDone(sqlite3_stmt* statement) {
+  const int rc = sqlite3_step(statement);
+  sqlite3_reset(statement);
+  return rc == SQLITE_DONE;
+}
+
 }  // namespace
 
 bool JournalStore::Open(const std::string& path, std::string* error) {
@@ -133,9 +142,7 @@ bool JournalStore::Append(const std::vector<JournalEvent>& batch,
     BindText(insert_, 5, event.username);
     BindText(insert_, 6, event.groupname);
     sqlite3_bind_int(insert_, 7, event.success);
-    const int rc = sqlite3_step(insert_);
-    sqlite3_reset(insert_);
-    if (rc != SQLITE_DONE) return Fail(error);
+    if (!StepToDone(insert_)) return Fail(error);
   }
   if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
     return Fail(error);
@@ -147,9 +154,7 @@ bool JournalStore::RecordDropped(int64_t now, uint64_t count,
                                  std::string* error) {
   sqlite3_bind_int64(record_dropped_, 1, now);
   sqlite3_bind_int64(record_dropped_, 2, static_cast<sqlite3_int64>(count));
-  const int rc = sqlite3_step(record_dropped_);
-  sqlite3_reset(record_dropped_);
-  return rc == SQLITE_DONE ? true : Fail(error);
+  return StepToDone(record_dropped_) ? true : Fail(error);
 }
 
 bool JournalStore::Trim(uint64_t max_rows, int64_t min_time, size_t limit,
@@ -159,17 +164,13 @@ bool JournalStore::Trim(uint64_t max_rows, int64_t min_time, size_t limit,
   if (max_rows > 0) {
     sqlite3_bind_int64(trim_rows_, 1, static_cast<sqlite3_int64>(max_rows));
     sqlite3_bind_int64(trim_rows_, 2, static_cast<sqlite3_int64>(limit));
-    const int rc = sqlite3_step(trim_rows_);
-    sqlite3_reset(trim_rows_);
-    if (rc != SQLITE_DONE) return Fail(error);
+    if (!StepToDone(trim_rows_)) return Fail(error);
     *deleted += static_cast<uint64_t>(sqlite3_changes(db_));
   }
   if (min_time > 0) {
     sqlite3_bind_int64(trim_age_, 1, min_time);
     sqlite3_bind_int64(trim_age_, 2, static_cast<sqlite3_int64>(limit));
-    const int rc = sqlite3_step(trim_age_);
-    sqlite3_reset(trim_age_);
-    if (rc != SQLITE_DONE) return Fail(error);
+    if (!StepToDone(trim_age_)) return Fail(error);
     *deleted += static_cast<uint64_t>(sqlite3_changes(db_));
   }
   if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
