@@ -15,17 +15,8 @@
 
 namespace aectool {
 
-// Keys of the rule file (docs/rules.md).
-namespace rule_key {
-constexpr const char* kName = "name";
-constexpr const char* kAllAllowed = "all_allowed";
-constexpr const char* kExtended = "extended";
-constexpr const char* kSystem = "system";
-constexpr const char* kEnable = "enable";
-constexpr const char* kUsers = "user_list";
-constexpr const char* kGroups = "group_list";
-constexpr const char* kResources = "resource_list";
-}  // namespace rule_key
+// Keys of the rule file, as the rule record reads and writes them.
+namespace rule_key = aec::rule_key;
 
 class RuleEdit {
  public:

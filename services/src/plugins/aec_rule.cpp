@@ -18,6 +18,7 @@
 #include "ixml_add_array.h"
 
 namespace pt = boost::property_tree;
+namespace key = aec::rule_key;
 
 namespace {
 
@@ -160,19 +161,19 @@ AecRule::AecRule(const std::string& path) : path_(path) {
 }
 
 void AecRule::Init(const pt::ptree& tree) {
-  name_ = tree.get_child("name").get_value<std::string>();
+  name_ = tree.get_child(key::kName).get_value<std::string>();
   // A name becomes a path under the rules directory; one that would leave it
   // or name the directory itself is refused as an invalid rule.
   if (!IsValidName(name_)) {
     throw std::invalid_argument("invalid rule name '" + name_ + "'");
   }
-  all_allowed_ = tree.get_child("all_allowed").get_value<bool>();
-  extended_ = tree.get_child("extended").get_value<bool>();
-  system_ = tree.get_child("system").get_value<bool>();
-  enable_ = tree.get_child("enable").get_value<bool>();
-  ReadList(tree, "user_list", users_);
-  ReadList(tree, "group_list", groups_);
-  ReadList(tree, "resource_list", resources_);
+  all_allowed_ = tree.get_child(key::kAllAllowed).get_value<bool>();
+  extended_ = tree.get_child(key::kExtended).get_value<bool>();
+  system_ = tree.get_child(key::kSystem).get_value<bool>();
+  enable_ = tree.get_child(key::kEnable).get_value<bool>();
+  ReadList(tree, key::kUsers, users_);
+  ReadList(tree, key::kGroups, groups_);
+  ReadList(tree, key::kResources, resources_);
   // The JSON writer passes bytes from 0x80 up as they are, and the JSON
   // reader refuses a file with most bytes that are not UTF-8: such a rule (a
   // policy's XML can carry one) would be saved as a file that no one reads
@@ -226,14 +227,14 @@ std::string AecRule::ToJson() const {
   std::string out;
   out.reserve(size);
   out += "{\n";
-  AppendMember(&out, "name", name_);
-  AppendMember(&out, "all_allowed", FlagText(all_allowed_));
-  AppendMember(&out, "extended", FlagText(extended_));
-  AppendMember(&out, "system", FlagText(system_));
-  AppendMember(&out, "enable", FlagText(enable_));
-  AppendList(&out, "user_list", users_);
-  AppendList(&out, "group_list", groups_);
-  AppendList(&out, "resource_list", resources_, true);
+  AppendMember(&out, key::kName, name_);
+  AppendMember(&out, key::kAllAllowed, FlagText(all_allowed_));
+  AppendMember(&out, key::kExtended, FlagText(extended_));
+  AppendMember(&out, key::kSystem, FlagText(system_));
+  AppendMember(&out, key::kEnable, FlagText(enable_));
+  AppendList(&out, key::kUsers, users_);
+  AppendList(&out, key::kGroups, groups_);
+  AppendList(&out, key::kResources, resources_, true);
   out += "}\n";
   return out;
 }

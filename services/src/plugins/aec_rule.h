@@ -31,6 +31,21 @@
 
 #include "host/ixml.h"
 
+namespace aec {
+// The keys of a rule file (docs/rules.md), for its reader and writer here
+// and for the tool that edits a rule's tree.
+namespace rule_key {
+constexpr const char* kName = "name";
+constexpr const char* kAllAllowed = "all_allowed";
+constexpr const char* kExtended = "extended";
+constexpr const char* kSystem = "system";
+constexpr const char* kEnable = "enable";
+constexpr const char* kUsers = "user_list";
+constexpr const char* kGroups = "group_list";
+constexpr const char* kResources = "resource_list";
+}  // namespace rule_key
+}  // namespace aec
+
 class AecRule {
  public:
   // Reads a rule object (the rule file's shape) from a tree.
