@@ -1,5 +1,7 @@
 // kxaecctl propose: rules proposed from a crafted journal of denials.
+#include <cstdio>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -179,4 +181,48 @@ TEST_F(KxaecctlProposeTest, AUserAllowedThroughAGroupIsNotProposed) {
   EXPECT_EQ(run.out,
             Doc(RuleJson("learned-tool", false, false, false, true, {"daemon"},
                          {}, WithDependencies({tool_, lib_}))));
+}
+
+TEST_F(KxaecctlProposeTest, ManyProgramsComeInPathOrderAndSoDoesWhatIsSaid) {
+  // Rows in reverse path order, the journal read in parts and the rules
+  // built on several threads: rules and messages still follow the paths.
+  std::vector<std::string> programs;
+  for (int i = 0; i < 60; ++i) {
+    char name[16];
+    std::snprintf(name, sizeof name, "p%02d", i);
+    programs.push_back(res_ + name);
+    if (i % 3 != 2) kxtest::WriteFile(programs.back(), "#!/bin/sh\n", 0755);
+  }
+  for (int i = 59; i >= 0; --i) {
+    const std::string user = i % 3 == 1 ? "no-such-user" : "root";
+    journal_.Add({1051, 100 + i, programs[i], programs[i], user, user, 0});
+  }
+  const auto run = Ctl({"propose"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+
+  std::vector<std::string> rules, said;
+  for (std::size_t at = run.out.find("\"learned-p"); at != std::string::npos;
+       at = run.out.find("\"learned-p", at + 1)) {
+    rules.push_back(run.out.substr(at + 1, 11));
+  }
+  std::istringstream lines(run.err);
+  for (std::string line; std::getline(lines, line);) {
+    const auto at = line.find(res_ + "p");
+    if (at != std::string::npos) {
+      said.push_back(line.substr(at, res_.size() + 3));
+    }
+  }
+  std::vector<std::string> expected_rules, expected_said;
+  for (int i = 0; i < 60; ++i) {
+    if (i % 3 == 0) {
+      expected_rules.push_back("learned-" + programs[i].substr(res_.size()));
+    } else {
+      expected_said.push_back(programs[i]);
+    }
+  }
+  EXPECT_EQ(rules, expected_rules) << run.out;
+  EXPECT_EQ(said, expected_said) << run.err;
+  const auto again = Ctl({"propose"});
+  EXPECT_EQ(again.out, run.out);
+  EXPECT_EQ(again.err, run.err);
 }

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <unordered_map>
 #include <vector>
 
@@ -234,19 +235,29 @@ bool ReadElfFile(const std::string& path, ElfInfo* info) {
 // dependencies of a program cost its own headers only. The tool is one
 // short run: a file replaced while it runs is a race that no answer avoids.
 bool ReadElf(const std::string& path, ElfInfo* info) {
-  static std::mutex mutex;
+  static std::shared_mutex mutex;
   static auto& known =
       *new std::unordered_map<std::string, std::optional<ElfInfo>>();
-  std::lock_guard<std::mutex> lock(mutex);
-  auto found = known.find(path);
-  if (found == known.end()) {
-    ElfInfo read;
-    const bool elf = ReadElfFile(path, &read);
-    found = known
-                .emplace(path, elf ? std::optional<ElfInfo>(std::move(read))
-                                   : std::nullopt)
-                .first;
+  {
+    std::shared_lock<std::shared_mutex> lock(mutex);
+    const auto found = known.find(path);
+    if (found != known.end()) {
+      if (!found->second) return false;
+      *info = *found->second;
+      return true;
+    }
   }
+  // Read without the lock: proposals resolve on several threads, and the
+  // reading is the slow part. Two threads may read the same file; the
+  // first answer stays.
+  ElfInfo read;
+  const bool elf = ReadElfFile(path, &read);
+  std::unique_lock<std::shared_mutex> lock(mutex);
+  const auto found =
+      known
+          .emplace(path,
+                   elf ? std::optional<ElfInfo>(std::move(read)) : std::nullopt)
+          .first;
   if (!found->second) return false;
   *info = *found->second;
   return true;
@@ -256,13 +267,15 @@ bool ReadElf(const std::string& path, ElfInfo* info) {
 // from every program, and thousands of files share a few directories: a
 // file that is not a link itself costs one lstat (ResolvedDirectories).
 std::optional<std::string> Canonical(const std::string& path) {
-  static std::mutex mutex;
+  static std::shared_mutex mutex;
   static auto& known =
       *new std::unordered_map<std::string, std::optional<std::string>>();
   static auto& directories = *new ResolvedDirectories();
-  std::lock_guard<std::mutex> lock(mutex);
-  auto found = known.find(path);
-  if (found != known.end()) return found->second;
+  {
+    std::shared_lock<std::shared_mutex> lock(mutex);
+    const auto found = known.find(path);
+    if (found != known.end()) return found->second;
+  }
   std::optional<std::string> canonical;
   const auto slash = path.find_last_of('/');
   const std::string leaf =
@@ -271,11 +284,13 @@ std::optional<std::string> Canonical(const std::string& path) {
   if (slash != std::string::npos && slash != 0 && leaf != "." && leaf != ".." &&
       !leaf.empty() && ::lstat(path.c_str(), &info) == 0 &&
       !S_ISLNK(info.st_mode)) {
+    std::unique_lock<std::shared_mutex> lock(mutex);
     canonical = directories.FileIn(path);
-  } else {
-    char buffer[PATH_MAX];
-    if (::realpath(path.c_str(), buffer) != nullptr) canonical = buffer;
+    return known.emplace(path, std::move(canonical)).first->second;
   }
+  char buffer[PATH_MAX];
+  if (::realpath(path.c_str(), buffer) != nullptr) canonical = buffer;
+  std::unique_lock<std::shared_mutex> lock(mutex);
   return known.emplace(path, std::move(canonical)).first->second;
 }
 
@@ -368,7 +383,7 @@ std::optional<std::string> Search(const std::string& name,
 std::optional<std::string> Resolve(const std::string& name,
                                    const std::string& object,
                                    const ElfInfo& info) {
-  static std::mutex mutex;
+  static std::shared_mutex mutex;
   static auto& known =
       *new std::unordered_map<std::string, std::optional<std::string>>();
   std::string key = name;
@@ -384,12 +399,12 @@ std::optional<std::string> Resolve(const std::string& name,
   }
   if (needs_origin) key.append(DirName(object));
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::shared_lock<std::shared_mutex> lock(mutex);
     const auto found = known.find(key);
     if (found != known.end()) return found->second;
   }
   std::optional<std::string> result = Search(name, object, info);
-  std::lock_guard<std::mutex> lock(mutex);
+  std::unique_lock<std::shared_mutex> lock(mutex);
   known.emplace(std::move(key), result);
   return result;
 }
@@ -454,19 +469,20 @@ Dependencies WalkDependencies(const std::string& path) {
 }  // namespace
 
 // Remembered by path like ReadElf: proposals list the same libraries for
-// many programs, and each walk would visit the same objects again.
-Dependencies FindDependencies(const std::string& path) {
-  static std::mutex mutex;
+// many programs, and each walk would visit the same objects again. Entries
+// are never removed and a node of an unordered_map never moves, so the
+// reference handed out stays valid.
+const Dependencies& FindDependencies(const std::string& path) {
+  static std::shared_mutex mutex;
   static auto& known = *new std::unordered_map<std::string, Dependencies>();
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::shared_lock<std::shared_mutex> lock(mutex);
     const auto found = known.find(path);
     if (found != known.end()) return found->second;
   }
   Dependencies result = WalkDependencies(path);
-  std::lock_guard<std::mutex> lock(mutex);
-  known.emplace(path, result);
-  return result;
+  std::unique_lock<std::shared_mutex> lock(mutex);
+  return known.emplace(path, std::move(result)).first->second;
 }
 
 }  // namespace aectool

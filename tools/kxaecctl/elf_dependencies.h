@@ -29,7 +29,9 @@ struct Dependencies {
 // must not depend on who ran the tool. The file itself is not part of the
 // result. Never throws for unreadable or malformed files: they have no
 // dependencies. What a file's headers say is read once per process and
-// remembered by path (a tool run is short; see the .cpp).
-Dependencies FindDependencies(const std::string& path);
+// remembered by path (a tool run is short; see the .cpp). The result is
+// kept for the life of the process and may be read from any thread; safe
+// to call from several threads at once.
+const Dependencies& FindDependencies(const std::string& path);
 
 }  // namespace aectool

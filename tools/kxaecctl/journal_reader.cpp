@@ -3,9 +3,12 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <limits>
 
+#include "parallel.h"
 #include "tool_error.h"
 
 namespace aectool {
@@ -57,14 +60,14 @@ class Connection {
 
 // The framing the journal puts around an object: a quote before, a quote
 // and a semicolon after.
-std::string Unframed(const unsigned char* text, int length) {
-  if (length <= 0) return "";
-  const char* chars = reinterpret_cast<const char*>(text);
-  if (length >= 3 && chars[0] == '"' && chars[length - 2] == '"' &&
-      chars[length - 1] == ';') {
-    return std::string(chars + 1, length - 3);
+void Unframe(const std::string& framed, std::string* object) {
+  const std::size_t length = framed.size();
+  if (length >= 3 && framed[0] == '"' && framed[length - 2] == '"' &&
+      framed[length - 1] == ';') {
+    object->assign(framed, 1, length - 3);
+  } else {
+    object->assign(framed);
   }
-  return std::string(chars, length);
 }
 
 bool Text(sqlite3_stmt* statement, int column, std::string* out) {
@@ -95,13 +98,24 @@ std::int64_t ParseJournalTime(const std::string& option,
   return seconds;
 }
 
-JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
-                        const std::function<void(const JournalRow&)>& on_row) {
+namespace {
+
+struct IdRange {
+  std::int64_t first = 0;  // ids from first
+  std::int64_t last = 0;   // to last, both included
+};
+
+void RequireJournal(const std::string& path) {
   struct stat status;
   if (::stat(path.c_str(), &status) != 0) {
     throw ToolError(Exit::kConfigMissing,
                     "the journal " + path + " does not exist");
   }
+}
+
+JournalScan ScanRange(const std::string& path, const JournalFilter& filter,
+                      const std::optional<IdRange>& ids,
+                      const std::function<void(const JournalRow&)>& on_row) {
   std::string sql =
       "SELECT event_id, date_time, app, object_name, username, groupname, "
       "success FROM logs WHERE event_id IN (";
@@ -114,6 +128,7 @@ JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
   if (filter.until) sql += " AND date_time < ?2";
   if (filter.user) sql += " AND username = ?3";
   if (filter.group) sql += " AND groupname = ?4";
+  if (ids) sql += " AND id >= ?5 AND id <= ?6";
   sql += " ORDER BY id";
 
   Connection connection(path);
@@ -125,6 +140,10 @@ JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
   }
   if (filter.group) {
     sqlite3_bind_text(statement, 4, filter.group->c_str(), -1, SQLITE_STATIC);
+  }
+  if (ids) {
+    sqlite3_bind_int64(statement, 5, ids->first);
+    sqlite3_bind_int64(statement, 6, ids->last);
   }
   JournalScan scan;
   JournalRow row;
@@ -144,13 +163,72 @@ JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
       ++scan.incomplete;
       continue;
     }
-    row.object = Unframed(reinterpret_cast<const unsigned char*>(framed.data()),
-                          static_cast<int>(framed.size()));
+    Unframe(framed, &row.object);
     if (!Text(statement, 5, &row.groupname)) row.groupname.clear();
     ++scan.rows;
     on_row(row);
   }
   return scan;
+}
+
+// The ids the journal holds, cut into at most `parts` successive ranges
+// of about the same width; none when it holds no rows.
+std::vector<IdRange> IdRanges(const std::string& path, std::size_t parts) {
+  Connection connection(path);
+  sqlite3_stmt* statement =
+      connection.Prepare("SELECT min(id), max(id) FROM logs");
+  if (sqlite3_step(statement) != SQLITE_ROW) {
+    connection.Fail("cannot read the journal");
+  }
+  std::vector<IdRange> ranges;
+  if (sqlite3_column_type(statement, 0) == SQLITE_NULL) return ranges;
+  const std::int64_t first = sqlite3_column_int64(statement, 0);
+  const std::int64_t last = sqlite3_column_int64(statement, 1);
+  // Offsets from `first` in unsigned arithmetic: ids may span the whole
+  // int64 range.
+  const std::uint64_t widest =
+      static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(first);
+  const std::uint64_t count = widest < parts - 1 ? widest + 1 : parts;
+  const std::uint64_t step = widest / count + 1;
+  for (std::uint64_t offset = 0; offset <= widest; offset += step) {
+    IdRange range;
+    range.first =
+        static_cast<std::int64_t>(static_cast<std::uint64_t>(first) + offset);
+    range.last = widest - offset < step
+                     ? last
+                     : static_cast<std::int64_t>(
+                           static_cast<std::uint64_t>(range.first) + step - 1);
+    ranges.push_back(range);
+    if (range.last == last) break;
+  }
+  return ranges;
+}
+
+}  // namespace
+
+JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
+                        const std::function<void(const JournalRow&)>& on_row) {
+  RequireJournal(path);
+  return ScanRange(path, filter, std::nullopt, on_row);
+}
+
+JournalScan ScanJournalInParts(
+    const std::string& path, const JournalFilter& filter,
+    const std::function<void(std::size_t, const JournalRow&)>& on_row) {
+  RequireJournal(path);
+  const std::vector<IdRange> ranges =
+      IdRanges(path, WorkerCount(std::numeric_limits<std::size_t>::max()));
+  std::vector<JournalScan> scans(ranges.size());
+  ForEachInParallel(ranges.size(), [&](std::size_t part) {
+    scans[part] = ScanRange(path, filter, ranges[part],
+                            [&](const JournalRow& row) { on_row(part, row); });
+  });
+  JournalScan total;
+  for (const auto& scan : scans) {
+    total.rows += scan.rows;
+    total.incomplete += scan.incomplete;
+  }
+  return total;
 }
 
 }  // namespace aectool

@@ -45,6 +45,16 @@ struct JournalScan {
 JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
                         const std::function<void(const JournalRow&)>& on_row);
 
+// ScanJournal with the journal cut into ranges of ids read at the same
+// time, each on its own connection and thread (WorkerCount of
+// parallel.h): on_row(part, row) is called for the rows of each part in
+// journal order, and for different parts at the same time. For callers
+// that gather per part and do not depend on the order between parts. Rows
+// written after the scan began may be left out. Throws as ScanJournal.
+JournalScan ScanJournalInParts(
+    const std::string& path, const JournalFilter& filter,
+    const std::function<void(std::size_t, const JournalRow&)>& on_row);
+
 // "--since"/"--until" values: whole seconds since the epoch, as the
 // journal's date_time holds them. Throws ToolError(kInvalidDateTime).
 std::int64_t ParseJournalTime(const std::string& option,

@@ -4,15 +4,12 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
-#include <condition_variable>
-#include <deque>
-#include <exception>
+#include <algorithm>
+#include <limits>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
-#include <thread>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -22,6 +19,7 @@
 #include "elf_dependencies.h"
 #include "journal_reader.h"
 #include "learning_options.h"
+#include "parallel.h"
 #include "resources.h"
 #include "rule_edit.h"
 #include "tool_error.h"
@@ -51,6 +49,12 @@ constexpr const char* kHelp =
 
 enum class PathKind { kMissing, kFile, kDirectory };
 
+PathKind KindOf(const std::string& path) {
+  struct stat info;
+  if (::stat(path.c_str(), &info) != 0) return PathKind::kMissing;
+  return S_ISDIR(info.st_mode) ? PathKind::kDirectory : PathKind::kFile;
+}
+
 struct Observed {
   std::set<std::string> resources;  // the program and its denied libraries
   std::set<std::string> users;
@@ -62,7 +66,7 @@ struct Proposal {
   std::vector<std::string> users;
   std::vector<std::string> groups;
   std::vector<std::string> resources;  // to hand to add (existing files)
-  std::unique_ptr<AecRule> rule;       // the rule as it would be
+  std::string document;                // the rule as it would be, printed
   bool widens = false;
 };
 
@@ -149,67 +153,6 @@ bool Covered(const std::vector<RuleView>& rules, const std::string& user,
   return true;
 }
 
-// Finds what programs and libraries load on a second thread while the
-// journal is still being read: the two take about as long, and the answers
-// are remembered (FindDependencies) for the proposals made after the scan.
-class DependencyPrefetch {
- public:
-  DependencyPrefetch() : worker_([this] { Run(); }) {}
-  // Stops without waiting for what is still queued (the run failed).
-  ~DependencyPrefetch() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      queue_.clear();
-    }
-    Finish();
-  }
-  DependencyPrefetch(const DependencyPrefetch&) = delete;
-  DependencyPrefetch& operator=(const DependencyPrefetch&) = delete;
-
-  // Queues `path` the first time it is named.
-  void Add(const std::string& path) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!named_.insert(path).second) return;
-    queue_.push_back(path);
-    wake_.notify_one();
-  }
-
-  // Returns once everything queued is done.
-  void Finish() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      done_ = true;
-    }
-    wake_.notify_one();
-    if (worker_.joinable()) worker_.join();
-  }
-
- private:
-  void Run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-      wake_.wait(lock, [this] { return done_ || !queue_.empty(); });
-      if (queue_.empty()) return;
-      const std::string path = std::move(queue_.front());
-      queue_.pop_front();
-      lock.unlock();
-      // Only warms the cache: the proposal asks again and reports.
-      try {
-        FindDependencies(path);
-      } catch (const std::exception&) {
-      }
-      lock.lock();
-    }
-  }
-
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::string> queue_;
-  std::unordered_set<std::string> named_;
-  bool done_ = false;
-  std::thread worker_;  // last: starts once the members above exist
-};
-
 bool Whitelisted(const UsersAndGroups& whitelist, const JournalRow& row) {
   for (const auto& user : whitelist.users) {
     if (user == row.username) return true;
@@ -239,65 +182,108 @@ std::vector<Proposal> Propose(const LongOptions& options,
                                   ? options.values.at("--journal")
                                   : JournalPath();
 
+  // Each part of the journal is gathered on its own thread, then merged:
+  // what is proposed does not depend on the order of the rows.
+  struct Gathered {
+    std::unordered_map<std::string, Observed> programs;
+    std::size_t whitelisted = 0;
+    std::size_t excepted = 0;
+  };
   const std::set<std::string>& exceptions = config.Exceptions();
-  std::size_t whitelisted = 0, excepted = 0;
-  std::map<std::string, Observed> programs;  // sorted: deterministic output
-  DependencyPrefetch prefetch;
-  const JournalScan scan =
-      ScanJournal(journal, filter, [&](const JournalRow& row) {
+  std::vector<Gathered> parts(
+      WorkerCount(std::numeric_limits<std::size_t>::max()));
+  const JournalScan scan = ScanJournalInParts(
+      journal, filter, [&](std::size_t part, const JournalRow& row) {
+        Gathered& gathered = parts[part];
         if (Whitelisted(config.Whitelist(), row)) {
-          ++whitelisted;
+          ++gathered.whitelisted;
           return;
         }
         if (exceptions.count(row.app) != 0 ||
             exceptions.count(row.object) != 0) {
-          ++excepted;
+          ++gathered.excepted;
           return;
         }
-        Observed& observed = programs[row.app];
-        if (observed.resources.insert(row.app).second) prefetch.Add(row.app);
-        if (row.event_id == 1053 &&
-            observed.resources.insert(row.object).second) {
-          prefetch.Add(row.object);
+        auto found = gathered.programs.find(row.app);
+        if (found == gathered.programs.end()) {
+          found = gathered.programs.emplace(row.app, Observed()).first;
+          found->second.resources.insert(row.app);
         }
+        Observed& observed = found->second;
+        if (row.event_id == 1053) observed.resources.insert(row.object);
         observed.users.insert(row.username);
       });
-  prefetch.Finish();
   if (scan.incomplete != 0) {
     err << "kxaecctl: propose: " << scan.incomplete
         << " journal rows without a program, object or user were skipped\n";
   }
-
-  // What each path of the journal is, looked at once: programs share their
-  // libraries, and every proposal lists its program's.
-  std::unordered_map<std::string, PathKind> kinds;
-  const auto kind_of = [&kinds](const std::string& path) {
-    auto found = kinds.find(path);
-    if (found == kinds.end()) {
-      struct stat info;
-      PathKind kind = PathKind::kMissing;
-      if (::stat(path.c_str(), &info) == 0) {
-        kind = S_ISDIR(info.st_mode) ? PathKind::kDirectory : PathKind::kFile;
-      }
-      found = kinds.emplace(path, kind).first;
+  std::size_t whitelisted = 0, excepted = 0;
+  std::map<std::string, Observed> programs;  // sorted: deterministic output
+  for (auto& part : parts) {
+    whitelisted += part.whitelisted;
+    excepted += part.excepted;
+    for (auto& [program, observed] : part.programs) {
+      Observed& merged = programs[program];
+      merged.resources.merge(observed.resources);
+      merged.users.merge(observed.users);
     }
-    return found->second;
+  }
+
+  // What each path of the journal is, and what each file loads (remembered
+  // by FindDependencies for the rules built below), looked at once on every
+  // processor: programs share their libraries.
+  std::vector<const std::string*> paths;
+  {
+    std::unordered_set<std::string_view> named;
+    for (const auto& entry : programs) {
+      for (const auto& resource : entry.second.resources) {
+        if (named.insert(resource).second) paths.push_back(&resource);
+      }
+    }
+  }
+  std::vector<PathKind> path_kinds(paths.size());
+  ForEachInParallel(paths.size(), [&](std::size_t i) {
+    path_kinds[i] = KindOf(*paths[i]);
+    if (path_kinds[i] == PathKind::kFile) FindDependencies(*paths[i]);
+  });
+  std::unordered_map<std::string_view, PathKind> kinds;
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    kinds.emplace(*paths[i], path_kinds[i]);
+  }
+  const auto kind_of = [&kinds](const std::string& path) {
+    const auto found = kinds.find(path);
+    return found != kinds.end() ? found->second : KindOf(path);
   };
   const std::vector<RuleView> enabled_rules = EnabledRules(config);
   AccountCache accounts;
-  std::vector<Proposal> proposals;
+
+  // First, in path order, who each program is proposed for and under
+  // which name; what is said on standard error is kept with the program
+  // so that it comes out in this order whatever thread builds the rule.
+  struct Draft {
+    std::string said_before;  // about the program and its users
+    std::vector<std::string> unresolved;
+    bool proposed = false;
+    bool all_files = true;
+    const AecRule* existing = nullptr;
+    Proposal proposal;
+  };
+  std::vector<Draft> drafts;
+  drafts.reserve(programs.size());
   std::map<std::string, int> names_taken;
   for (const auto& [program, observed] : programs) {
+    drafts.emplace_back();
+    Draft& draft = drafts.back();
     if (kind_of(program) == PathKind::kMissing) {
-      err << "kxaecctl: propose: " << program
-          << " no longer exists; nothing proposed for it\n";
+      draft.said_before = "kxaecctl: propose: " + program +
+                          " no longer exists; nothing proposed for it\n";
       continue;
     }
     std::vector<std::string> users;
     for (const auto& user : observed.users) {
       if (!accounts.Known(user)) {
-        err << "kxaecctl: propose: unknown user " << user << " (ran " << program
-            << ") skipped\n";
+        draft.said_before += "kxaecctl: propose: unknown user " + user +
+                             " (ran " + program + ") skipped\n";
         continue;
       }
       if (!Covered(enabled_rules, user, observed.resources, &accounts)) {
@@ -305,13 +291,13 @@ std::vector<Proposal> Propose(const LongOptions& options,
       }
     }
     if (users.empty()) continue;
-    Proposal proposal;
+    draft.proposed = true;
+    Proposal& proposal = draft.proposal;
     proposal.program = program;
-    bool all_files = true;
     for (const auto& resource : observed.resources) {
       const PathKind kind = kind_of(resource);
       if (kind != PathKind::kMissing) proposal.resources.push_back(resource);
-      all_files = all_files && kind != PathKind::kDirectory;
+      draft.all_files = draft.all_files && kind != PathKind::kDirectory;
     }
     if (filter.group) {
       proposal.groups = {*filter.group};
@@ -330,30 +316,48 @@ std::vector<Proposal> Propose(const LongOptions& options,
       name = base + "-" + std::to_string(n);
     }
     proposal.name = name;
+    draft.existing = config.FindRule(name);
+    proposal.widens = draft.existing != nullptr;
+  }
 
+  // Then each rule, with what its files load: thousands of them, each
+  // independent of the others, so every processor builds some.
+  ForEachInParallel(drafts.size(), [&drafts](std::size_t i) {
+    Draft& draft = drafts[i];
+    if (!draft.proposed) return;
+    Proposal& proposal = draft.proposal;
     ResourceRequest request;
     request.paths = proposal.resources;
     request.dependencies = true;
-    request.checked_files = all_files;
+    request.checked_files = draft.all_files;
+    request.unresolved = &draft.unresolved;
     const std::set<std::string> resources = CollectResources(request);
-    const AecRule* existing = config.FindRule(name);
-    RuleEdit edit = existing ? RuleEdit(*existing) : RuleEdit::New(name);
+    RuleEdit edit = draft.existing ? RuleEdit(*draft.existing)
+                                   : RuleEdit::New(proposal.name);
     std::set<std::string> list_users = edit.List(rule_key::kUsers);
     list_users.insert(proposal.users.begin(), proposal.users.end());
     std::set<std::string> list_groups = edit.List(rule_key::kGroups);
     list_groups.insert(proposal.groups.begin(), proposal.groups.end());
     std::set<std::string> list_resources = edit.List(rule_key::kResources);
     list_resources.insert(resources.begin(), resources.end());
-    if (existing != nullptr) {
-      proposal.widens = true;
-      err << "kxaecctl: propose: widens the existing rule " << name
-          << " (users or resources added)\n";
-    }
     edit.SetList(rule_key::kUsers, list_users);
     edit.SetList(rule_key::kGroups, list_groups);
     edit.SetList(rule_key::kResources, list_resources);
-    proposal.rule = std::make_unique<AecRule>(edit.ToRule());
-    proposals.push_back(std::move(proposal));
+    proposal.document = edit.ToRule().ToJson();
+  });
+
+  std::vector<Proposal> proposals;
+  for (auto& draft : drafts) {
+    err << draft.said_before;
+    for (const auto& name : draft.unresolved) {
+      err << "kxaecctl: not found, not added: " << name << "\n";
+    }
+    if (!draft.proposed) continue;
+    if (draft.proposal.widens) {
+      err << "kxaecctl: propose: widens the existing rule "
+          << draft.proposal.name << " (users or resources added)\n";
+    }
+    proposals.push_back(std::move(draft.proposal));
   }
   err << "kxaecctl: propose: " << proposals.size() << " rules from "
       << scan.rows << " denied events";
@@ -410,7 +414,7 @@ int RunProposeCommand(const std::vector<std::string>& args, std::ostream& out,
     const Configuration config = Configuration::Load();
     const std::vector<Proposal> proposals = Propose(options, config, err);
     for (const auto& proposal : proposals) {
-      const std::string text = proposal.rule->ToJson();
+      const std::string& text = proposal.document;
       out << text;
       if (text.empty() || text.back() != '\n') out << "\n";
     }

@@ -114,10 +114,14 @@ std::set<std::string> CollectResources(const ResourceRequest& request) {
   if (request.dependencies) {
     std::set<std::string> needed;
     for (const auto& resource : resources) {
-      Dependencies found = FindDependencies(resource);
+      const Dependencies& found = FindDependencies(resource);
       needed.insert(found.found.begin(), found.found.end());
       for (const auto& name : found.unresolved) {
-        std::cerr << "kxaecctl: not found, not added: " << name << "\n";
+        if (request.unresolved != nullptr) {
+          request.unresolved->push_back(name);
+        } else {
+          std::cerr << "kxaecctl: not found, not added: " << name << "\n";
+        }
       }
     }
     resources.insert(needed.begin(), needed.end());

@@ -18,6 +18,10 @@ struct ResourceRequest {
   // directory (propose checks each path of a journal once for all of its
   // proposals); they are then taken without being looked at again.
   bool checked_files = false;
+  // Where names that cannot be found go, in the order found, instead of
+  // standard error: propose builds rules on several threads and reports
+  // in program order. Not owned; null means standard error.
+  std::vector<std::string>* unresolved = nullptr;
 };
 
 // The resources the request stands for:
@@ -26,7 +30,8 @@ struct ResourceRequest {
 //    `recursive` for every regular file beneath it (links to directories
 //    are not followed);
 //  - with `dependencies`, what each file loads (FindDependencies) is added;
-//    names that cannot be found are reported on standard error.
+//    names that cannot be found are reported on standard error (or
+//    appended to `unresolved`).
 // Throws ToolError: kInvalidArgument for a relative path (in -r or in the
 // list), kResourceMissing with every missing path (the list file itself
 // when it cannot be read) as objects. May be empty (an empty directory or
