@@ -12,10 +12,11 @@
 //    `kxaecctl propose` and `kxaecctl simulate --mode hard` over the whole
 //    journal, each beside the sqlite3 shell reading the same rows with the
 //    same WHERE clause, medians of --repeat interleaved runs. Goal: within
-//    2x of the shell. Peak memory of both commands at --rows and at a tenth
-//    of it: it should follow the distinct programs, not the rows.
+//    2x of the shell. Peak memory of both commands at --rows, at a tenth
+//    of it and at --extra-rows: it should follow the distinct programs, not
+//    the rows.
 //
-//   learning_bench [--rows N] [--repeat R] [--skip-baseline]
+//   learning_bench [--rows N] [--extra-rows N] [--repeat R] [--skip-baseline]
 //   (defaults 1000000, 5)
 #include <sqlite3.h>
 #include <stdlib.h>
@@ -140,20 +141,23 @@ Timing Measure(const std::vector<std::string>& tool,
 
 int main(int argc, char** argv) {
   std::size_t rows = 1000000;
+  std::size_t extra_rows = 0;  // a further size, for how memory grows
   int repeat = 5;
   bool baseline = true;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--rows" && i + 1 < argc) {
       rows = std::strtoul(argv[++i], nullptr, 10);
+    } else if (arg == "--extra-rows" && i + 1 < argc) {
+      extra_rows = std::strtoul(argv[++i], nullptr, 10);
     } else if (arg == "--repeat" && i + 1 < argc) {
       repeat = std::atoi(argv[++i]);
     } else if (arg == "--skip-baseline") {
       baseline = false;
     } else {
       std::fprintf(stderr,
-                   "usage: learning_bench [--rows N] [--repeat R] "
-                   "[--skip-baseline]\n");
+                   "usage: learning_bench [--rows N] [--extra-rows N] "
+                   "[--repeat R] [--skip-baseline]\n");
       return 2;
     }
   }
@@ -190,7 +194,9 @@ int main(int argc, char** argv) {
     }
 
     const std::vector<int> all_events = {1050, 1051, 1052, 1053, 1054, 1055};
-    for (const std::size_t size : {rows / 10, rows}) {
+    std::vector<std::size_t> sizes = {rows / 10, rows};
+    if (extra_rows != 0) sizes.push_back(extra_rows);
+    for (const std::size_t size : sizes) {
       std::fprintf(stderr, "generating %zu rows...\n", size);
       MakeJournal(size);
       const Timing propose =
