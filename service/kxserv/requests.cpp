@@ -5,12 +5,12 @@
 #include <exception>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <system_error>
 #include <vector>
 
 #include "aec_paths.h"
 #include "console_login.h"
+#include "host/document_limits.h"
 #include "host/ixml.h"
 #include "host/policy_manager.h"
 #include "tool_run.h"
@@ -318,9 +318,11 @@ bool ImportPolicies(const kxhost::PluginEntryPoints& plugin,
                     std::string* why) {
   parsed_json_data_t data;
   data.text = json;
-  std::istringstream in(json);
   try {
-    boost::property_tree::read_json(in, data.tree);
+    data.tree = kxdoc::ParseJson(json, kxdoc::kHostDocumentLimits);
+  } catch (const kxdoc::DocumentLimitError& e) {
+    *why = e.what();
+    return false;
   } catch (const boost::property_tree::json_parser_error& e) {
     *why = "malformed JSON: " + e.message() + " (line " +
            std::to_string(e.line()) + ")";

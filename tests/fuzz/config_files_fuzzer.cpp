@@ -11,15 +11,18 @@
 #include <boost/property_tree/ptree.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <set>
 #include <sstream>
 #include <string>
 
 #include "aec_commands.h"
+#include "aec_config_read.h"
 #include "aec_policies/aecexceptionspolicy.h"
 #include "aecwhitelist.h"
 #include "fuzz_env.h"
+#include "host/document_limits.h"
 #include "host/errors.h"
 #include "host/policy_manager.h"
 #include "lib/xml_document.h"
@@ -71,15 +74,21 @@ void CheckGet() {
 [[maybe_unused]] void FuzzExceptions(const std::string& text) {
   kxfuzz::WriteFile(kExceptionsPath, text);
   AecExceptionsPolicy policy(*g_manager);
-  // A file that the JSON reader takes and that holds "resource_list" gives
-  // exactly its element values; anything else the empty set.
+  // A file that the JSON reader takes, that nests within the configuration
+  // files' bound and that holds "resource_list" gives exactly its element
+  // values; anything else the empty set.
   std::set<std::string> expected;
   try {
+    kxdoc::CheckJsonLimits(
+        text, kxdoc::DocumentLimits{std::numeric_limits<std::size_t>::max(),
+                                    aec::kMaxConfigDepth});
     pt::ptree tree;
     std::istringstream in(text);
     pt::read_json(in, tree);
     expected = AecExceptionsPolicy::Get(tree);
   } catch (const pt::ptree_error&) {
+    expected.clear();
+  } catch (const kxdoc::DocumentLimitError&) {
     expected.clear();
   }
   KXFUZZ_CHECK(policy.Exceptions() == expected,

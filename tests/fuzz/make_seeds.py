@@ -60,6 +60,10 @@ EXCEPTION_FILES = [
     dumps({"resource_list": ["/b", "/a", "/a"]}),
     dumps({"other": []}),
     '{"resource_list": {"x": "\\/opt\\/y"}}', '{"resource_list": [',
+    # Beside the list, nesting one level past the configuration files' bound
+    # (64) and right at it.
+    '{"resource_list": ["/a"], "x": ' + "[" * 64 + "]" * 64 + "}",
+    '{"resource_list": ["/a"], "x": ' + "[" * 63 + "]" * 63 + "}",
 ]
 
 POLICY_KERNEL = ("state", "mode", "log_perm_exec", "log_deny_exec",

@@ -32,15 +32,16 @@ class HostileDocuments : public kxtest::SandboxTest {
     }
   }
 
-  // kxhost on this test's root with `step` reading `document` from a file;
-  // `seconds` receives the wall-clock time of the run.
+  // kxhost on this test's root with `step` reading `document` from a file,
+  // its log on standard error; `seconds` receives the wall-clock time of
+  // the run.
   kxtest::RunResult Run(const std::string& step, const std::string& document,
                         double* seconds = nullptr) {
     const std::string file = root_.dir() + "/document";
     kxtest::WriteFile(file, document);
     const auto start = std::chrono::steady_clock::now();
     auto result = kxtest::RunKxhost(
-        {"--root", root_.dir(), "--plugin", KX_PLUGIN_PATH, step, file});
+        {"--root", root_.dir(), "--plugin", KX_PLUGIN_PATH, "-v", step, file});
     if (seconds != nullptr) {
       *seconds = std::chrono::duration<double>(
                      std::chrono::steady_clock::now() - start)
@@ -85,6 +86,59 @@ TEST_F(HostileDocuments, ADeeplyNestedImportDocumentIsRefusedAtOnce) {
   EXPECT_EQ(result.exit_code, 2) << result.err;
   EXPECT_TRUE(Has(result.err, "nested deeper than 64 levels")) << result.err;
   EXPECT_LT(seconds, 10.0);
+}
+
+// The configuration files are JSON read by a parser of the same kind: a
+// rule file nested 100,000 deep ended the plug-in's reader (and with it
+// kxhost) on its stack. It is refused like a rule file that does not
+// parse, and the other rules are still answered.
+TEST_F(HostileDocuments,
+       ADeeplyNestedRuleFileIsRefusedAndTheOtherRulesAnswered) {
+  const std::string rules = root_.dir() + "/etc/aec/rules/";
+  kxtest::WriteFile(rules + "r1.conf",
+                    "{\"name\": \"r1\", \"all_allowed\": \"false\", "
+                    "\"extended\": \"false\", \"system\": \"false\", "
+                    "\"enable\": \"true\", \"user_list\": [\"root\"], "
+                    "\"group_list\": \"\", \"resource_list\": [\"/bin/ls\"]}");
+  kxtest::WriteFile(rules + "deep.conf",
+                    "{\"name\": \"deep\", \"x\": " + Repeat("[", 100000) +
+                        Repeat("]", 100000) + "}");
+  const auto listing =
+      Run("exec", "<request command=\"get\"><rule/></request>");
+  ASSERT_EQ(listing.exit_code, 0) << listing.err;
+  EXPECT_TRUE(Has(listing.out, "<result>0</result>")) << listing.out;
+  EXPECT_TRUE(Has(listing.err, "deep.conf: nested deeper than 64 levels"))
+      << listing.err;
+  const auto named =
+      Run("exec", "<request command=\"get\"><rule>r1</rule></request>");
+  ASSERT_EQ(named.exit_code, 0) << named.err;
+  EXPECT_TRUE(Has(named.out, "<name>r1</name>")) << named.out;
+}
+
+TEST_F(HostileDocuments, ADeeplyNestedExceptionsFileIsRefusedAndGetAnswered) {
+  kxtest::WriteFile(
+      root_.dir() + "/etc/aec/resource-exception.conf",
+      "{\"resource_list\": " + Repeat("[", 100000) + Repeat("]", 100000) + "}");
+  const auto run = Run("exec",
+                       "<request command=\"get\" whitelist=\"1\" "
+                       "resource-exception=\"1\"/>");
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_TRUE(Has(run.out, "<error_desc>E_INVALID_CONFIG: </error_desc>"))
+      << run.out;
+  EXPECT_TRUE(Has(run.err, "resource-exception.conf: nested deeper than 64"))
+      << run.err;
+}
+
+// The plug-in does not start without a readable whitelist; a deep one is
+// one that cannot be read, not a crash.
+TEST_F(HostileDocuments, ADeeplyNestedWhitelistEndsTheStartWithoutCrashing) {
+  kxtest::WriteFile(root_.dir() + "/etc/aec/white-list.config",
+                    "{\"user_list\": " + Repeat("[", 100000) +
+                        Repeat("]", 100000) + ", \"group_list\": \"\"}");
+  const auto run = Run("exec", "<request command=\"get\" whitelist=\"1\"/>");
+  EXPECT_EQ(run.exit_code, 1) << run.err;
+  EXPECT_TRUE(Has(run.err, "white-list.config: nested deeper than 64"))
+      << run.err;
 }
 
 TEST_F(HostileDocuments, ARequestLargerThanTheSizeLimitIsRefused) {

@@ -92,4 +92,27 @@ TEST_F(ConfigRead, RefusesALinkToAFifoWithoutWaiting) {
   EXPECT_EQ(RefusalOf(link, 100), ConfigReadError::Kind::kNotRegular);
 }
 
+TEST_F(ConfigRead, ParsesAJsonFileWithinTheDepth) {
+  const auto tree = aec::ReadJsonConfigFile(
+      Write("w.config", R"({"user_list": ["a", "b"], "group_list": ""})"), 100);
+  EXPECT_EQ(tree.get_child("user_list").size(), 2u);
+}
+
+TEST_F(ConfigRead, RefusesJsonNestedDeeperThanTheBoundBeforeParsing) {
+  const std::size_t depth = aec::kMaxConfigDepth;
+  const std::string at_bound =
+      std::string(depth, '[') + std::string(depth, ']');
+  EXPECT_NO_THROW(aec::ParseConfigJson("at-bound", at_bound));
+  const std::string path =
+      Write("deep.conf", std::string(100000, '[') + std::string(100000, ']'));
+  try {
+    aec::ReadJsonConfigFile(path, 1u << 20);
+    ADD_FAILURE() << "parsed " << path;
+  } catch (const ConfigReadError& e) {
+    EXPECT_EQ(e.kind(), ConfigReadError::Kind::kTooDeep);
+    EXPECT_EQ(std::string(e.what()), path + ": nested deeper than " +
+                                         std::to_string(depth) + " levels");
+  }
+}
+
 }  // namespace

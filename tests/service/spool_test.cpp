@@ -67,6 +67,36 @@ TEST_F(ServiceTest, BadSpoolDocumentGoesToFailedWithItsReason) {
   EXPECT_EQ(Field(Policies(socket()), "result"), "1");
 }
 
+// Boost's JSON reader descends one call per level: an import nested this
+// deep would end the service on its stack instead of failing the document.
+TEST_F(ServiceTest, ADeeplyNestedImportGoesToFailedAndTheServiceGoesOn) {
+  Service service(root_.dir());
+  const std::size_t n = 100000;
+  Drop("35-deep.json",
+       "{\"policies\": " + std::string(n, '[') + std::string(n, ']') + "}");
+  ASSERT_TRUE(WaitFor([] {
+    return kxtest::Exists(kSpool + "failed/35-deep.json.reason");
+  })) << service.Log();
+  EXPECT_NE(kxtest::ReadFile(kSpool + "failed/35-deep.json.reason")
+                .find("nested deeper than 64 levels"),
+            std::string::npos);
+  EXPECT_EQ(Field(Policies(socket()), "result"), "1");
+}
+
+TEST_F(ServiceTest, ADeeplyNestedImportRequestIsRefusedAndTheServiceGoesOn) {
+  Service service(root_.dir());
+  const std::size_t n = 100000;
+  const std::string reply =
+      Ask(socket(),
+          "<kxserv command=\"import-policies\"><json>{\"policies\": " +
+              std::string(n, '[') + std::string(n, ']') + "}</json></kxserv>");
+  EXPECT_EQ(Field(reply, "result"), "0") << reply;
+  EXPECT_NE(Field(reply, "error_desc").find("nested deeper than 64 levels"),
+            std::string::npos)
+      << reply;
+  EXPECT_EQ(Field(Policies(socket()), "result"), "1");
+}
+
 TEST_F(ServiceTest, WaitingDocumentsAreAppliedAtStartInNameOrder) {
   kxtest::WriteFile(kSpool + "b-control-off.xml", StatePolicies(0, 0));
   kxtest::WriteFile(kSpool + "a-control-on.xml", StatePolicies(1, 0));

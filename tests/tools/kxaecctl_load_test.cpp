@@ -80,6 +80,22 @@ TEST_F(KxaecctlLoadTest, ABrokenRuleFileKeepsThePreviousLoadedSetAndIsTen) {
   EXPECT_EQ(kxtest::ReadFile(toolstest::kLoadedSet), Expected());
 }
 
+// A crash would have read as success to the plug-in (a child killed by a
+// signal counts as exit 0): a rule file nested 100,000 deep is an invalid
+// file like any other.
+TEST_F(KxaecctlLoadTest, ADeeplyNestedRuleFileIsTenAndNotACrash) {
+  Seal();
+  kxtest::WriteFile(RulePath("r1"),
+                    "{\"name\": \"r1\", \"x\": " + std::string(100000, '[') +
+                        std::string(100000, ']') + "}");
+  const auto run = Ctl({"reload", "-v"});
+  EXPECT_EQ(run.exit_code, KxAecCtl::kConfigInvalid) << run.err;
+  EXPECT_EQ(run.OutLines(), (Lines{RulePath("r1")}));
+  EXPECT_NE(run.err.find("nested deeper than 64 levels"), std::string::npos)
+      << run.err;
+  EXPECT_EQ(kxtest::ReadFile(toolstest::kLoadedSet), Expected());
+}
+
 TEST_F(KxaecctlLoadTest, EveryInvalidFileIsReportedOnItsOwnLine) {
   kxtest::WriteFile(RulePath("mismatch"),
                     RuleJson("other", false, false, false, true, {}, {}, {a_}));

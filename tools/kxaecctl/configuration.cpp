@@ -6,7 +6,6 @@
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <iostream>
-#include <sstream>
 #include <vector>
 
 #include "aec_config_read.h"
@@ -52,8 +51,7 @@ std::string RuleNameOf(const fs::directory_entry& entry) {
 // parse.
 bool ReadJson(const std::string& path, std::size_t max_bytes, pt::ptree* tree) {
   try {
-    std::istringstream text(aec::ReadConfigFile(path, max_bytes));
-    pt::read_json(text, *tree);
+    *tree = aec::ReadJsonConfigFile(path, max_bytes);
     return true;
   } catch (const aec::ConfigReadError& e) {
     std::cerr << "kxaecctl: " << e.what() << "\n";

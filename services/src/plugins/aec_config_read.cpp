@@ -4,8 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/property_tree/json_parser.hpp>
 #include <cerrno>
 #include <cstring>
+#include <limits>
+#include <sstream>
+
+#include "host/document_limits.h"
 
 #include "host/unique_fd.h"
 
@@ -62,6 +67,28 @@ std::string ReadConfigFile(const std::string& path, std::size_t max_bytes,
     content.append(buffer, static_cast<std::size_t>(got));
   }
   return content;
+}
+
+boost::property_tree::ptree ParseConfigJson(const std::string& path,
+                                            const std::string& text) {
+  try {
+    // The size is the caller's bound, checked as the file was read.
+    kxdoc::CheckJsonLimits(
+        text, kxdoc::DocumentLimits{std::numeric_limits<std::size_t>::max(),
+                                    kMaxConfigDepth});
+  } catch (const kxdoc::DocumentLimitError&) {
+    Fail(ConfigReadError::Kind::kTooDeep, path,
+         "nested deeper than " + std::to_string(kMaxConfigDepth) + " levels");
+  }
+  boost::property_tree::ptree tree;
+  std::istringstream in(text);
+  boost::property_tree::read_json(in, tree);
+  return tree;
+}
+
+boost::property_tree::ptree ReadJsonConfigFile(const std::string& path,
+                                               std::size_t max_bytes) {
+  return ParseConfigJson(path, ReadConfigFile(path, max_bytes));
 }
 
 }  // namespace aec

@@ -1,8 +1,5 @@
 #include "aec_exceptions_file.h"
 
-#include <boost/property_tree/json_parser.hpp>
-#include <sstream>
-
 #include "aec_config_read.h"
 #include "aec_paths.h"
 #include "json_config_file.h"
@@ -18,11 +15,8 @@ std::vector<std::string> ExceptionsOf(const boost::property_tree::ptree& tree) {
 }
 
 std::vector<std::string> ReadExceptionsFile() {
-  std::istringstream text(
-      ReadConfigFile(kResourceExceptionPath, kMaxExceptionsFileBytes));
-  boost::property_tree::ptree tree;
-  boost::property_tree::read_json(text, tree);
-  return ExceptionsOf(tree);
+  return ExceptionsOf(
+      ReadJsonConfigFile(kResourceExceptionPath, kMaxExceptionsFileBytes));
 }
 
 void WriteExceptionsFile(const std::set<std::string>& paths) {

@@ -148,10 +148,7 @@ AecRule::AecRule(const std::string& path) : path_(path) {
   try {
     std::string text = aec::ReadConfigFile(path, aec::kMaxRuleFileBytes);
     if (ParsedRuleFiles::Get().Find(path, text, this)) return;
-    pt::ptree tree;
-    std::istringstream in(text);
-    pt::read_json(in, tree);
-    Init(tree);
+    Init(aec::ParseConfigJson(path, text));
     ParsedRuleFiles::Get().Keep(path, std::move(text), *this);
   } catch (const std::exception& e) {
     log_trivial(LOG_ERR,

@@ -1,7 +1,5 @@
 #include "aec_whitelist_file.h"
 
-#include <boost/property_tree/json_parser.hpp>
-#include <sstream>
 #include <vector>
 
 #include "aec_config_read.h"
@@ -33,11 +31,8 @@ UsersAndGroups WhitelistOf(const boost::property_tree::ptree& tree) {
 }
 
 UsersAndGroups ReadWhitelistFile() {
-  std::istringstream text(
-      ReadConfigFile(WhitelistFilePath(), kMaxWhitelistFileBytes));
-  boost::property_tree::ptree tree;
-  boost::property_tree::read_json(text, tree);
-  return WhitelistOf(tree);
+  return WhitelistOf(
+      ReadJsonConfigFile(WhitelistFilePath(), kMaxWhitelistFileBytes));
 }
 
 bool WhitelistUnderCentralControl() {
