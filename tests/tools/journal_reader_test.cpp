@@ -171,3 +171,27 @@ TEST_F(JournalReaderTest, PartsOfAMissingJournalAreRefusedAsMissing) {
   }
   EXPECT_NE(access(path_.c_str(), F_OK), 0);  // and not created
 }
+
+TEST_F(JournalReaderTest, FindingWhereToCutReadsNoTable) {
+  Journal journal(path_);
+  journal.Exec("CREATE INDEX logs_date_time ON logs(date_time)");
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* plan = nullptr;
+  ASSERT_EQ(
+      sqlite3_prepare_v2(
+          db,
+          (std::string("EXPLAIN QUERY PLAN ") + aectool::kIdBoundsSql).c_str(),
+          -1, &plan, nullptr),
+      SQLITE_OK);
+  int steps = 0;
+  while (sqlite3_step(plan) == SQLITE_ROW) {
+    const std::string detail =
+        reinterpret_cast<const char*>(sqlite3_column_text(plan, 3));
+    EXPECT_EQ(detail.find("SCAN logs"), std::string::npos) << detail;
+    ++steps;
+  }
+  EXPECT_GT(steps, 0);
+  sqlite3_finalize(plan);
+  sqlite3_close(db);
+}

@@ -171,12 +171,20 @@ JournalScan ScanRange(const std::string& path, const JournalFilter& filter,
   return scan;
 }
 
+}  // namespace
+
+// Each bound its own query: SQLite answers a lone min() or max() of the
+// key from one end of the table, but both in one query by reading it all.
+const char* const kIdBoundsSql =
+    "SELECT (SELECT min(id) FROM logs), (SELECT max(id) FROM logs)";
+
+namespace {
+
 // The ids the journal holds, cut into at most `parts` successive ranges
 // of about the same width; none when it holds no rows.
 std::vector<IdRange> IdRanges(const std::string& path, std::size_t parts) {
   Connection connection(path);
-  sqlite3_stmt* statement =
-      connection.Prepare("SELECT min(id), max(id) FROM logs");
+  sqlite3_stmt* statement = connection.Prepare(kIdBoundsSql);
   if (sqlite3_step(statement) != SQLITE_ROW) {
     connection.Fail("cannot read the journal");
   }

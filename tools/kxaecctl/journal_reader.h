@@ -55,6 +55,10 @@ JournalScan ScanJournalInParts(
     const std::string& path, const JournalFilter& filter,
     const std::function<void(std::size_t, const JournalRow&)>& on_row);
 
+// The query that finds the lowest and highest id of the journal (tests
+// check that SQLite answers it without reading the table).
+extern const char* const kIdBoundsSql;
+
 // "--since"/"--until" values: whole seconds since the epoch, as the
 // journal's date_time holds them. Throws ToolError(kInvalidDateTime).
 std::int64_t ParseJournalTime(const std::string& option,
