@@ -15,11 +15,10 @@
 #include <fstream>
 #include <mutex>
 #include <optional>
-#include <shared_mutex>
-#include <unordered_map>
 #include <vector>
 
 #include "host/unique_fd.h"
+#include "memo.h"
 #include "resolved_directories.h"
 
 namespace aectool {
@@ -234,48 +233,31 @@ bool ReadElfFile(const std::string& path, ElfInfo* info) {
 // same search directories) over and over; reading each once makes the
 // dependencies of a program cost its own headers only. The tool is one
 // short run: a file replaced while it runs is a race that no answer avoids.
-bool ReadElf(const std::string& path, ElfInfo* info) {
-  static std::shared_mutex mutex;
-  static auto& known =
-      *new std::unordered_map<std::string, std::optional<ElfInfo>>();
-  {
-    std::shared_lock<std::shared_mutex> lock(mutex);
-    const auto found = known.find(path);
-    if (found != known.end()) {
-      if (!found->second) return false;
-      *info = *found->second;
-      return true;
-    }
+//
+// Null for anything that is not an ELF object of this machine's byte
+// order. The file is read without a lock: proposals resolve on several
+// threads, and the reading is the slow part. Two threads may read the same
+// file; the first answer stays.
+const ElfInfo* ReadElf(const std::string& path) {
+  static auto& known = *new Memo<std::optional<ElfInfo>>();
+  const std::optional<ElfInfo>* found = known.Find(path);
+  if (found == nullptr) {
+    ElfInfo read;
+    const bool elf = ReadElfFile(path, &read);
+    found = &known.Remember(
+        path, elf ? std::optional<ElfInfo>(std::move(read)) : std::nullopt);
   }
-  // Read without the lock: proposals resolve on several threads, and the
-  // reading is the slow part. Two threads may read the same file; the
-  // first answer stays.
-  ElfInfo read;
-  const bool elf = ReadElfFile(path, &read);
-  std::unique_lock<std::shared_mutex> lock(mutex);
-  const auto found =
-      known
-          .emplace(path,
-                   elf ? std::optional<ElfInfo>(std::move(read)) : std::nullopt)
-          .first;
-  if (!found->second) return false;
-  *info = *found->second;
-  return true;
+  return found->has_value() ? &found->value() : nullptr;
 }
 
 // realpath, remembered by path like ReadElf. The same libraries are reached
 // from every program, and thousands of files share a few directories: a
 // file that is not a link itself costs one lstat (ResolvedDirectories).
-std::optional<std::string> Canonical(const std::string& path) {
-  static std::shared_mutex mutex;
-  static auto& known =
-      *new std::unordered_map<std::string, std::optional<std::string>>();
+const std::optional<std::string>& Canonical(const std::string& path) {
+  static auto& known = *new Memo<std::optional<std::string>>();
+  static std::mutex directories_mutex;
   static auto& directories = *new ResolvedDirectories();
-  {
-    std::shared_lock<std::shared_mutex> lock(mutex);
-    const auto found = known.find(path);
-    if (found != known.end()) return found->second;
-  }
+  if (const auto* found = known.Find(path)) return *found;
   std::optional<std::string> canonical;
   const auto slash = path.find_last_of('/');
   const std::string leaf =
@@ -284,14 +266,13 @@ std::optional<std::string> Canonical(const std::string& path) {
   if (slash != std::string::npos && slash != 0 && leaf != "." && leaf != ".." &&
       !leaf.empty() && ::lstat(path.c_str(), &info) == 0 &&
       !S_ISLNK(info.st_mode)) {
-    std::unique_lock<std::shared_mutex> lock(mutex);
+    std::lock_guard<std::mutex> lock(directories_mutex);
     canonical = directories.FileIn(path);
-    return known.emplace(path, std::move(canonical)).first->second;
+  } else {
+    char buffer[PATH_MAX];
+    if (::realpath(path.c_str(), buffer) != nullptr) canonical = buffer;
   }
-  char buffer[PATH_MAX];
-  if (::realpath(path.c_str(), buffer) != nullptr) canonical = buffer;
-  std::unique_lock<std::shared_mutex> lock(mutex);
-  return known.emplace(path, std::move(canonical)).first->second;
+  return known.Remember(path, std::move(canonical));
 }
 
 std::string DirName(const std::string& path) {
@@ -369,9 +350,9 @@ std::optional<std::string> Search(const std::string& name,
   if (name.find('/') != std::string::npos) search.assign(1, "");
   for (const auto& dir : search) {
     const std::string candidate = dir.empty() ? name : dir + "/" + name;
-    ElfInfo other;
-    if (ReadElf(candidate, &other) && other.elf_class == info.elf_class &&
-        other.machine == info.machine) {
+    const ElfInfo* other = ReadElf(candidate);
+    if (other != nullptr && other->elf_class == info.elf_class &&
+        other->machine == info.machine) {
       return Canonical(candidate);
     }
   }
@@ -380,12 +361,10 @@ std::optional<std::string> Search(const std::string& name,
 
 // Search, remembered for the same name, search path, origin and object
 // kind: every program asks for the same libc through the same directories.
-std::optional<std::string> Resolve(const std::string& name,
-                                   const std::string& object,
-                                   const ElfInfo& info) {
-  static std::shared_mutex mutex;
-  static auto& known =
-      *new std::unordered_map<std::string, std::optional<std::string>>();
+const std::optional<std::string>& Resolve(const std::string& name,
+                                          const std::string& object,
+                                          const ElfInfo& info) {
+  static auto& known = *new Memo<std::optional<std::string>>();
   std::string key = name;
   key.push_back('\0');
   key.push_back(static_cast<char>(info.elf_class));
@@ -398,15 +377,8 @@ std::optional<std::string> Resolve(const std::string& name,
                    dir.find("${ORIGIN}") != std::string::npos;
   }
   if (needs_origin) key.append(DirName(object));
-  {
-    std::shared_lock<std::shared_mutex> lock(mutex);
-    const auto found = known.find(key);
-    if (found != known.end()) return found->second;
-  }
-  std::optional<std::string> result = Search(name, object, info);
-  std::unique_lock<std::shared_mutex> lock(mutex);
-  known.emplace(std::move(key), result);
-  return result;
+  if (const auto* found = known.Find(key)) return *found;
+  return known.Remember(key, Search(name, object, info));
 }
 
 // The interpreter named on a script's "#!" line, if any.
@@ -436,26 +408,26 @@ Dependencies WalkDependencies(const std::string& path) {
   std::set<std::string> visited;
   std::deque<std::string> queue;
   auto add = [&](const std::string& dependency) {
-    const auto canonical = Canonical(dependency);
+    const auto& canonical = Canonical(dependency);
     if (!canonical) return;
     if (visited.insert(*canonical).second) {
       result.found.insert(*canonical);
       queue.push_back(*canonical);
     }
   };
-  if (const auto self = Canonical(path)) visited.insert(*self);
+  if (const auto& self = Canonical(path)) visited.insert(*self);
   queue.push_back(path);
   while (!queue.empty()) {
     const std::string object = queue.front();
     queue.pop_front();
-    ElfInfo info;
-    if (!ReadElf(object, &info)) {
+    const ElfInfo* info = ReadElf(object);
+    if (info == nullptr) {
       if (const auto interpreter = ScriptInterpreter(object)) add(*interpreter);
       continue;
     }
-    if (!info.interpreter.empty()) add(info.interpreter);
-    for (const auto& name : info.needed) {
-      if (const auto found = Resolve(name, object, info)) {
+    if (!info->interpreter.empty()) add(info->interpreter);
+    for (const auto& name : info->needed) {
+      if (const auto& found = Resolve(name, object, *info)) {
         add(*found);
       } else {
         result.unresolved.insert(object + ": " + name);
@@ -469,20 +441,11 @@ Dependencies WalkDependencies(const std::string& path) {
 }  // namespace
 
 // Remembered by path like ReadElf: proposals list the same libraries for
-// many programs, and each walk would visit the same objects again. Entries
-// are never removed and a node of an unordered_map never moves, so the
-// reference handed out stays valid.
+// many programs, and each walk would visit the same objects again.
 const Dependencies& FindDependencies(const std::string& path) {
-  static std::shared_mutex mutex;
-  static auto& known = *new std::unordered_map<std::string, Dependencies>();
-  {
-    std::shared_lock<std::shared_mutex> lock(mutex);
-    const auto found = known.find(path);
-    if (found != known.end()) return found->second;
-  }
-  Dependencies result = WalkDependencies(path);
-  std::unique_lock<std::shared_mutex> lock(mutex);
-  return known.emplace(path, std::move(result)).first->second;
+  static auto& known = *new Memo<Dependencies>();
+  if (const Dependencies* found = known.Find(path)) return *found;
+  return known.Remember(path, WalkDependencies(path));
 }
 
 }  // namespace aectool
