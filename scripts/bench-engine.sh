@@ -1,23 +1,25 @@
 #!/usr/bin/env bash
 # Builds the engine's benchmarks with the release preset and runs them; the
 # figures belong in docs/performance.md.
-#   scripts/bench-engine.sh [journal|decision|fanotify]...   (default: all)
-# The fanotify benchmark needs root; it marks only a tmpfs it mounts in its
+#   scripts/bench-engine.sh [journal|decision|fanotify|reload]...   (default: all)
+# The fanotify and reload benchmarks need root; it marks only a tmpfs it mounts in its
 # own private mount namespace. Flags for one benchmark go through the
-# environment: KX_JOURNAL_FLAGS, KX_DECISION_FLAGS, KX_FANOTIFY_FLAGS
+# environment: KX_JOURNAL_FLAGS, KX_DECISION_FLAGS, KX_FANOTIFY_FLAGS,
+# KX_RELOAD_FLAGS
 # (e.g. KX_JOURNAL_FLAGS="--seconds=10 --rows=1000000").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 which=("$@")
-[ ${#which[@]} -eq 0 ] && which=(journal decision fanotify)
+[ ${#which[@]} -eq 0 ] && which=(journal decision fanotify reload)
 targets=()
 for name in "${which[@]}"; do
   case "$name" in
     journal) targets+=(journal_writer_bench) ;;
     decision) targets+=(engine_decision_bench) ;;
     fanotify) targets+=(engine_fanotify_bench) ;;
-    *) echo "bench-engine: unknown benchmark '$name' (journal, decision, fanotify)" >&2; exit 2 ;;
+    reload) targets+=(engine_reload_bench) ;;
+    *) echo "bench-engine: unknown benchmark '$name' (journal, decision, fanotify, reload)" >&2; exit 2 ;;
   esac
 done
 
@@ -32,5 +34,7 @@ for name in "${which[@]}"; do
     decision) build/release/bench/engine_decision_bench ${KX_DECISION_FLAGS:-} ;;
     # shellcheck disable=SC2086
     fanotify) build/release/bench/engine_fanotify_bench ${KX_FANOTIFY_FLAGS:-} ;;
+    # shellcheck disable=SC2086
+    reload) build/release/bench/engine_reload_bench ${KX_RELOAD_FLAGS:-} ;;
   esac
 done
