@@ -50,8 +50,8 @@
 #include <thread>
 #include <vector>
 
-#include "lib/sandbox.h"
 #include "support/child_process.h"
+#include "support/engine_sandbox.h"
 #include "support/machine_load.h"
 
 namespace {
@@ -173,13 +173,6 @@ double Median(std::vector<double> values) {
   return kxbench::Percentile(values, 50);
 }
 
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 void Put(const std::string& path, const std::string& text) {
   std::ofstream out(path, std::ios::trunc);
   out << text;
@@ -223,11 +216,11 @@ pid_t StartEngine(const std::string& dir, bool ignore_marks,
     _exit(127);
   }
   const auto start = Clock::now();
-  while (Slurp(kStatus).find("running: yes") == std::string::npos) {
+  while (kxbench::Slurp(kStatus).find("running: yes") == std::string::npos) {
     int status = 0;
     if (waitpid(pid, &status, WNOHANG) == pid) {
       std::fprintf(stderr, "engine_fanotify_bench: kxaecd ended at start:\n%s",
-                   Slurp(log).c_str());
+                   kxbench::Slurp(log).c_str());
       std::exit(2);
     }
     if (Clock::now() - start > std::chrono::seconds(30)) {
@@ -296,32 +289,12 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "engine_fanotify_bench: counts must be >= 1\n");
     return 2;
   }
-  if (geteuid() != 0) {
-    std::fprintf(stderr,
-                 "engine_fanotify_bench: needs root (fanotify "
-                 "permission events, a private mount namespace)\n");
-    return 2;
-  }
-
   // The sandbox: a private mount namespace with a scratch root at
   // /opt/korvex, and a tmpfs in it, the only mount anything here marks.
-  char pattern[] = "/tmp/kxfan-bench-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) Die("mkdtemp");
-  const std::string scratch = pattern;
-  const std::string root = scratch + "/root";
-  const std::string dir = scratch + "/w";
-  try {
-    kxhost::MakeRootLayout(root);
-    kxhost::EnterSandbox(root);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "engine_fanotify_bench: sandbox: %s\n", e.what());
-    return 2;
-  }
-  mkdir(dir.c_str(), 0755);
-  if (mount("kxbench", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
-            "size=512m,mode=0755") != 0) {
-    Die("mount tmpfs");
-  }
+  const kxbench::EngineSandbox sandbox = kxbench::EnterEngineSandbox(
+      "engine_fanotify_bench", "kxfan-bench-", "512m");
+  const std::string& scratch = sandbox.scratch;
+  const std::string& dir = sandbox.dir;
 
   const std::string program = dir + "/prog";
   const std::string denied = dir + "/denied";

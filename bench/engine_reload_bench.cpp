@@ -34,8 +34,8 @@
 #include <thread>
 #include <vector>
 
-#include "lib/sandbox.h"
 #include "support/child_process.h"
+#include "support/engine_sandbox.h"
 #include "support/machine_load.h"
 
 namespace {
@@ -50,13 +50,6 @@ using Clock = std::chrono::steady_clock;
 
 double Ms(Clock::duration d) {
   return std::chrono::duration<double, std::milli>(d).count();
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
 }
 
 constexpr const char kLoadedSet[] = "/opt/korvex/var/lib/aec/loaded-rules";
@@ -100,7 +93,8 @@ std::string VersionOnDisk() {
 }
 
 long StatusKib(pid_t pid, const char* field) {
-  const std::string text = Slurp("/proc/" + std::to_string(pid) + "/status");
+  const std::string text =
+      kxbench::Slurp("/proc/" + std::to_string(pid) + "/status");
   const auto at = text.find(field);
   return at == std::string::npos
              ? -1
@@ -116,11 +110,11 @@ double WaitForSet(const std::string& log, const std::string& version,
                   pid_t engine) {
   const auto start = Clock::now();
   const std::string line = "loaded set " + version + ":";
-  while (Slurp(log).find(line) == std::string::npos) {
+  while (kxbench::Slurp(log).find(line) == std::string::npos) {
     int status = 0;
     if (waitpid(engine, &status, WNOHANG) == engine) {
       std::fprintf(stderr, "engine_reload_bench: kxaecd ended:\n%s",
-                   Slurp(log).c_str());
+                   kxbench::Slurp(log).c_str());
       std::exit(2);
     }
     if (Clock::now() - start > std::chrono::seconds(120)) {
@@ -128,7 +122,7 @@ double WaitForSet(const std::string& log, const std::string& version,
       waitpid(engine, nullptr, 0);
       std::fprintf(stderr,
                    "engine_reload_bench: set %s not taken in 120 s:\n%s",
-                   version.c_str(), Slurp(log).c_str());
+                   version.c_str(), kxbench::Slurp(log).c_str());
       std::exit(2);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -170,31 +164,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "engine_reload_bench: counts must be >= 1\n");
     return 2;
   }
-  if (geteuid() != 0) {
-    std::fprintf(stderr,
-                 "engine_reload_bench: needs root (fanotify permission "
-                 "events, a private mount namespace)\n");
-    return 2;
-  }
-
-  char pattern[] = "/tmp/kxreload-bench-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) Die("mkdtemp");
-  const std::string scratch = pattern;
-  const std::string root = scratch + "/root";
-  const std::string dir = scratch + "/w";
+  const kxbench::EngineSandbox sandbox = kxbench::EnterEngineSandbox(
+      "engine_reload_bench", "kxreload-bench-", "64m");
+  const std::string& scratch = sandbox.scratch;
+  const std::string& dir = sandbox.dir;
   const std::string log = scratch + "/kxaecd.log";
-  try {
-    kxhost::MakeRootLayout(root);
-    kxhost::EnterSandbox(root);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "engine_reload_bench: sandbox: %s\n", e.what());
-    return 2;
-  }
-  mkdir(dir.c_str(), 0755);
-  if (mount("kxbench", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
-            "size=64m,mode=0755") != 0) {
-    Die("mount tmpfs");
-  }
   const std::string program = dir + "/prog";
   if (kxbench::RunChild({"/bin/cp", "/bin/true", program}).exit_code != 0 ||
       kxbench::RunChild({"/bin/mkdir", "-p", "/opt/korvex/var/lib/aec",
