@@ -199,22 +199,9 @@ constexpr const char kStatus[] = "/opt/korvex/var/run/kxaecd.status";
 pid_t StartEngine(const std::string& dir, bool ignore_marks,
                   const std::string& log) {
   unlink(kStatus);
-  const pid_t pid = fork();
-  if (pid < 0) Die("fork");
-  if (pid == 0) {
-    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (fd >= 0) {
-      dup2(fd, 1);
-      dup2(fd, 2);
-    }
-    std::vector<const char*> args = {KX_KXAECD_PATH, "--foreground", "--watch",
-                                     dir.c_str(), "--sysctl-root",
-                                     "/opt/korvex/var/run/sysctl"};
-    if (!ignore_marks) args.push_back("--no-ignore-marks");
-    args.push_back(nullptr);
-    execv(args[0], const_cast<char* const*>(args.data()));
-    _exit(127);
-  }
+  std::vector<std::string> extra;
+  if (!ignore_marks) extra.push_back("--no-ignore-marks");
+  const pid_t pid = kxbench::LaunchEngine(KX_KXAECD_PATH, dir, log, extra);
   const auto start = Clock::now();
   while (kxbench::Slurp(kStatus).find("running: yes") == std::string::npos) {
     int status = 0;
@@ -225,7 +212,8 @@ pid_t StartEngine(const std::string& dir, bool ignore_marks,
     }
     if (Clock::now() - start > std::chrono::seconds(30)) {
       kill(pid, SIGKILL);
-      std::fprintf(stderr, "engine_fanotify_bench: kxaecd not running after 30 s\n");
+      std::fprintf(stderr,
+                   "engine_fanotify_bench: kxaecd not running after 30 s\n");
       std::exit(2);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -313,9 +301,9 @@ int main(int argc, char** argv) {
     close(fd);
   }
   if (with_engine) {
-    const auto made = kxbench::RunChild(
-        {"/bin/mkdir", "-p", "/opt/korvex/var/lib/aec",
-         "/opt/korvex/var/run/sysctl/korvex/secure"});
+    const auto made =
+        kxbench::RunChild({"/bin/mkdir", "-p", "/opt/korvex/var/lib/aec",
+                           "/opt/korvex/var/run/sysctl/korvex/secure"});
     if (made.exit_code != 0) Die("mkdir in the sandboxed root");
     Put("/opt/korvex/var/lib/aec/loaded-rules", LoadedSet(rules, program));
     Put("/opt/korvex/var/run/sysctl/korvex/secure/environment", "3\n");
@@ -339,7 +327,8 @@ int main(int argc, char** argv) {
       if (mode == "listener" || mode == "ignore") {
         listener = std::make_unique<AllowListener>(dir, mode == "ignore");
       } else if (mode.rfind("engine", 0) == 0) {
-        engine_pid = StartEngine(dir, mode == "engine", scratch + "/kxaecd.log");
+        engine_pid =
+            StartEngine(dir, mode == "engine", scratch + "/kxaecd.log");
         if (StartRefused(denied) != 0) ++not_enforced;
       }
       f.starts.push_back(StartPrograms(program, starts));
@@ -359,9 +348,9 @@ int main(int argc, char** argv) {
       "tmpfs %s, %d starts, %d files, %d rules, medians of %d interleaved "
       "rounds\n",
       dir.c_str(), starts, file_count, rules, rounds);
-  std::printf("%-16s %14s %6s %13s %6s %13s %6s %8s\n", "mode",
-              "start us/each", "ratio", "read1 us/file", "ratio",
-              "read2 us/file", "ratio", "events");
+  std::printf("%-16s %14s %6s %13s %6s %13s %6s %8s\n", "mode", "start us/each",
+              "ratio", "read1 us/file", "ratio", "read2 us/file", "ratio",
+              "events");
   for (const auto& mode : modes) {
     const Figures& f = figures[mode];
     std::printf("%-16s %14.1f %6.2f %13.2f %6.2f %13.2f %6.2f %8s\n",
@@ -371,11 +360,15 @@ int main(int argc, char** argv) {
                 Median(f.first_read) / Median(off.first_read),
                 Median(f.second_read) * 1000 / file_count,
                 Median(f.second_read) / Median(off.second_read),
-                (mode == "listener" || mode == "ignore" ? std::to_string(f.events / rounds) : std::string("-")).c_str());
+                (mode == "listener" || mode == "ignore"
+                     ? std::to_string(f.events / rounds)
+                     : std::string("-"))
+                    .c_str());
   }
   if (with_engine) {
-    std::printf("engine rounds where a program no rule allows was not refused: %d\n",
-                not_enforced);
+    std::printf(
+        "engine rounds where a program no rule allows was not refused: %d\n",
+        not_enforced);
   }
   umount2(dir.c_str(), MNT_DETACH);
   kxbench::RunChild({"/bin/rm", "-rf", scratch});

@@ -186,21 +186,7 @@ int main(int argc, char** argv) {
   std::printf("loaded set of %ld resources in %d rules written in %.0f ms\n",
               resources, rules, Ms(Clock::now() - written));
 
-  const pid_t engine = fork();
-  if (engine < 0) Die("fork");
-  if (engine == 0) {
-    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (fd >= 0) {
-      dup2(fd, 1);
-      dup2(fd, 2);
-    }
-    const char* args[] = {
-        KX_KXAECD_PATH, "--foreground",  "--watch",
-        dir.c_str(),    "--sysctl-root", "/opt/korvex/var/run/sysctl",
-        "-v",           nullptr};
-    execv(args[0], const_cast<char* const*>(args));
-    _exit(127);
-  }
+  const pid_t engine = kxbench::LaunchEngine(KX_KXAECD_PATH, dir, log, {"-v"});
   const double first_load = WaitForSet(log, VersionOnDisk(), engine);
   // The daemon marks the tmpfs after taking its first set; a start that is
   // refused now means it is not enforcing this set.

@@ -1,5 +1,6 @@
 #include "support/engine_sandbox.h"
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,6 +57,30 @@ EngineSandbox EnterEngineSandbox(const std::string& bench,
     Fail(bench, std::string("mount tmpfs: ") + std::strerror(errno));
   }
   return sandbox;
+}
+
+pid_t LaunchEngine(const std::string& kxaecd, const std::string& dir,
+                   const std::string& log,
+                   const std::vector<std::string>& extra) {
+  std::vector<std::string> args = {
+      kxaecd, "--foreground",  "--watch",
+      dir,    "--sysctl-root", "/opt/korvex/var/run/sysctl"};
+  args.insert(args.end(), extra.begin(), extra.end());
+  std::vector<char*> argv;
+  for (auto& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) Fail("kxaecd", std::string("fork: ") + std::strerror(errno));
+  if (pid == 0) {
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (fd >= 0) {
+      dup2(fd, 1);
+      dup2(fd, 2);
+    }
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  return pid;
 }
 
 std::string Slurp(const std::string& path) {

@@ -3,7 +3,10 @@
 // in it, the only mount anything there marks.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
+#include <vector>
 
 namespace kxbench {
 
@@ -18,6 +21,15 @@ struct EngineSandbox {
 EngineSandbox EnterEngineSandbox(const std::string& bench,
                                  const std::string& prefix,
                                  const std::string& tmpfs_size);
+
+// Starts `kxaecd` (the built daemon's path) in the foreground watching the
+// tmpfs `dir` only, its kernel parameters under the sandbox's
+// /opt/korvex/var/run/sysctl, standard output and error appended to `log`,
+// with `extra` arguments after those. Returns its pid; exits with 2 when it
+// cannot fork.
+pid_t LaunchEngine(const std::string& kxaecd, const std::string& dir,
+                   const std::string& log,
+                   const std::vector<std::string>& extra);
 
 // The whole content of `path`; empty when it cannot be read.
 std::string Slurp(const std::string& path);
