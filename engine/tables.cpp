@@ -3,10 +3,44 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <map>
+#include <thread>
 
 namespace aec::engine {
 
 namespace {
+
+constexpr std::uint32_t kNone = 0xFFFFFFFFu;
+
+// An open-addressed table for `n` entries: a power of two at least twice
+// as large, so that probes stay short.
+std::size_t SlotCount(std::size_t n) {
+  std::size_t slots = 16;
+  while (slots < 2 * n)
+    slots *= 2;
+  return slots;
+}
+
+// Runs work(begin, end) over [0, n) cut into one part per processor; small
+// counts stay on the calling thread.
+void ForEachPart(std::size_t n,
+                 const std::function<void(std::size_t, std::size_t)> &work) {
+  constexpr std::size_t kWorthAThread = 4096;
+  const std::size_t threads = std::min<std::size_t>(
+      std::max(1u, std::thread::hardware_concurrency()),
+      std::max<std::size_t>(1, n / kWorthAThread));
+  if (threads <= 1) {
+    work(0, n);
+    return;
+  }
+  std::vector<std::thread> helpers;
+  const std::size_t part = (n + threads - 1) / threads;
+  for (std::size_t begin = part; begin < n; begin += part)
+    helpers.emplace_back(work, begin, std::min(n, begin + part));
+  work(0, std::min(n, part));
+  for (std::thread &helper : helpers)
+    helper.join();
+}
 
 std::vector<std::uint32_t> Sorted(std::vector<std::uint32_t> ids) {
   std::sort(ids.begin(), ids.end());
@@ -31,6 +65,21 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetInput &input,
   std::shared_ptr<Tables> t(new Tables());
   t->version_ = input.version;
   t->integrity_ = integrity;
+  std::size_t named = 0, text = 0;
+  for (const RuleSetInput::Rule &in : input.rules) {
+    named += in.resources.size();
+    for (const std::string &path : in.resources)
+      text += path.size();
+  }
+  t->path_text_.reserve(text);
+  t->path_offsets_.reserve(named + 1);
+  t->path_slots_.assign(SlotCount(named), 0);
+
+  // The rules of each resource: nearly always one, so the first is kept
+  // apart and only a second one makes a list.
+  std::vector<std::uint32_t> first_rule;
+  first_rule.reserve(named);
+  std::unordered_map<std::uint32_t, std::vector<std::uint32_t>> more_rules;
   t->rules_.reserve(input.rules.size());
   for (const RuleSetInput::Rule &in : input.rules) {
     CompiledRule rule;
@@ -43,56 +92,124 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetInput &input,
     const auto rule_index = static_cast<std::uint32_t>(t->rules_.size());
     t->rules_.push_back(std::move(rule));
     for (const std::string &path : in.resources) {
-      auto found = t->by_path_.find(path);
-      std::uint32_t resource;
-      if (found == t->by_path_.end()) {
-        resource = static_cast<std::uint32_t>(t->resource_paths_.size());
-        t->resource_paths_.push_back(path);
-        t->resource_rules_.emplace_back();
-        t->by_path_.emplace(path, resource);
-      } else {
-        resource = found->second;
+      const std::uint64_t hash = std::hash<std::string_view>()(path);
+      const std::size_t mask = t->path_slots_.size() - 1;
+      std::size_t slot = hash & mask;
+      long found = -1;
+      for (; t->path_slots_[slot] != 0; slot = (slot + 1) & mask) {
+        const std::uint64_t entry = t->path_slots_[slot];
+        const auto r = static_cast<std::uint32_t>(entry) - 1;
+        if ((entry >> 32) == (hash >> 32) && t->PathOf(r) == path) {
+          found = r;
+          break;
+        }
       }
-      std::vector<std::uint32_t> &holders = t->resource_rules_[resource];
-      if (holders.empty() || holders.back() != rule_index) {
-        holders.push_back(rule_index);
+      if (found < 0) {
+        const auto r = static_cast<std::uint32_t>(first_rule.size());
+        t->path_text_ += path;
+        t->path_offsets_.push_back(t->path_text_.size());
+        t->path_slots_[slot] = (hash >> 32 << 32) | (r + 1ULL);
+        first_rule.push_back(rule_index);
+        continue;
       }
+      const auto r = static_cast<std::uint32_t>(found);
+      if (first_rule[r] == rule_index)
+        continue;
+      std::vector<std::uint32_t> &more = more_rules[r];
+      if (more.empty() || more.back() != rule_index)
+        more.push_back(rule_index);
     }
   }
-  // Identities after the paths: two paths of one file (a hard link named
-  // twice) share the rules of both.
-  t->resource_extended_.assign(t->resource_paths_.size(), false);
-  t->id_paths_.resize(t->resource_paths_.size());
-  if (integrity) {
-    t->digests_.resize(t->resource_paths_.size());
-    t->has_digest_.assign(t->resource_paths_.size(), false);
-  }
-  for (std::uint32_t r = 0; r < t->resource_paths_.size(); ++r) {
-    for (std::uint32_t index : t->resource_rules_[r]) {
+  const std::size_t n = first_rule.size();
+
+  // Resource lists shared: a rule's resources all point at one list.
+  std::vector<std::uint32_t> single(t->rules_.size(), kNone);
+  std::map<std::vector<std::uint32_t>, std::uint32_t> multiple;
+  auto intern = [&](std::vector<std::uint32_t> holders) {
+    if (holders.size() == 1) {
+      std::uint32_t &index = single[holders[0]];
+      if (index == kNone) {
+        index = static_cast<std::uint32_t>(t->holder_sets_.size());
+        t->holder_sets_.push_back(std::move(holders));
+      }
+      return index;
+    }
+    std::sort(holders.begin(), holders.end());
+    holders.erase(std::unique(holders.begin(), holders.end()), holders.end());
+    auto inserted = multiple.emplace(
+        holders, static_cast<std::uint32_t>(t->holder_sets_.size()));
+    if (inserted.second)
+      t->holder_sets_.push_back(std::move(holders));
+    return inserted.first->second;
+  };
+  t->holder_set_.resize(n);
+  t->resource_extended_.assign(n, false);
+  for (std::uint32_t r = 0; r < n; ++r) {
+    std::vector<std::uint32_t> holders{first_rule[r]};
+    auto more = more_rules.find(r);
+    if (more != more_rules.end()) {
+      holders.insert(holders.end(), more->second.begin(), more->second.end());
+    }
+    for (std::uint32_t index : holders) {
       const CompiledRule &rule = t->rules_[index];
       if (rule.enabled && rule.extended)
         t->resource_extended_[r] = true;
     }
-    FileId id;
-    if (!resolve(t->resource_paths_[r], &id))
+    t->holder_set_[r] = intern(std::move(holders));
+  }
+  std::vector<std::uint32_t>().swap(first_rule);
+  more_rules.clear();
+
+  // Resolving is a stat (and with integrity a read) per resource, the bulk
+  // of the work for a large set; the resources are independent.
+  t->resource_ids_.resize(n);
+  std::vector<std::uint8_t> ok(n, 0);
+  if (integrity) {
+    t->digests_.resize(n);
+    t->has_digest_.assign(n, false);
+  }
+  std::vector<std::uint8_t> digested(integrity ? n : 0, 0);
+  ForEachPart(n, [&](std::size_t begin, std::size_t end) {
+    std::string path;
+    for (std::size_t r = begin; r < end; ++r) {
+      path.assign(t->PathOf(static_cast<std::uint32_t>(r)));
+      if (!resolve(path, &t->resource_ids_[r]))
+        continue;
+      ok[r] = 1;
+      if (integrity)
+        digested[r] = DigestOfFile(path, &t->digests_[r]) ? 1 : 0;
+    }
+  });
+  // Identities after the paths, in resource order: two paths of one file
+  // (a hard link named twice) share the rules of both, under the first.
+  t->resolved_.assign(n, Resolved::kNo);
+  t->id_slots_.assign(SlotCount(n), 0);
+  for (std::uint32_t r = 0; r < n; ++r) {
+    if (integrity)
+      t->has_digest_[r] = digested[r] != 0;
+    if (!ok[r])
       continue;
-    if (integrity) {
-      t->has_digest_[r] = DigestOfFile(t->resource_paths_[r], &t->digests_[r]);
+    const FileId id = t->resource_ids_[r];
+    const std::size_t mask = t->id_slots_.size() - 1;
+    std::size_t slot = FileIdHash()(id) & mask;
+    while (t->id_slots_[slot] != 0 &&
+           !(t->resource_ids_[t->id_slots_[slot] - 1] == id)) {
+      slot = (slot + 1) & mask;
     }
-    auto inserted = t->by_id_.emplace(id, r);
-    t->id_paths_[inserted.first->second].push_back(t->resource_paths_[r]);
-    if (!inserted.second) {
-      // Merge into the first resource of this identity.
-      const std::uint32_t first = inserted.first->second;
-      for (std::uint32_t index : t->resource_rules_[r]) {
-        std::vector<std::uint32_t> &holders = t->resource_rules_[first];
-        if (std::find(holders.begin(), holders.end(), index) == holders.end()) {
-          holders.push_back(index);
-        }
-      }
-      if (t->resource_extended_[r])
-        t->resource_extended_[first] = true;
+    if (t->id_slots_[slot] == 0) {
+      t->id_slots_[slot] = r + 1;
+      t->resolved_[r] = Resolved::kFirst;
+      continue;
     }
+    const std::uint32_t first = t->id_slots_[slot] - 1;
+    t->resolved_[r] = Resolved::kFurther;
+    t->further_[first].push_back(r);
+    std::vector<std::uint32_t> merged = t->holder_sets_[t->holder_set_[first]];
+    const std::vector<std::uint32_t> &own = t->holder_sets_[t->holder_set_[r]];
+    merged.insert(merged.end(), own.begin(), own.end());
+    t->holder_set_[first] = intern(std::move(merged));
+    if (t->resource_extended_[r])
+      t->resource_extended_[first] = true;
   }
   for (std::uint32_t uid : input.whitelist_uids)
     t->whitelist_uids_.insert(uid);
@@ -113,23 +230,47 @@ bool Tables::IsException(const FileId &id, const std::string &path) const {
   return !path.empty() && exception_paths_.count(path) != 0;
 }
 
-long Tables::FindResource(const FileId &id) const {
-  auto found = by_id_.find(id);
-  if (!changed_.load(std::memory_order_acquire)) {
-    return found == by_id_.end() ? -1 : static_cast<long>(found->second);
+long Tables::FindBuiltId(const FileId &id) const {
+  const std::size_t mask = id_slots_.size() - 1;
+  for (std::size_t slot = FileIdHash()(id) & mask; id_slots_[slot] != 0;
+       slot = (slot + 1) & mask) {
+    const std::uint32_t r = id_slots_[slot] - 1;
+    if (resource_ids_[r] == id)
+      return r;
   }
+  return -1;
+}
+
+long Tables::FindPath(std::string_view path) const {
+  const std::uint64_t hash = std::hash<std::string_view>()(path);
+  const std::size_t mask = path_slots_.size() - 1;
+  for (std::size_t slot = hash & mask; path_slots_[slot] != 0;
+       slot = (slot + 1) & mask) {
+    const std::uint64_t entry = path_slots_[slot];
+    const auto r = static_cast<std::uint32_t>(entry) - 1;
+    if ((entry >> 32) == (hash >> 32) && PathOf(r) == path)
+      return r;
+  }
+  return -1;
+}
+
+long Tables::FindResource(const FileId &id) const {
+  const long found = FindBuiltId(id);
+  if (!changed_.load(std::memory_order_acquire))
+    return found;
   std::lock_guard<std::mutex> lock(learnt_mu_);
   auto learnt = learnt_.find(id);
   if (learnt != learnt_.end())
     return learnt->second;
-  if (found == by_id_.end() || dropped_.count(id) != 0)
+  if (found < 0 || dropped_.count(id) != 0)
     return -1;
-  return found->second;
+  return found;
 }
 
 const std::vector<std::uint32_t> *Tables::RulesOf(const FileId &id) const {
   const long r = FindResource(id);
-  return r < 0 ? nullptr : &resource_rules_[static_cast<std::size_t>(r)];
+  return r < 0 ? nullptr
+               : &holder_sets_[holder_set_[static_cast<std::size_t>(r)]];
 }
 
 const Digest *Tables::RecordedDigest(const FileId &id) const {
@@ -148,14 +289,14 @@ bool Tables::IsExtendedResource(const FileId &id) const {
 
 bool Tables::Relearn(const FileId &id, const std::string &path,
                      const Resolver &resolve) const {
-  auto found = by_path_.find(path);
-  if (found == by_path_.end())
+  const long found = FindPath(path);
+  if (found < 0)
     return false;
   FileId now;
   if (!resolve(path, &now) || !(now == id))
     return false;
   std::lock_guard<std::mutex> lock(learnt_mu_);
-  learnt_[id] = found->second;
+  learnt_[id] = static_cast<std::uint32_t>(found);
   dropped_.erase(id);
   changed_.store(true, std::memory_order_release);
   return true;
@@ -168,25 +309,46 @@ void Tables::Verify(const FileId &id, const std::string &path,
     Relearn(id, path, resolve);
     return;
   }
-  const std::vector<std::string> &paths =
-      id_paths_[static_cast<std::size_t>(r)];
-  for (const std::string &own : paths) {
-    if (own == path)
-      return;
-  }
-  // Known under other paths only (learnt identities have none recorded
-  // here, and their path was checked when they were learnt).
-  if (paths.empty())
+  // Learnt identities have no paths recorded here (their path was checked
+  // when they were learnt), nor have resources that named no file.
+  bool known = false;
+  if (IsBuiltPathOf(static_cast<std::uint32_t>(r), path, &known) || !known)
     return;
-  for (const std::string &own : paths) {
+  const auto still_there = [&](std::uint32_t resource) {
     FileId now;
-    if (resolve(own, &now) && now == id)
-      return;
+    return resolve(std::string(PathOf(resource)), &now) && now == id;
+  };
+  const auto first = static_cast<std::uint32_t>(r);
+  if (still_there(first))
+    return;
+  auto further = further_.find(first);
+  if (further != further_.end()) {
+    for (std::uint32_t other : further->second) {
+      if (still_there(other))
+        return;
+    }
   }
   std::lock_guard<std::mutex> lock(learnt_mu_);
   learnt_.erase(id);
   dropped_.insert(id);
   changed_.store(true, std::memory_order_release);
+}
+
+bool Tables::IsBuiltPathOf(std::uint32_t resource, std::string_view path,
+                           bool *known) const {
+  *known = resolved_[resource] == Resolved::kFirst;
+  if (!*known)
+    return false;
+  if (PathOf(resource) == path)
+    return true;
+  auto further = further_.find(resource);
+  if (further == further_.end())
+    return false;
+  for (std::uint32_t other : further->second) {
+    if (PathOf(other) == path)
+      return true;
+  }
+  return false;
 }
 
 } // namespace aec::engine

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -76,13 +77,14 @@ public:
   // and resolved on the first event that names their path. With
   // `integrity`, the SHA-256 of each resource that resolves is recorded
   // (a resource that cannot be read then has none, and its rules do not
-  // allow it).
+  // allow it). A large set is resolved on several threads at once, so
+  // `resolve` must be safe to call concurrently (StatResolver is).
   static std::shared_ptr<const Tables> Build(const RuleSetInput &input,
                                              const Resolver &resolve,
                                              bool integrity = false);
 
   const std::vector<CompiledRule> &rules() const { return rules_; }
-  std::size_t resource_count() const { return resource_paths_.size(); }
+  std::size_t resource_count() const { return path_offsets_.size() - 1; }
   const std::string &version() const { return version_; }
 
   bool IsWhitelistedUid(std::uint32_t uid) const {
@@ -95,7 +97,7 @@ public:
 
   // The rules (indices into rules()) holding the file as a resource; null
   // when none. Looks at the identities resolved at build and at those
-  // learnt later through Relearn().
+  // learnt later through Relearn(). Valid as long as the Tables.
   const std::vector<std::uint32_t> *RulesOf(const FileId &id) const;
 
   // A file that is a resource of an enabled extended rule: its opens are
@@ -125,17 +127,43 @@ public:
                const Resolver &resolve) const;
 
 private:
+  // How a resource's path stood when the set was built.
+  enum class Resolved : std::uint8_t {
+    kNo,      // named no file
+    kFirst,   // the first path of its identity: the identity leads here
+    kFurther, // another path of an identity met before (a hard link)
+  };
+
   Tables() = default;
   long FindResource(const FileId &id) const; // resource index or -1
+  long FindBuiltId(const FileId &id) const;
+  long FindPath(std::string_view path) const;
+  std::string_view PathOf(std::uint32_t resource) const {
+    return std::string_view(path_text_).substr(
+        path_offsets_[resource],
+        path_offsets_[resource + 1] - path_offsets_[resource]);
+  }
+  // True when `path` is one of the paths the identity of `resource` was
+  // built from; *known is false when it was built from none.
+  bool IsBuiltPathOf(std::uint32_t resource, std::string_view path,
+                     bool *known) const;
 
+  // A million resources must cost tens of bytes each, not hundreds, and
+  // freeing them must not take a decision's time: the paths are one text,
+  // the lookups open-addressed arrays of resource numbers, and the rule
+  // lists shared by every resource that has the same one.
   std::vector<CompiledRule> rules_;
-  std::vector<std::string> resource_paths_;
-  // resource index -> rules holding it
-  std::vector<std::vector<std::uint32_t>> resource_rules_;
+  std::string path_text_;                   // the paths back to back
+  std::vector<std::size_t> path_offsets_{0}; // resource r: [r], [r + 1])
+  std::vector<std::uint64_t> path_slots_; // hash << 32 | r + 1; 0: empty
+  std::vector<std::uint32_t> holder_set_;  // resource -> holder_sets_ index
+  std::vector<std::vector<std::uint32_t>> holder_sets_; // distinct lists
   std::vector<bool> resource_extended_; // held by an enabled extended rule
-  std::unordered_map<FileId, std::uint32_t, FileIdHash> by_id_;
-  std::unordered_map<std::string, std::uint32_t> by_path_;
-  std::unordered_set<FileId, FileIdHash> extended_ids_;
+  std::vector<FileId> resource_ids_;    // per resource, when resolved
+  std::vector<Resolved> resolved_;
+  std::vector<std::uint32_t> id_slots_; // r + 1 of a kFirst resource; 0: empty
+  // kFirst resource -> the kFurther resources of the same identity.
+  std::unordered_map<std::uint32_t, std::vector<std::uint32_t>> further_;
   std::unordered_set<std::uint32_t> whitelist_uids_;
   std::unordered_set<std::uint32_t> whitelist_gids_;
   std::unordered_set<FileId, FileIdHash> exception_ids_;
@@ -144,8 +172,6 @@ private:
   bool integrity_ = false;
   std::vector<Digest> digests_; // per resource, with integrity
   std::vector<bool> has_digest_;
-
-  std::vector<std::vector<std::string>> id_paths_; // per resource: its paths
 
   // Identities learnt or dropped after the build. `changed_` keeps the
   // common lookup free of the lock while nothing was learnt or dropped.

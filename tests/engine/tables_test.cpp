@@ -6,11 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <thread>
+#include <vector>
 
 #include "decision.h"
 
@@ -155,6 +157,53 @@ TEST_F(TablesTest, IntegrityRecordsTheContentOfEachResource) {
   Digest now;
   ASSERT_TRUE(DigestOfFile(tool, &now));
   EXPECT_NE(now, *recorded);
+}
+
+TEST_F(TablesTest, ALargeSetIsResolvedWholeAndHardLinksShareTheirRules) {
+  // Enough resources to be resolved on several threads. Rule k holds
+  // /f/k00000../f/k00199; identities repeat every 15,000 paths, so the
+  // last 5,000 paths are hard links of the first 5,000 (of other rules).
+  RuleSetInput input;
+  for (int k = 0; k < 100; ++k) {
+    RuleSetInput::Rule rule{"r" + std::to_string(k), true, false, false,
+                            {static_cast<std::uint32_t>(k)}, {}, {}};
+    for (int i = 0; i < 200; ++i)
+      rule.resources.push_back("/f/" + std::to_string(k * 200 + i));
+    // A path named twice by one rule and once more by the next.
+    rule.resources.push_back("/f/" + std::to_string(k * 200));
+    if (k > 0)
+      rule.resources.push_back("/f/" + std::to_string(k * 200 - 1));
+    input.rules.push_back(std::move(rule));
+  }
+  std::atomic<long> calls{0};
+  const auto tables =
+      Tables::Build(input, [&](const std::string &p, FileId *id) {
+        ++calls;
+        *id = FileId{7, std::stoull(p.substr(3)) % 15000};
+        return true;
+      });
+  EXPECT_EQ(tables->resource_count(), 20000u);
+  EXPECT_EQ(calls.load(), 20000);
+  for (std::uint64_t n = 0; n < 20000; ++n) {
+    const auto *holders = tables->RulesOf(FileId{7, n % 15000});
+    ASSERT_NE(holders, nullptr) << n;
+    std::vector<std::uint32_t> expected;
+    for (std::uint64_t path : {n % 15000, n % 15000 + 15000}) {
+      if (path >= 20000)
+        continue;
+      expected.push_back(static_cast<std::uint32_t>(path / 200));
+      if (path % 200 == 199 && path / 200 + 1 < 100)
+        expected.push_back(static_cast<std::uint32_t>(path / 200 + 1));
+    }
+    std::sort(expected.begin(), expected.end());
+    expected.erase(std::unique(expected.begin(), expected.end()),
+                   expected.end());
+    std::vector<std::uint32_t> got(holders->begin(), holders->end());
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, expected) << n;
+  }
+  EXPECT_EQ(tables->RulesOf(FileId{7, 15000}), nullptr);
+  EXPECT_EQ(tables->RulesOf(FileId{8, 1}), nullptr);
 }
 
 } // namespace
