@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
@@ -434,12 +435,33 @@ private:
       return;
     }
     auto tables = Tables::Build(input, aec::engine::StatResolver, o_.integrity);
+    const std::string version = input.version;
+    input = RuleSetInput();
+    std::shared_ptr<const Tables> old = tables_.Get();
     tables_.Set(tables);
     if (enforcer_)
       enforcer_->FlushIgnoreMarks();
-    Log(LOG_INFO, "loaded set " + input.version + ": " +
+    Log(LOG_INFO, "loaded set " + version + ": " +
                       std::to_string(tables->rules().size()) + " rules, " +
                       std::to_string(tables->resource_count()) + " resources");
+    ReleaseHere(std::move(old));
+  }
+
+  // Frees the replaced tables on this thread: a decision that still holds
+  // them would otherwise free them on the event thread, inside the time a
+  // program waits for its answer. A decision lasts far less than the
+  // deadline, so waiting that long is enough; after it the last holder
+  // frees them, wherever it is. The memory goes back to the system, or a
+  // reload would keep two sets resident.
+  void ReleaseHere(std::shared_ptr<const Tables> old) {
+    const auto until = std::chrono::steady_clock::now() +
+                       std::chrono::milliseconds(o_.deadline_ms);
+    while (old && old.use_count() > 1 &&
+           std::chrono::steady_clock::now() < until) {
+      usleep(1000);
+    }
+    old.reset();
+    malloc_trim(0);
   }
 
   void ReadParameters(bool first) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <exception>
+#include <utility>
 
 #include "aec_loaded_set.h"
 
@@ -10,12 +11,12 @@ namespace aec::engine {
 
 const char kLoadedSetPath[] = "/opt/korvex/var/lib/aec/loaded-rules";
 
-RuleSetInput InputFromLoadedSet(const aec::LoadedSet &set) {
+RuleSetInput InputFromLoadedSet(aec::LoadedSet set) {
   RuleSetInput input;
   input.rules.reserve(set.rules.size());
-  for (const aec::LoadedRule &in : set.rules) {
+  for (aec::LoadedRule &in : set.rules) {
     RuleSetInput::Rule rule;
-    rule.name = in.name;
+    rule.name = std::move(in.name);
     rule.enabled = in.enable;
     rule.all_users = in.all_users;
     rule.extended = in.extended;
@@ -23,14 +24,14 @@ RuleSetInput InputFromLoadedSet(const aec::LoadedSet &set) {
       rule.uids.push_back(user.id);
     for (const auto &group : in.groups)
       rule.gids.push_back(group.id);
-    rule.resources = in.resources;
+    rule.resources = std::move(in.resources);
     input.rules.push_back(std::move(rule));
   }
   for (const auto &user : set.whitelist_users)
     input.whitelist_uids.push_back(user.id);
   for (const auto &group : set.whitelist_groups)
     input.whitelist_gids.push_back(group.id);
-  input.exceptions = set.exceptions;
+  input.exceptions = std::move(set.exceptions);
   return input;
 }
 

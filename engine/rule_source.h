@@ -15,8 +15,10 @@ namespace aec::engine {
 
 extern const char kLoadedSetPath[]; // "/opt/korvex/var/lib/aec/loaded-rules"
 
-// The rule set a loaded set describes (numeric ids; paths as given).
-RuleSetInput InputFromLoadedSet(const aec::LoadedSet &set);
+// The rule set a loaded set describes (numeric ids; paths as given). Takes
+// the set by value: a caller done with it moves it in and no path is
+// copied.
+RuleSetInput InputFromLoadedSet(aec::LoadedSet set);
 
 // Reads and parses the file. False, with the reason, when it is missing or
 // does not parse; *input is untouched then.
