@@ -179,6 +179,18 @@ TEST(LoadedSetReader, AttachesMembersToTheRuleTheyName) {
   EXPECT_EQ(set.rules[1].resources, (std::vector<std::string>{"/bin/b"}));
 }
 
+TEST(LoadedSetReader, AttachesMembersOfInterleavedRulesEachToItsOwn) {
+  const LoadedSet set = ParseLoadedSet(
+      "format\t1\nrule\ta\t1\t0\t0\t0\nrule\tb\t1\t0\t0\t0\n"
+      "rule-resource\ta\t/bin/a1\nrule-resource\tb\t/bin/b1\n"
+      "rule-resource\tb\t/bin/b2\nrule-resource\ta\t/bin/a2\n"
+      "rule-resource\tb\t/bin/b3\n");
+  EXPECT_EQ(set.rules[0].resources,
+            (std::vector<std::string>{"/bin/a1", "/bin/a2"}));
+  EXPECT_EQ(set.rules[1].resources,
+            (std::vector<std::string>{"/bin/b1", "/bin/b2", "/bin/b3"}));
+}
+
 TEST(LoadedSetWriter, WritesTheDocumentedExample) {
   LoadedSet set;
   LoadedRule rule;

@@ -1,6 +1,7 @@
 #include "aec_loaded_set.h"
 
 #include <initializer_list>
+#include <string_view>
 #include <unordered_map>
 
 #include "aec_config_read.h"
@@ -27,12 +28,27 @@ void AppendRecord(std::string* text,
 
 std::string Bit(bool flag) { return flag ? "1" : "0"; }
 
+// The bytes that end a run of plain text in a line: a field separator, an
+// escape, and the two bytes a line may not hold raw (a string_view, as the
+// NUL is one of them).
+constexpr std::string_view kSpecial("\t\\\r\0", 4);
+
 // One line being parsed; every failure names its line number.
 class Line {
  public:
-  Line(std::size_t number, const std::string& raw) : number_(number) {
+  // A set holds a line per resource, a million of them in a large one:
+  // the runs between special bytes are copied whole.
+  Line(std::size_t number, std::string_view raw) : number_(number) {
+    fields_.reserve(6);
     std::string field;
-    for (std::size_t i = 0; i < raw.size(); ++i) {
+    std::size_t i = 0;
+    while (i < raw.size()) {
+      const std::size_t special = raw.find_first_of(kSpecial, i);
+      const std::size_t run_end =
+          special == std::string_view::npos ? raw.size() : special;
+      field.append(raw.data() + i, run_end - i);
+      i = run_end;
+      if (i == raw.size()) break;
       const char c = raw[i];
       if (c == '\t') {
         fields_.push_back(std::move(field));
@@ -55,11 +71,10 @@ class Line {
           default:
             Fail(std::string("unknown escape \\") + raw[i]);
         }
-      } else if (c == '\r' || c == '\0') {
-        Fail(c == '\r' ? "a raw carriage return" : "a NUL byte");
       } else {
-        field += c;
+        Fail(c == '\r' ? "a raw carriage return" : "a NUL byte");
       }
+      ++i;
     }
     fields_.push_back(std::move(field));
   }
@@ -77,6 +92,12 @@ class Line {
   const std::string& Text(std::size_t i, const char* what) const {
     if (fields_[i].empty()) Fail(std::string("an empty ") + what);
     return fields_[i];
+  }
+
+  // Text(), handed over: the line is done with it.
+  std::string Take(std::size_t i, const char* what) {
+    Text(i, what);
+    return std::move(fields_[i]);
   }
 
   bool Flag(std::size_t i) const {
@@ -138,17 +159,19 @@ LoadedSet ParseLoadedSet(const std::string& text) {
   LoadedSet set;
   std::unordered_map<std::string, std::size_t> rule_index;
   bool have_format = false;
+  std::size_t last_rule = 0;
   std::size_t number = 0;
   std::size_t begin = 0;
   while (begin < text.size()) {
     std::size_t end = text.find('\n', begin);
     if (end == std::string::npos) end = text.size();
     ++number;
-    const std::string raw = text.substr(begin, end - begin);
+    const std::string_view raw =
+        std::string_view(text).substr(begin, end - begin);
     begin = end + 1;
     if (raw.empty() || raw[0] == '#') continue;
 
-    const Line line(number, raw);
+    Line line(number, raw);
     const std::string& kind = line.Kind();
     if (kind == "format") {
       if (have_format) line.Fail("a second format record");
@@ -177,17 +200,22 @@ LoadedSet ParseLoadedSet(const std::string& text) {
                kind == "rule-resource") {
       line.ExpectFields(kind == "rule-resource" ? 3 : 4);
       const std::string& name = line.Text(1, "rule name");
-      const auto found = rule_index.find(name);
-      if (found == rule_index.end()) {
-        line.Fail("rule \"" + name + "\" is not declared before");
+      // A rule's records follow one another: the rule of the line before
+      // is the likely one.
+      if (last_rule >= set.rules.size() || set.rules[last_rule].name != name) {
+        const auto found = rule_index.find(name);
+        if (found == rule_index.end()) {
+          line.Fail("rule \"" + name + "\" is not declared before");
+        }
+        last_rule = found->second;
       }
-      LoadedRule& rule = set.rules[found->second];
+      LoadedRule& rule = set.rules[last_rule];
       if (kind == "rule-user") {
         rule.users.push_back(line.Account(2));
       } else if (kind == "rule-group") {
         rule.groups.push_back(line.Account(2));
       } else {
-        rule.resources.push_back(line.Text(2, "path"));
+        rule.resources.push_back(line.Take(2, "path"));
       }
     } else if (kind == "whitelist-user" || kind == "whitelist-group") {
       line.ExpectFields(3);
@@ -195,7 +223,7 @@ LoadedSet ParseLoadedSet(const std::string& text) {
           .push_back(line.Account(1));
     } else if (kind == "exception") {
       line.ExpectFields(2);
-      set.exceptions.push_back(line.Text(1, "path"));
+      set.exceptions.push_back(line.Take(1, "path"));
     } else {
       line.Fail("unknown record \"" + kind + "\"");
     }
