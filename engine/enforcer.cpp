@@ -442,19 +442,27 @@ void Enforcer::Process(const std::shared_ptr<Pending> &p) {
   const ssize_t n = readlink(link, path, sizeof path - 1);
   if (n > 0)
     event.path.assign(path, static_cast<size_t>(n));
+  const std::shared_ptr<const Tables> tables = tables_->Get();
+  if (event.access == Access::kOpen) {
+    event.is_shared_object = IsSharedObjectCached(p->fd, st);
+  }
+  tables->Verify(event.file, event.path, StatResolver);
+  // Most opens are of files no rule controls, decided the same for every
+  // process; reading who opens (a /proc read, the largest part of a
+  // decision) is left to the opens and starts that depend on it.
+  const bool controlled = event.access == Access::kExec ||
+                          event.is_shared_object ||
+                          tables->IsExtendedResource(event.file);
   ProcessIdentity who;
-  if (ReadProcessIdentity(p->pid, &who)) {
+  if (!controlled) {
+    event.uid = 0xFFFFFFFFu;
+  } else if (ReadProcessIdentity(p->pid, &who)) {
     event.uid = who.uid;
     event.gids = std::move(who.gids);
   } else {
     // The process is gone or unreadable: an identity no rule names.
     event.uid = 0xFFFFFFFFu;
   }
-  const std::shared_ptr<const Tables> tables = tables_->Get();
-  if (event.access == Access::kOpen) {
-    event.is_shared_object = IsSharedObjectCached(p->fd, st);
-  }
-  tables->Verify(event.file, event.path, StatResolver);
   if (tables->integrity() && tables->RulesOf(event.file) != nullptr) {
     const Digest *recorded = tables->RecordedDigest(event.file);
     Digest now;

@@ -3,43 +3,69 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <sstream>
+#include <string_view>
 
 namespace aec::engine {
 
 namespace {
 
-bool ParseId(const std::string &word, std::uint32_t *id) {
+bool ParseId(std::string_view word, std::uint32_t *id) {
   if (word.empty() || word.size() > 10)
     return false;
-  char *end = nullptr;
-  const unsigned long long value = std::strtoull(word.c_str(), &end, 10);
-  if (*end != '\0' || value > 0xFFFFFFFFull)
+  std::uint64_t value = 0;
+  for (char c : word) {
+    if (c < '0' || c > '9')
+      return false;
+    value = value * 10 + static_cast<std::uint64_t>(c - '0');
+  }
+  if (value > 0xFFFFFFFFull)
     return false;
   *id = static_cast<std::uint32_t>(value);
   return true;
 }
 
+// The next word of `text` from *at (blanks are spaces and tabs); empty at
+// the end.
+std::string_view NextWord(std::string_view text, std::size_t *at) {
+  const std::size_t begin = text.find_first_not_of(" \t", *at);
+  if (begin == std::string_view::npos) {
+    *at = text.size();
+    return std::string_view();
+  }
+  std::size_t end = text.find_first_of(" \t", begin);
+  if (end == std::string_view::npos)
+    end = text.size();
+  *at = end;
+  return text.substr(begin, end - begin);
+}
+
 } // namespace
 
+// Read for nearly every start and library load: plain scanning, no
+// streams.
 bool ParseProcessStatus(const std::string &text, ProcessIdentity *identity) {
   bool have_uid = false, have_gid = false;
   ProcessIdentity out;
   std::vector<std::uint32_t> groups;
-  std::istringstream lines(text);
-  std::string line;
-  while (std::getline(lines, line)) {
+  const std::string_view all(text);
+  std::size_t begin = 0;
+  while (begin < all.size()) {
+    std::size_t end = all.find('\n', begin);
+    if (end == std::string_view::npos)
+      end = all.size();
+    const std::string_view line = all.substr(begin, end - begin);
+    begin = end + 1;
     const auto colon = line.find(':');
-    if (colon == std::string::npos)
+    if (colon == std::string_view::npos)
       continue;
-    const std::string key = line.substr(0, colon);
+    const std::string_view key = line.substr(0, colon);
     if (key != "Uid" && key != "Gid" && key != "Groups")
       continue;
-    std::istringstream words(line.substr(colon + 1));
-    std::string word;
+    const std::string_view rest = line.substr(colon + 1);
+    std::size_t at = 0;
     if (key == "Groups") {
-      while (words >> word) {
+      for (std::string_view word = NextWord(rest, &at); !word.empty();
+           word = NextWord(rest, &at)) {
         std::uint32_t id;
         if (!ParseId(word, &id))
           return false;
@@ -49,7 +75,7 @@ bool ParseProcessStatus(const std::string &text, ProcessIdentity *identity) {
     }
     // The first of the four ids (real, effective, saved, file system).
     std::uint32_t id;
-    if (!(words >> word) || !ParseId(word, &id))
+    if (!ParseId(NextWord(rest, &at), &id))
       return false;
     if (key == "Uid") {
       out.uid = id;

@@ -26,6 +26,20 @@ TEST(ProcessInfoTest, StatusWithoutIdsIsRefused) {
   EXPECT_FALSE(ParseProcessStatus("Uid:\tabc\t0\t0\t0\nGid:\t1\n", &id));
 }
 
+TEST(ProcessInfoTest, IdsOutOfRangeOrSignedAreRefusedAndNoGroupsIsNone) {
+  ProcessIdentity id;
+  EXPECT_FALSE(
+      ParseProcessStatus("Uid:\t4294967296\t0\t0\t0\nGid:\t1\n", &id));
+  EXPECT_FALSE(ParseProcessStatus("Uid:\t+5\t0\t0\t0\nGid:\t1\n", &id));
+  EXPECT_FALSE(ParseProcessStatus("Uid:\t\nGid:\t1\n", &id));
+  EXPECT_FALSE(
+      ParseProcessStatus("Uid:\t1\nGid:\t1\nGroups:\t3 -4\n", &id));
+  ASSERT_TRUE(ParseProcessStatus(
+      "Uid:\t4294967295 0 0 0\nGid:  9\t0\t0\t0\nGroups:\t\n", &id));
+  EXPECT_EQ(id.uid, 4294967295u);
+  EXPECT_EQ(id.gids, (std::vector<std::uint32_t>{9}));
+}
+
 TEST(ProcessInfoTest, OwnProcessIsRead) {
   ProcessIdentity id;
   ASSERT_TRUE(ReadProcessIdentity(getpid(), &id));
