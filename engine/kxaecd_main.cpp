@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -48,6 +49,7 @@ using aec::engine::TablesHolder;
 constexpr const char kJournalPath[] = "/opt/korvex/var/log/audit_logs.db";
 constexpr const char kStatusPath[] = "/opt/korvex/var/run/kxaecd.status";
 constexpr unsigned kDefaultAuditMask = 15; // a fresh installation's switches
+constexpr int kReloadNice = 10;
 
 const char kHelp[] =
     "Usage: kxaecd --foreground [OPTION...]\n"
@@ -405,6 +407,15 @@ public:
       return 1;
     }
     Log(LOG_INFO, "started");
+    // Reloads (on the watcher thread, or on this one for SIGHUP) build a
+    // whole set on every processor; at a lower priority they take what
+    // the decisions leave instead of making programs wait. Threads inherit
+    // it, so this comes before the watcher starts.
+    if (setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kReloadNice) !=
+        0) {
+      Log(LOG_WARNING, std::string("cannot lower the priority of reloads: ") +
+                           std::strerror(errno));
+    }
     std::thread watcher([this] { WatchLoop(); });
     const sigset_t set = kxhost::DaemonSignals();
     int sig = 0;
