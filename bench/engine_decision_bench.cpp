@@ -101,29 +101,29 @@ double ResidentMiB() {
 // that name no file (each kept by path, no stat): the cost of the tables
 // themselves, apart from the file system.
 void MeasureLargeSet(std::size_t count) {
-  RuleSetInput spec;
-  spec.rules.resize(std::max<std::size_t>(1, count / 100));
-  for (std::size_t r = 0; r < spec.rules.size(); ++r) {
-    spec.rules[r].name = "rule" + std::to_string(r);
-    spec.rules[r].enabled = true;
-    spec.rules[r].all_users = true;
+  RuleSetInput input;
+  input.rules.resize(std::max<std::size_t>(1, count / 100));
+  for (std::size_t r = 0; r < input.rules.size(); ++r) {
+    input.rules[r].name = "rule" + std::to_string(r);
+    input.rules[r].enabled = true;
+    input.rules[r].all_users = true;
   }
   for (std::size_t i = 0; i < count; ++i) {
-    spec.rules[i % spec.rules.size()].resources.push_back(
+    input.rules[i % input.rules.size()].resources.push_back(
         "/nonexistent/kxbench/dir" + std::to_string(i % 997) + "/file" +
         std::to_string(i));
   }
   const double before = ResidentMiB();
   const auto start = Clock::now();
-  auto tables = Tables::Build(spec, [](const std::string&, FileId*) {
+  auto tables = Tables::Build(input, [](const std::string&, FileId*) {
     return false;
   });
   const double ms = Micros(Clock::now() - start) / 1000;
   const double after = ResidentMiB();
   std::printf(
       "large set: %zu resources in %zu rules built in %.1f ms; resident "
-      "%.1f MiB before, %.1f MiB after (the spec itself included)\n",
-      tables->resource_count(), spec.rules.size(), ms, before, after);
+      "%.1f MiB before, %.1f MiB after (the rule-set input itself included)\n",
+      tables->resource_count(), input.rules.size(), ms, before, after);
 }
 
 }  // namespace
@@ -185,11 +185,11 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  RuleSetInput spec;
-  spec.version = "bench";
-  spec.rules.resize(static_cast<std::size_t>(rule_count));
+  RuleSetInput input;
+  input.version = "bench";
+  input.rules.resize(static_cast<std::size_t>(rule_count));
   for (int r = 0; r < rule_count; ++r) {
-    auto& rule = spec.rules[static_cast<std::size_t>(r)];
+    auto& rule = input.rules[static_cast<std::size_t>(r)];
     rule.name = "rule" + std::to_string(r);
     rule.enabled = true;
     if (r % 3 == 0) {
@@ -201,16 +201,17 @@ int main(int argc, char** argv) {
     }
   }
   for (std::size_t i = 0; i < files.size(); i += 2) {
-    spec.rules[(i / 2) % spec.rules.size()].resources.push_back(files[i].first);
+    input.rules[(i / 2) % input.rules.size()].resources.push_back(
+        files[i].first);
   }
   for (std::size_t i = 1; i < files.size(); i += 97) {
-    spec.exceptions.push_back(files[i].first);
+    input.exceptions.push_back(files[i].first);
   }
-  spec.whitelist_uids = {0, 4242};
-  spec.whitelist_gids = {4243};
+  input.whitelist_uids = {0, 4242};
+  input.whitelist_gids = {4243};
 
   auto start = Clock::now();
-  const auto tables = Tables::Build(spec, aec::engine::StatResolver);
+  const auto tables = Tables::Build(input, aec::engine::StatResolver);
   const double build_ms = Micros(Clock::now() - start) / 1000;
 
   std::vector<Event> events(files.size());
@@ -268,7 +269,7 @@ int main(int argc, char** argv) {
 
   std::printf("files %zu (from %s), rules %d, resources %zu, exceptions %zu\n",
               files.size(), dirs.c_str(), rule_count, tables->resource_count(),
-              spec.exceptions.size());
+              input.exceptions.size());
   std::printf("load average %s\n", kxbench::LoadAverage().c_str());
   std::printf("tables built (stat of every resource) in %.1f ms\n", build_ms);
   std::printf("denied %zu of %zu in hard mode (timed pass: %zu)\n", denied,
