@@ -80,6 +80,7 @@ bool JournalStore::Open(const std::string& path, std::string* error) {
   // cache that holds their working set saves a read for most inserts.
   if (!Exec("PRAGMA synchronous=NORMAL", error) ||
       !Exec("PRAGMA cache_size=-65536", error) ||
+      !Exec("PRAGMA wal_autocheckpoint=8192", error) ||
       !EnsureJournalSchema(db_, error)) {
     Close();
     return false;

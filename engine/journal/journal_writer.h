@@ -64,7 +64,7 @@ class JournalWriter {
     int64_t max_age_seconds = 0;
     size_t retention_batch = 10000;
     // At most this many rows per transaction.
-    size_t batch_size = 4096;
+    size_t batch_size = 16384;
     // How long the writer sleeps when the queue is empty.
     std::chrono::milliseconds flush_interval{20};
     // How long the writer waits before it opens the journal again after a
