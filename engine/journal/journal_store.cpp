@@ -83,7 +83,7 @@ bool JournalStore::Open(const std::string& path, std::string* error) {
   // so the rows per commit (the writer's batch) and the pages per checkpoint
   // (128 MiB of log here) set what a row costs: with the default 1,000-page
   // checkpoint a commit of 4,096 rows was followed by a checkpoint every
-  // time, and a row cost about half again as much processor time.
+  // time.
   if (!Exec("PRAGMA synchronous=NORMAL", error) ||
       !Exec("PRAGMA cache_size=-65536", error) ||
       !Exec("PRAGMA wal_autocheckpoint=32768", error) ||
