@@ -74,10 +74,9 @@ bool TimeIndexIsCurrent(sqlite3* db, bool* current, std::string* error) {
     return false;
   }
   // No index at all is "current": the CREATE below makes the right one.
-  *current = columns.empty() ||
-             std::equal(columns.begin(), columns.end(),
-                        std::begin(kTimeIndexColumns),
-                        std::end(kTimeIndexColumns));
+  *current = columns.empty() || std::equal(columns.begin(), columns.end(),
+                                           std::begin(kTimeIndexColumns),
+                                           std::end(kTimeIndexColumns));
   return true;
 }
 
@@ -101,9 +100,8 @@ bool EnsureJournalSchema(sqlite3* db, std::string* error) {
     // A journal from before the time index covered the listed columns: the
     // old index is a prefix of the new one and would only cost writes, so
     // it is replaced, in one transaction, so that a failure keeps the old.
-    const std::string replace =
-        std::string("BEGIN; DROP INDEX logs_time;") + kTimeIndexDefinition +
-        "COMMIT;";
+    const std::string replace = std::string("BEGIN; DROP INDEX logs_time;") +
+                                kTimeIndexDefinition + "COMMIT;";
     if (!Exec(db, replace.c_str(), error)) {
       sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
       return false;

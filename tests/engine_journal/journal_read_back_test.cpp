@@ -148,9 +148,9 @@ TEST_F(ReadBackTest, AnOlderJournalGainsTheIndexesWhenTheWriterOpensIt) {
 // The columns of index `name`, in order, separated by commas.
 std::string IndexColumns(const std::string& name) {
   std::string columns;
-  for (const auto& row : PlainQuery(
-           kJournalPath, "SELECT name FROM pragma_index_info('" + name +
-                             "') ORDER BY seqno")) {
+  for (const auto& row :
+       PlainQuery(kJournalPath, "SELECT name FROM pragma_index_info('" + name +
+                                    "') ORDER BY seqno")) {
     columns += (columns.empty() ? "" : ",") + row.front();
   }
   return columns;
