@@ -330,14 +330,34 @@ void ExecSql(sqlite3* db, const char* sql) {
   }
 }
 
+// Brings the journal at `path` to the writer's schema, as the writer does
+// when it opens a journal an older writer made.
+void ApplyWriterSchema(const std::string& path) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) {
+    sqlite3_close(db);
+    throw std::runtime_error("cannot open " + path);
+  }
+  std::string error;
+  const bool ok = aec::engine::EnsureJournalSchema(db, &error);
+  sqlite3_close(db);
+  if (!ok) throw std::runtime_error(path + ": " + error);
+}
+
 // The large journal at `path`, made once: the generator's rows in one
-// transaction, its own time index replaced by the writer's schema.
+// transaction, its own time index replaced by the writer's schema. A kept
+// journal is brought to the writer's current schema.
 void EnsureLargeJournal(const std::string& path, std::size_t rows) {
   const std::string marker = path + ".rows";
   std::ifstream in(marker);
   std::size_t have = 0;
   if (in >> have && have == rows) {
-    std::printf("large journal: reusing %zu rows in %s\n", rows, path.c_str());
+    const auto start = Clock::now();
+    ApplyWriterSchema(path);
+    std::printf(
+        "large journal: reusing %zu rows in %s (schema checked or upgraded"
+        " in %.1f s)\n",
+        rows, path.c_str(), SecondsSince(start));
     return;
   }
   kxjournal::JournalShape shape;

@@ -9,7 +9,8 @@
 // event_id to 1050..1055, which all engine rows share, so an index led by
 // event_id would select everything; the time index is led by date_time and
 // carries event_id and success so those conditions are checked in the
-// index. A console filters by user, group or program, usually within a time
+// index, and username, groupname and app so that "loglist" over a time span
+// never reads the table. A console filters by user, group or program, usually within a time
 // span and shows the newest rows first, hence (username, date_time),
 // (groupname, date_time) and (app, date_time): the equality selects, the
 // time bounds the range, and the rows come out in time order (ties in row id
@@ -38,7 +39,9 @@ extern const char* const kJournalTableDefinition;
 
 // Creates what is missing: the tables and the indexes (an existing journal
 // without them gains them; building an index over a large journal takes as
-// long as one pass over it). Returns false and sets `error` on failure.
+// long as one pass over it). A time index with other columns than the
+// current one (an older journal's) is replaced in one transaction: on
+// failure the old one stays. Returns false and sets `error` on failure.
 bool EnsureJournalSchema(sqlite3* db, std::string* error);
 
 }  // namespace aec::engine

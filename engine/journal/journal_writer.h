@@ -63,8 +63,12 @@ class JournalWriter {
     uint64_t max_rows = 0;
     int64_t max_age_seconds = 0;
     size_t retention_batch = 10000;
-    // At most this many rows per transaction.
-    size_t batch_size = 4096;
+    // At most this many rows per transaction. A commit writes every index
+    // page it touched, a few thousand for the user, group and program
+    // indexes almost whatever the number of rows, so larger batches make a
+    // row cheaper; 16,384 rows at 50,000 a second leave the queue room for
+    // the next batch while one commits.
+    size_t batch_size = 16384;
     // How long the writer sleeps when the queue is empty.
     std::chrono::milliseconds flush_interval{20};
     // How long the writer waits before it opens the journal again after a

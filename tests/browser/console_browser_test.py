@@ -76,7 +76,8 @@ CREATE TABLE IF NOT EXISTS logs (
   id INTEGER PRIMARY KEY, event_id INTEGER NOT NULL, date_time INTEGER,
   app TEXT, object_name TEXT, username TEXT, groupname TEXT, success INTEGER,
   pid INTEGER, uid INTEGER, gid INTEGER, hostname TEXT, description TEXT);
-CREATE INDEX IF NOT EXISTS logs_time ON logs(date_time, event_id, success);
+CREATE INDEX IF NOT EXISTS logs_time
+  ON logs(date_time, event_id, success, username, groupname, app);
 CREATE INDEX IF NOT EXISTS logs_user_time ON logs(username, date_time);
 CREATE INDEX IF NOT EXISTS logs_app_time ON logs(app, date_time);
 CREATE INDEX IF NOT EXISTS logs_group_time ON logs(groupname, date_time);
