@@ -9,14 +9,14 @@
 // event_id to 1050..1055, which all engine rows share, so an index led by
 // event_id would select everything; the time index is led by date_time and
 // carries event_id and success so those conditions are checked in the
-// index, and username, groupname and app so that "loglist" over a time span
-// never reads the table. A console filters by user, group or program, usually within a time
-// span and shows the newest rows first, hence (username, date_time),
-// (groupname, date_time) and (app, date_time): the equality selects, the
-// time bounds the range, and the rows come out in time order (ties in row id
-// order), so a page needs no sort. There is deliberately no
-// index led by event_id: it would tempt the planner away from the time index
-// for the commands' two-sided event_id range.
+// index, and username, groupname and app so that "loglist" over a time
+// span never reads the table. A console filters by user, group or program,
+// usually within a time span and shows the newest rows first, hence
+// (username, date_time), (groupname, date_time) and (app, date_time): the
+// equality selects, the time bounds the range, and the rows come out in
+// time order (ties in row id order), so a page needs no sort. There is
+// deliberately no index led by event_id: it would tempt the planner away
+// from the time index for the commands' two-sided event_id range.
 #pragma once
 
 #include <sqlite3.h>

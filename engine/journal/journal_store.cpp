@@ -81,9 +81,9 @@ bool JournalStore::Open(const std::string& path, std::string* error) {
   // Each commit and each checkpoint writes every page it touched once, and
   // those indexes touch a few thousand pages whatever the number of rows,
   // so the rows per commit (the writer's batch) and the pages per checkpoint
-  // (128 MiB of log here) set what a row costs: with the default 1,000-page
-  // checkpoint a commit of 4,096 rows was followed by a checkpoint every
-  // time.
+  // (128 MiB of log here) set what a row costs: with SQLite's default
+  // 1,000-page checkpoint nearly every commit of a few thousand rows would
+  // be followed by a checkpoint.
   if (!Exec("PRAGMA synchronous=NORMAL", error) ||
       !Exec("PRAGMA cache_size=-65536", error) ||
       !Exec("PRAGMA wal_autocheckpoint=32768", error) ||
