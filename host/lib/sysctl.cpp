@@ -52,6 +52,23 @@ bool MakeParents(const std::string& path) {
   return true;
 }
 
+// True when the file at `path` holds exactly `value`, byte for byte.
+bool FileHolds(const std::string& path, const std::string& value) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  std::string text;
+  char buffer[256];
+  for (;;) {
+    const ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    text.append(buffer, static_cast<std::size_t>(got));
+    if (text.size() > value.size()) break;
+  }
+  close(fd);
+  return text == value;
+}
+
 // The configured root, unless it is the kernel's and the kernel has no
 // korvex parameters.
 std::string EffectiveRoot() {
@@ -80,6 +97,15 @@ bool set(const std::string& name, const std::string& value) {
                 "sysctl: cannot make the directories of %s: %s", path.c_str(),
                 std::strerror(errno));
     return false;
+  }
+  // Every host start sets the parameters again, mostly to what they hold.
+  // Rewriting a file costs a truncation that the file system flushes to
+  // disk on close and wakes kxaecd for nothing; a value that is already
+  // there is left alone.
+  if (!proc && FileHolds(path, value)) {
+    log_message(kLogFile, __LINE__, 7, 24, "kxhost", "sysctl: %s = %s (kept)",
+                name.c_str(), value.c_str());
+    return true;
   }
   const int flags = proc ? O_WRONLY | O_CLOEXEC
                          : O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;

@@ -1,7 +1,9 @@
 // Kernel parameters of a sandboxed host are files below its sysctl root.
 #include "host/sysctl.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -26,6 +28,25 @@ TEST_F(Sysctl, SetReplacesThePreviousValue) {
   EXPECT_TRUE(sysctl::set("korvex/secure/secenv_verbose", "12345"));
   EXPECT_TRUE(sysctl::set("korvex/secure/secenv_verbose", "0"));
   EXPECT_EQ(sysctl::get("korvex/secure/secenv_verbose"), "0");
+}
+
+TEST_F(Sysctl, AValueAlreadyThereIsNotWrittenAgain) {
+  const std::string path = std::string(kRoot) + "/korvex/secure/environment";
+  ASSERT_TRUE(sysctl::set("korvex/secure/environment", "3"));
+  // Back-date the file: a rewrite would move its modification time.
+  const struct timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), old, 0), 0);
+  EXPECT_TRUE(sysctl::set("korvex/secure/environment", "3"));
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mtim.tv_sec, 1000000000);
+  // A value that differs only by a prefix or a trailing byte is written.
+  EXPECT_TRUE(sysctl::set("korvex/secure/environment", "31"));
+  EXPECT_EQ(kxtest::ReadFile(path), "31");
+  EXPECT_TRUE(sysctl::set("korvex/secure/environment", "3"));
+  EXPECT_EQ(kxtest::ReadFile(path), "3");
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_NE(st.st_mtim.tv_sec, 1000000000);
 }
 
 TEST_F(Sysctl, GetOfAnUnsetParameterIsEmpty) {
