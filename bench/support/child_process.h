@@ -10,7 +10,7 @@ namespace kxbench {
 struct ChildRun {
   int exit_code = -1;  // -1: did not exit normally
   std::string out;     // standard output, whole
-  double wall_ms = 0;  // from fork to reaped
+  double wall_ms = 0;  // from spawn to reaped
   double cpu_ms = 0;   // the child's processor time, user + system
   long max_rss_kib = 0;  // the child's peak resident memory
 };
