@@ -52,21 +52,28 @@ bool MakeParents(const std::string& path) {
   return true;
 }
 
-// True when the file at `path` holds exactly `value`, byte for byte.
-bool FileHolds(const std::string& path, const std::string& value) {
+// Reads the file at `path`: whole, or stops once it has more than `limit`
+// bytes. False when it cannot be opened.
+bool ReadValueFile(const std::string& path, std::size_t limit,
+                   std::string* text) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  std::string text;
   char buffer[256];
   for (;;) {
     const ssize_t got = read(fd, buffer, sizeof buffer);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
-    text.append(buffer, static_cast<std::size_t>(got));
-    if (text.size() > value.size()) break;
+    text->append(buffer, static_cast<std::size_t>(got));
+    if (text->size() > limit) break;
   }
   close(fd);
-  return text == value;
+  return true;
+}
+
+// True when the file at `path` holds exactly `value`, byte for byte.
+bool FileHolds(const std::string& path, const std::string& value) {
+  std::string text;
+  return ReadValueFile(path, value.size(), &text) && text == value;
 }
 
 // The configured root, unless it is the kernel's and the kernel has no
@@ -133,18 +140,10 @@ bool set(const std::string& name, const std::string& value) {
 
 std::string get(const std::string& name) {
   if (!IsSafeName(name)) return std::string();
-  const std::string path = EffectiveRoot() + "/" + name;
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::string();
   std::string text;
-  char buffer[256];
-  for (;;) {
-    const ssize_t got = read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    text.append(buffer, static_cast<std::size_t>(got));
+  if (!ReadValueFile(EffectiveRoot() + "/" + name, std::string::npos, &text)) {
+    return std::string();
   }
-  close(fd);
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
     text.pop_back();
   }
