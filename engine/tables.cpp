@@ -93,17 +93,8 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetInput &input,
     t->rules_.push_back(std::move(rule));
     for (const std::string &path : in.resources) {
       const std::uint64_t hash = std::hash<std::string_view>()(path);
-      const std::size_t mask = t->path_slots_.size() - 1;
-      std::size_t slot = hash & mask;
-      long found = -1;
-      for (; t->path_slots_[slot] != 0; slot = (slot + 1) & mask) {
-        const std::uint64_t entry = t->path_slots_[slot];
-        const auto r = static_cast<std::uint32_t>(entry) - 1;
-        if ((entry >> 32) == (hash >> 32) && t->PathOf(r) == path) {
-          found = r;
-          break;
-        }
-      }
+      const std::size_t slot = t->PathSlot(path, hash);
+      const long found = t->ResourceInPathSlot(slot);
       if (found < 0) {
         const auto r = static_cast<std::uint32_t>(first_rule.size());
         t->path_text_ += path;
@@ -189,13 +180,7 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetInput &input,
       t->has_digest_[r] = digested[r] != 0;
     if (!ok[r])
       continue;
-    const FileId id = t->resource_ids_[r];
-    const std::size_t mask = t->id_slots_.size() - 1;
-    std::size_t slot = FileIdHash()(id) & mask;
-    while (t->id_slots_[slot] != 0 &&
-           !(t->resource_ids_[t->id_slots_[slot] - 1] == id)) {
-      slot = (slot + 1) & mask;
-    }
+    const std::size_t slot = t->IdSlot(t->resource_ids_[r]);
     if (t->id_slots_[slot] == 0) {
       t->id_slots_[slot] = r + 1;
       t->resolved_[r] = Resolved::kFirst;
@@ -230,28 +215,42 @@ bool Tables::IsException(const FileId &id, const std::string &path) const {
   return !path.empty() && exception_paths_.count(path) != 0;
 }
 
-long Tables::FindBuiltId(const FileId &id) const {
+std::size_t Tables::IdSlot(const FileId &id) const {
   const std::size_t mask = id_slots_.size() - 1;
-  for (std::size_t slot = FileIdHash()(id) & mask; id_slots_[slot] != 0;
-       slot = (slot + 1) & mask) {
-    const std::uint32_t r = id_slots_[slot] - 1;
-    if (resource_ids_[r] == id)
-      return r;
+  std::size_t slot = FileIdHash()(id) & mask;
+  while (id_slots_[slot] != 0 && !(resource_ids_[id_slots_[slot] - 1] == id))
+    slot = (slot + 1) & mask;
+  return slot;
+}
+
+std::size_t Tables::PathSlot(std::string_view path,
+                             std::uint64_t hash) const {
+  const std::size_t mask = path_slots_.size() - 1;
+  std::size_t slot = hash & mask;
+  for (; path_slots_[slot] != 0; slot = (slot + 1) & mask) {
+    const std::uint64_t entry = path_slots_[slot];
+    if ((entry >> 32) == (hash >> 32) &&
+        PathOf(static_cast<std::uint32_t>(entry) - 1) == path) {
+      break;
+    }
   }
-  return -1;
+  return slot;
+}
+
+long Tables::ResourceInPathSlot(std::size_t slot) const {
+  const std::uint64_t entry = path_slots_[slot];
+  return entry == 0 ? -1
+                    : static_cast<long>(static_cast<std::uint32_t>(entry) - 1);
+}
+
+long Tables::FindBuiltId(const FileId &id) const {
+  const std::uint32_t entry = id_slots_[IdSlot(id)];
+  return entry == 0 ? -1 : static_cast<long>(entry - 1);
 }
 
 long Tables::FindPath(std::string_view path) const {
-  const std::uint64_t hash = std::hash<std::string_view>()(path);
-  const std::size_t mask = path_slots_.size() - 1;
-  for (std::size_t slot = hash & mask; path_slots_[slot] != 0;
-       slot = (slot + 1) & mask) {
-    const std::uint64_t entry = path_slots_[slot];
-    const auto r = static_cast<std::uint32_t>(entry) - 1;
-    if ((entry >> 32) == (hash >> 32) && PathOf(r) == path)
-      return r;
-  }
-  return -1;
+  return ResourceInPathSlot(
+      PathSlot(path, std::hash<std::string_view>()(path)));
 }
 
 long Tables::FindResource(const FileId &id) const {

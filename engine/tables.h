@@ -138,6 +138,11 @@ private:
   long FindResource(const FileId &id) const; // resource index or -1
   long FindBuiltId(const FileId &id) const;
   long FindPath(std::string_view path) const;
+  // The slot of an open-addressed table that holds the key, or the empty
+  // one where it would go: one probe for lookups and for the build.
+  std::size_t IdSlot(const FileId &id) const;
+  std::size_t PathSlot(std::string_view path, std::uint64_t hash) const;
+  long ResourceInPathSlot(std::size_t slot) const; // -1 when empty
   std::string_view PathOf(std::uint32_t resource) const {
     return std::string_view(path_text_).substr(
         path_offsets_[resource],
