@@ -28,6 +28,9 @@
 #ifndef FAN_MARK_FILESYSTEM
 #define FAN_MARK_FILESYSTEM 0x00000100
 #endif
+#ifndef FAN_MARK_EVICTABLE
+#define FAN_MARK_EVICTABLE 0x00000200
+#endif
 
 namespace aec::engine {
 
@@ -384,6 +387,42 @@ void Enforcer::WatchdogLoop() {
   }
 }
 
+void Enforcer::AddIgnoreMark(int fd, const struct stat &seen,
+                             std::uint64_t generation) {
+  std::lock_guard<std::mutex> lock(marks_mu_);
+  if (generation != marks_generation_.load())
+    return;
+  // Without FAN_MARK_IGNORED_SURV_MODIFY: a write drops the mark, so a
+  // file rewritten into a library is looked at again. Evictable: a mark
+  // does not pin its inode, so marking every file a busy machine opens
+  // cannot fill the memory; an evicted mark costs one more event.
+  unsigned flags = FAN_MARK_ADD | FAN_MARK_IGNORED_MASK;
+  if (evictable_marks_)
+    flags |= FAN_MARK_EVICTABLE;
+  int rc = fanotify_mark(fan_fd_, flags, FAN_OPEN_PERM, fd, nullptr);
+  if (rc != 0 && errno == EINVAL && evictable_marks_) {
+    evictable_marks_ = false;
+    Log(LOG_INFO, "the kernel has no evictable marks; ignore marks pin "
+                  "their inodes until the next set");
+    rc = fanotify_mark(fan_fd_, flags & ~FAN_MARK_EVICTABLE, FAN_OPEN_PERM,
+                       fd, nullptr);
+  }
+  if (rc != 0)
+    return;
+  // A write between the decision's look at the file and the mark dropped
+  // no mark (there was none yet): the change time tells. A write after
+  // the mark drops it in the kernel.
+  struct stat now;
+  if (fstat(fd, &now) != 0 || now.st_ctim.tv_sec != seen.st_ctim.tv_sec ||
+      now.st_ctim.tv_nsec != seen.st_ctim.tv_nsec ||
+      now.st_size != seen.st_size) {
+    fanotify_mark(fan_fd_, FAN_MARK_REMOVE | FAN_MARK_IGNORED_MASK,
+                  FAN_OPEN_PERM, fd, nullptr);
+    return;
+  }
+  ignore_marks_.fetch_add(1);
+}
+
 bool Enforcer::IsSharedObjectCached(int fd, const struct stat &st) {
   const ElfKey key{static_cast<std::uint64_t>(st.st_dev),
                    static_cast<std::uint64_t>(st.st_ino),
@@ -442,6 +481,9 @@ void Enforcer::Process(const std::shared_ptr<Pending> &p) {
   const ssize_t n = readlink(link, path, sizeof path - 1);
   if (n > 0)
     event.path.assign(path, static_cast<size_t>(n));
+  // Read before the tables: a flush after this point makes the generation
+  // differ, whichever tables this decision then got.
+  const std::uint64_t generation = marks_generation_.load();
   const std::shared_ptr<const Tables> tables = tables_->Get();
   if (event.access == Access::kOpen) {
     event.is_shared_object = IsSharedObjectCached(p->fd, st);
@@ -491,12 +533,7 @@ void Enforcer::Process(const std::shared_ptr<Pending> &p) {
 
   if (d.cacheable_open && options_.ignore_marks &&
       event.access == Access::kOpen) {
-    // Without FAN_MARK_IGNORED_SURV_MODIFY: a write drops the mark, so a
-    // file rewritten into a library is looked at again.
-    if (fanotify_mark(fan_fd_, FAN_MARK_ADD | FAN_MARK_IGNORED_MASK,
-                      FAN_OPEN_PERM, p->fd, nullptr) == 0) {
-      ignore_marks_.fetch_add(1);
-    }
+    AddIgnoreMark(p->fd, st, generation);
   }
   if (journalled) {
     JournalEvent row;
@@ -561,6 +598,8 @@ void Enforcer::RecordLatency(double total_us, double decide_us) {
 void Enforcer::FlushIgnoreMarks() {
   if (fan_fd_ < 0)
     return;
+  std::lock_guard<std::mutex> lock(marks_mu_);
+  marks_generation_.fetch_add(1);
   // Ignore marks are the only inode marks of the group; the watch marks are
   // file system and mount marks and stay.
   if (fanotify_mark(fan_fd_, FAN_MARK_FLUSH, 0, AT_FDCWD, nullptr) != 0) {

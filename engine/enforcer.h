@@ -85,7 +85,9 @@ public:
   int control_value() const { return environment_.load(); }
   unsigned audit_mask() const { return audit_mask_.load(); }
 
-  // Drops every ignore mark: a new set may control what was not.
+  // Drops every ignore mark: a new set may control what was not. A
+  // decision made on the replaced set and not yet marked when this runs
+  // leaves no mark behind.
   void FlushIgnoreMarks();
 
   EnforcerStats GetStats() const;
@@ -107,6 +109,12 @@ private:
   bool Answer(Pending &p, bool allow);
   void Process(const std::shared_ptr<Pending> &p);
   void RecordLatency(double total_us, double decide_us);
+  // Tells the kernel to stop asking about opens of the file behind `fd`,
+  // decided "not controlled" from `seen` (its stat before the decision
+  // looked at it) on the set of ignore-mark `generation`. No mark when a
+  // flush came since, or when the file changed while it was decided.
+  void AddIgnoreMark(int fd, const struct stat &seen,
+                     std::uint64_t generation);
   bool IsSharedObjectCached(int fd, const struct stat &st);
   // SHA-256 of the file, cached by (dev, ino, ctime): an unchanged file is
   // never hashed twice (a write changes the ctime).
@@ -128,6 +136,12 @@ private:
   // Everything not yet answered, for the watchdog.
   std::mutex inflight_mu_;
   std::unordered_map<Pending *, std::shared_ptr<Pending>> inflight_;
+  // Orders adding an ignore mark against a flush; the generation counts
+  // flushes, so a decision knows whether its set is still the one marked.
+  std::mutex marks_mu_;
+  std::atomic<std::uint64_t> marks_generation_{0};
+  bool evictable_marks_ = true; // under marks_mu_; off where the kernel
+                                // has no evictable marks
 
   std::thread reader_, decider_, watchdog_;
 

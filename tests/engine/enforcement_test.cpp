@@ -95,6 +95,40 @@ TEST_F(EnforcementTest, NewSetDropsTheIgnoreMarksOfUncontrolledFiles) {
   EXPECT_EQ(RunAs(kAlice, kNobodyGroup, {}, Act::kOpen, data_).code, 0);
 }
 
+// The engine's count of `name` once the status has been rewritten after
+// what the test just did (it is rewritten every second).
+std::uint64_t FreshStatusCount(const std::string &status,
+                               const std::string &name) {
+  usleep(1300000);
+  const std::string s = Slurp(status);
+  const auto at = s.find("\n" + name + ": ");
+  if (at == std::string::npos) {
+    ADD_FAILURE() << "no " << name << " in the status:\n" << s;
+    return 0;
+  }
+  return std::stoull(s.substr(at + name.size() + 3));
+}
+
+TEST_F(EnforcementTest, UncontrolledFileIsAskedAboutOnceUntilItIsWritten) {
+  WriteSet(
+      LoadedSetText({{"r", true, false, false, {kAlice}, {}, {allowed_}}}));
+  StartEngine();
+  WaitForSet(1);
+  EXPECT_EQ(RunAs(kBob, kNobodyGroup, {}, Act::kOpen, data_).code, 0);
+  const std::uint64_t events = FreshStatusCount(kStatus, "events");
+  EXPECT_GE(FreshStatusCount(kStatus, "ignore marks"), 1u);
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(RunAs(kBob, kNobodyGroup, {}, Act::kOpen, data_).code, 0);
+  // The kernel no longer asks about it.
+  EXPECT_EQ(FreshStatusCount(kStatus, "events"), events);
+  // Rewritten into a library, the file is looked at again: no rule lets
+  // bob load it. (Copied from outside the watched tmpfs: this process is
+  // under the rules too.)
+  Copy(KX_PROBE_LIB_PATH, data_);
+  EXPECT_EQ(RunAs(kBob, kNobodyGroup, {}, Act::kDlopen, data_).code, 126);
+  EXPECT_GT(FreshStatusCount(kStatus, "events"), events);
+}
+
 TEST_F(EnforcementTest, SoftModeAllowsAndJournalsWhatHardModeWouldDeny) {
   SetParams(1, 63);
   WriteSet(
