@@ -30,7 +30,8 @@ class JournalStore {
   bool IsOpen() const { return db_ != nullptr; }
   void Close();
 
-  // All of `batch` in one transaction.
+  // All of `batch` in one transaction, ordered as the time index orders
+  // rows (so ids within one second do not follow the order of `batch`).
   bool Append(const std::vector<JournalEvent>& batch, std::string* error);
 
   // Notes in `dropped_events` that `count` rows were lost up to `now`.
@@ -52,6 +53,7 @@ class JournalStore {
   sqlite3_stmt* trim_age_ = nullptr;
   sqlite3_stmt* record_dropped_ = nullptr;
   std::string framed_;  // the framed object of the row being inserted
+  std::vector<const JournalEvent*> order_;  // the batch in insertion order
 };
 
 }  // namespace aec::engine

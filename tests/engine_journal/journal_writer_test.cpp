@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "journal_store.h"
 #include "writer_fixture.h"
 
 namespace engine_journal_test {
@@ -47,6 +48,28 @@ TEST_F(WriterTest, StoresTheObjectFramedAndEmptyNamesAsNull) {
                                       "<null>", "<null>", "0"}));
   EXPECT_EQ(QueryOne(kJournalPath, "SELECT typeof(date_time) FROM logs"),
             "integer");
+}
+
+TEST_F(WriterTest, BatchGoesInInTimeOrderKeepingArrivalOrderAmongEquals) {
+  aec::engine::JournalStore store;
+  std::string error;
+  ASSERT_TRUE(store.Open(kJournalPath, &error)) << error;
+  const std::vector<JournalEvent> batch = {
+      Event(1052, "/bin/p", "/o/late", "bob", "g", 0, 5),
+      Event(1050, "/bin/p", "/o/early", "alice", "g", 0, 4),
+      Event(1050, "/bin/p", "/o/first", "carol", "g", 0, 5),
+      Event(1050, "/bin/p", "/o/second", "carol", "g", 0, 5),
+      Event(1050, "/bin/p", "/o/alice", "alice", "g", 0, 5)};
+  ASSERT_TRUE(store.Append(batch, &error)) << error;
+  store.Close();
+  std::vector<std::string> objects;
+  for (const auto& row :
+       PlainQuery(kJournalPath, "SELECT object_name FROM logs ORDER BY id")) {
+    objects.push_back(row.at(0));
+  }
+  EXPECT_EQ(objects, (std::vector<std::string>{
+                         "\"/o/early\";", "\"/o/alice\";", "\"/o/first\";",
+                         "\"/o/second\";", "\"/o/late\";"}));
 }
 
 TEST_F(WriterTest, DestructorWritesEverythingQueued) {
