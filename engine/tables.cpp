@@ -4,13 +4,18 @@
 
 #include <algorithm>
 #include <map>
-#include <thread>
+
+#include "for_each_in_parallel.h"
 
 namespace aec::engine {
 
 namespace {
 
 constexpr std::uint32_t kNone = 0xFFFFFFFFu;
+
+// Resources a thread must have at the least to be started: for fewer,
+// starting it costs more than the stat calls it takes over.
+constexpr std::size_t kWorthAThread = 4096;
 
 // An open-addressed table for `n` entries: a power of two at least twice
 // as large, so that probes stay short.
@@ -19,27 +24,6 @@ std::size_t SlotCount(std::size_t n) {
   while (slots < 2 * n)
     slots *= 2;
   return slots;
-}
-
-// Runs work(begin, end) over [0, n) cut into one part per processor; small
-// counts stay on the calling thread.
-void ForEachPart(std::size_t n,
-                 const std::function<void(std::size_t, std::size_t)> &work) {
-  constexpr std::size_t kWorthAThread = 4096;
-  const std::size_t threads = std::min<std::size_t>(
-      std::max(1u, std::thread::hardware_concurrency()),
-      std::max<std::size_t>(1, n / kWorthAThread));
-  if (threads <= 1) {
-    work(0, n);
-    return;
-  }
-  std::vector<std::thread> helpers;
-  const std::size_t part = (n + threads - 1) / threads;
-  for (std::size_t begin = part; begin < n; begin += part)
-    helpers.emplace_back(work, begin, std::min(n, begin + part));
-  work(0, std::min(n, part));
-  for (std::thread &helper : helpers)
-    helper.join();
 }
 
 std::vector<std::uint32_t> Sorted(std::vector<std::uint32_t> ids) {
@@ -160,7 +144,7 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetInput &input,
     t->has_digest_.assign(n, false);
   }
   std::vector<std::uint8_t> digested(integrity ? n : 0, 0);
-  ForEachPart(n, [&](std::size_t begin, std::size_t end) {
+  const auto resolve_range = [&](std::size_t begin, std::size_t end) {
     std::string path;
     for (std::size_t r = begin; r < end; ++r) {
       path.assign(t->PathOf(static_cast<std::uint32_t>(r)));
@@ -170,7 +154,8 @@ std::shared_ptr<const Tables> Tables::Build(const RuleSetInput &input,
       if (integrity)
         digested[r] = DigestOfFile(path, &t->digests_[r]) ? 1 : 0;
     }
-  });
+  };
+  aec::ForEachRangeInParallel(n, n / kWorthAThread, resolve_range);
   // Identities after the paths, in resource order: two paths of one file
   // (a hard link named twice) share the rules of both, under the first.
   t->resolved_.assign(n, Resolved::kNo);

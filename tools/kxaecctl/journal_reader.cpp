@@ -8,8 +8,9 @@
 #include <cstdlib>
 #include <limits>
 
-#include "parallel.h"
+#include "for_each_in_parallel.h"
 #include "tool_error.h"
+#include "tool_threads.h"
 
 namespace aectool {
 namespace {
@@ -224,10 +225,11 @@ JournalScan ScanJournalInParts(
     const std::string& path, const JournalFilter& filter,
     const std::function<void(std::size_t, const JournalRow&)>& on_row) {
   RequireJournal(path);
-  const std::vector<IdRange> ranges =
-      IdRanges(path, WorkerCount(std::numeric_limits<std::size_t>::max()));
+  const std::vector<IdRange> ranges = IdRanges(
+      path,
+      aec::WorkerCount(std::numeric_limits<std::size_t>::max(), kToolThreads));
   std::vector<JournalScan> scans(ranges.size());
-  ForEachInParallel(ranges.size(), [&](std::size_t part) {
+  aec::ForEachInParallel(ranges.size(), kToolThreads, [&](std::size_t part) {
     scans[part] = ScanRange(path, filter, ranges[part],
                             [&](const JournalRow& row) { on_row(part, row); });
   });

@@ -46,8 +46,8 @@ JournalScan ScanJournal(const std::string& path, const JournalFilter& filter,
                         const std::function<void(const JournalRow&)>& on_row);
 
 // ScanJournal with the journal cut into ranges of ids read at the same
-// time, each on its own connection and thread (WorkerCount of
-// parallel.h): on_row(part, row) is called for the rows of each part in
+// time, each on its own connection and thread (aec::WorkerCount with
+// kToolThreads): on_row(part, row) is called for the rows of each part in
 // journal order, and for different parts at the same time. For callers
 // that gather per part and do not depend on the order between parts. Rows
 // written after the scan began may be left out. Throws as ScanJournal.

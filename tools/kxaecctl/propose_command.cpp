@@ -17,13 +17,14 @@
 #include "commands.h"
 #include "configuration.h"
 #include "elf_dependencies.h"
+#include "for_each_in_parallel.h"
 #include "journal_reader.h"
 #include "learning_options.h"
-#include "parallel.h"
 #include "resources.h"
 #include "rule_edit.h"
 #include "tool_error.h"
 #include "tool_lock.h"
+#include "tool_threads.h"
 
 namespace aectool {
 namespace {
@@ -191,7 +192,7 @@ std::vector<Proposal> Propose(const LongOptions& options,
   };
   const std::set<std::string>& exceptions = config.Exceptions();
   std::vector<Gathered> parts(
-      WorkerCount(std::numeric_limits<std::size_t>::max()));
+      aec::WorkerCount(std::numeric_limits<std::size_t>::max(), kToolThreads));
   const JournalScan scan = ScanJournalInParts(
       journal, filter, [&](std::size_t part, const JournalRow& row) {
         Gathered& gathered = parts[part];
@@ -242,7 +243,7 @@ std::vector<Proposal> Propose(const LongOptions& options,
     }
   }
   std::vector<PathKind> path_kinds(paths.size());
-  ForEachInParallel(paths.size(), [&](std::size_t i) {
+  aec::ForEachInParallel(paths.size(), kToolThreads, [&](std::size_t i) {
     path_kinds[i] = KindOf(*paths[i]);
     if (path_kinds[i] == PathKind::kFile) FindDependencies(*paths[i]);
   });
@@ -322,7 +323,7 @@ std::vector<Proposal> Propose(const LongOptions& options,
 
   // Then each rule, with what its files load: thousands of them, each
   // independent of the others, so every processor builds some.
-  ForEachInParallel(drafts.size(), [&drafts](std::size_t i) {
+  aec::ForEachInParallel(drafts.size(), kToolThreads, [&drafts](std::size_t i) {
     Draft& draft = drafts[i];
     if (!draft.proposed) return;
     Proposal& proposal = draft.proposal;
