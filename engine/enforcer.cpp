@@ -1,10 +1,8 @@
 #include "enforcer.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <limits.h>
 #include <poll.h>
-#include <pwd.h>
 #include <sys/eventfd.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
@@ -141,8 +139,7 @@ bool Enforcer::Start(std::string *why) {
     return false;
   }
   // Threads before marks: from the first mark on, every event has a reader.
-  reader_ = std::thread([this] { ReadLoop(); });
-  decider_ = std::thread([this] { DecideLoop(); });
+  reader_ = std::thread([this] { EventLoop(); });
   watchdog_ = std::thread([this] { WatchdogLoop(); });
   if (!Mark(why)) {
     Stop();
@@ -226,11 +223,8 @@ void Enforcer::Stop() {
       // The reader also polls with a timeout; it sees stopping_ then.
     }
   }
-  queue_cv_.notify_all();
   if (reader_.joinable())
     reader_.join();
-  if (decider_.joinable())
-    decider_.join();
   if (watchdog_.joinable())
     watchdog_.join();
   // Whatever is still waiting is allowed, before the descriptor goes (the
@@ -244,8 +238,9 @@ void Enforcer::Stop() {
   }
   for (auto &p : left) {
     Answer(*p, true);
-    close(p->fd);
+    Release(*p);
   }
+  queue_.clear();
   if (fan_fd_ >= 0)
     close(fan_fd_);
   if (wake_fd_ >= 0)
@@ -263,95 +258,115 @@ bool Enforcer::Answer(Pending &p, bool allow) {
     Log(LOG_ERR,
         std::string("cannot answer an event: ") + std::strerror(errno));
   }
+  p.written.store(true);
   if (!allow)
     denied_.fetch_add(1);
   return true;
 }
 
-void Enforcer::ReadLoop() {
-  alignas(struct fanotify_event_metadata) char buffer[64 * 1024];
+void Enforcer::Release(Pending &p) {
+  while (p.answered.load() && !p.written.load())
+    std::this_thread::yield();
+  close(p.fd);
+}
+
+void Enforcer::EventLoop() {
+  std::vector<std::shared_ptr<Pending>> batch;
   struct pollfd fds[2] = {{fan_fd_, POLLIN, 0}, {wake_fd_, POLLIN, 0}};
   while (!stopping_.load()) {
-    const int ready = poll(fds, 2, 200);
-    if (ready < 0 && errno != EINTR) {
-      Log(LOG_ERR, std::string("poll: ") + std::strerror(errno));
-      break;
+    // What the watchdog read while this thread was held up is older than
+    // anything still in the kernel: it goes first.
+    {
+      std::lock_guard<std::mutex> lock(queue_mu_);
+      batch.assign(queue_.begin(), queue_.end());
+      queue_.clear();
     }
-    if (ready <= 0 || !(fds[0].revents & POLLIN))
-      continue;
-    for (;;) {
-      const ssize_t got = read(fan_fd_, buffer, sizeof buffer);
-      if (got <= 0)
+    if (batch.empty()) {
+      const int ready = poll(fds, 2, 200);
+      if (ready < 0 && errno != EINTR) {
+        Log(LOG_ERR, std::string("poll: ") + std::strerror(errno));
         break;
-      auto *meta = reinterpret_cast<struct fanotify_event_metadata *>(buffer);
-      ssize_t left = got;
-      const auto now = std::chrono::steady_clock::now();
-      for (; FAN_EVENT_OK(meta, left); meta = FAN_EVENT_NEXT(meta, left)) {
-        if (meta->vers != FANOTIFY_METADATA_VERSION) {
-          Log(LOG_CRIT, "fanotify metadata version mismatch");
-          continue;
-        }
-        if (meta->mask & FAN_Q_OVERFLOW)
-          overflows_.fetch_add(1);
-        if (meta->fd < 0)
-          continue;
-        if (!(meta->mask & kPermMask)) {
-          close(meta->fd);
-          continue;
-        }
-        events_.fetch_add(1);
-        auto p = std::make_shared<Pending>();
-        p->fd = meta->fd;
-        p->pid = meta->pid;
-        p->mask = meta->mask;
-        p->received = now;
-        // The engine's own opens (its set, its journal, name lookups) are
-        // allowed here, so no thread of the engine ever waits on itself.
-        if (meta->pid == self_) {
-          own_.fetch_add(1);
-          Answer(*p, true);
-          close(p->fd);
-          continue;
-        }
-        {
-          std::lock_guard<std::mutex> lock(inflight_mu_);
-          inflight_.emplace(p.get(), p);
-        }
-        {
-          std::lock_guard<std::mutex> lock(queue_mu_);
-          queue_.push_back(std::move(p));
-        }
-        queue_cv_.notify_one();
       }
+      if (ready <= 0)
+        continue;
+      if (fds[1].revents & POLLIN) {
+        std::uint64_t count;
+        if (read(wake_fd_, &count, sizeof count) < 0) {
+          // Nothing to reset: another read got there first.
+        }
+      }
+      if (fds[0].revents & POLLIN)
+        ReadAvailable(&batch);
+    }
+    for (const auto &p : batch)
+      Handle(p);
+    batch.clear();
+  }
+}
+
+void Enforcer::ReadAvailable(std::vector<std::shared_ptr<Pending>> *out) {
+  alignas(struct fanotify_event_metadata) char buffer[64 * 1024];
+  for (;;) {
+    const ssize_t got = read(fan_fd_, buffer, sizeof buffer);
+    if (got <= 0)
+      return;
+    auto *meta = reinterpret_cast<struct fanotify_event_metadata *>(buffer);
+    ssize_t left = got;
+    const auto now = std::chrono::steady_clock::now();
+    for (; FAN_EVENT_OK(meta, left); meta = FAN_EVENT_NEXT(meta, left)) {
+      if (meta->vers != FANOTIFY_METADATA_VERSION) {
+        Log(LOG_CRIT, "fanotify metadata version mismatch");
+        continue;
+      }
+      if (meta->mask & FAN_Q_OVERFLOW)
+        overflows_.fetch_add(1);
+      if (meta->fd < 0)
+        continue;
+      if (!(meta->mask & kPermMask)) {
+        close(meta->fd);
+        continue;
+      }
+      events_.fetch_add(1);
+      auto p = std::make_shared<Pending>();
+      p->fd = meta->fd;
+      p->pid = meta->pid;
+      p->mask = meta->mask;
+      p->received = now;
+      // The engine's own opens (its set, its journal, name lookups) are
+      // allowed here, so no thread of the engine ever waits on itself.
+      if (meta->pid == self_) {
+        own_.fetch_add(1);
+        Answer(*p, true);
+        Release(*p);
+        continue;
+      }
+      {
+        std::lock_guard<std::mutex> lock(inflight_mu_);
+        inflight_.emplace(p.get(), p);
+      }
+      out->push_back(std::move(p));
     }
   }
 }
 
-void Enforcer::DecideLoop() {
-  for (;;) {
-    std::shared_ptr<Pending> p;
-    {
-      std::unique_lock<std::mutex> lock(queue_mu_);
-      queue_cv_.wait(lock,
-                     [this] { return stopping_.load() || !queue_.empty(); });
-      if (queue_.empty())
-        return;
-      p = std::move(queue_.front());
-      queue_.pop_front();
+void Enforcer::Handle(const std::shared_ptr<Pending> &p) {
+  busy_since_.store(
+      std::chrono::steady_clock::now().time_since_epoch().count());
+  if (!options_.stall_file.empty()) {
+    struct stat st;
+    while (!stopping_.load() && stat(options_.stall_file.c_str(), &st) == 0) {
+      usleep(5000);
     }
-    if (!options_.stall_file.empty()) {
-      struct stat st;
-      while (!stopping_.load() && stat(options_.stall_file.c_str(), &st) == 0) {
-        usleep(5000);
-      }
-    }
-    Process(p);
-    {
-      std::lock_guard<std::mutex> lock(inflight_mu_);
-      inflight_.erase(p.get());
-    }
-    close(p->fd);
   }
+  // The watchdog may have answered it while it waited.
+  if (!p->answered.load())
+    Process(p);
+  busy_since_.store(0);
+  {
+    std::lock_guard<std::mutex> lock(inflight_mu_);
+    inflight_.erase(p.get());
+  }
+  Release(*p);
 }
 
 void Enforcer::WatchdogLoop() {
@@ -383,6 +398,26 @@ void Enforcer::WatchdogLoop() {
       Log(LOG_WARNING, std::to_string(late.size()) +
                            " events answered after the deadline (" +
                            (allow ? "allowed" : "denied") + ")");
+    }
+    // The event thread is held up in one decision: read in its place, so
+    // the engine's own opens are answered and the others are known to the
+    // deadline above.
+    const std::int64_t since = busy_since_.load();
+    if (since != 0 && now.time_since_epoch().count() - since >=
+                          std::chrono::nanoseconds(tick).count()) {
+      std::vector<std::shared_ptr<Pending>> taken;
+      ReadAvailable(&taken);
+      if (!taken.empty()) {
+        taken_over_.fetch_add(taken.size());
+        {
+          std::lock_guard<std::mutex> lock(queue_mu_);
+          queue_.insert(queue_.end(), taken.begin(), taken.end());
+        }
+        const std::uint64_t one = 1;
+        if (write(wake_fd_, &one, sizeof one) < 0) {
+          // The event thread polls with a timeout; it finds the queue then.
+        }
+      }
     }
   }
 }
@@ -544,41 +579,11 @@ void Enforcer::Process(const std::shared_ptr<Pending> &p) {
     // program of the process.
     row.app = event.access == Access::kExec ? event.path : opener;
     row.object_name = event.path;
-    static thread_local std::unordered_map<std::uint32_t, std::string> users,
-        groups;
-    if (users.size() > 10000)
-      users.clear();
-    if (groups.size() > 10000)
-      groups.clear();
-    auto user = users.find(event.uid);
-    if (user == users.end()) {
-      struct passwd pw, *res = nullptr;
-      char buf[4096];
-      std::string name;
-      if (getpwuid_r(event.uid, &pw, buf, sizeof buf, &res) == 0 && res) {
-        name = res->pw_name;
-      } else {
-        name = std::to_string(event.uid);
-      }
-      user = users.emplace(event.uid, name).first;
-    }
-    row.username = user->second;
-    if (!event.gids.empty()) {
-      const std::uint32_t gid = event.gids.front();
-      auto group = groups.find(gid);
-      if (group == groups.end()) {
-        struct group gr, *res = nullptr;
-        char buf[4096];
-        std::string name;
-        if (getgrgid_r(gid, &gr, buf, sizeof buf, &res) == 0 && res) {
-          name = res->gr_name;
-        } else {
-          name = std::to_string(gid);
-        }
-        group = groups.emplace(gid, name).first;
-      }
-      row.groupname = group->second;
-    }
+    // Names are looked up by the journal writer: a lookup opens files,
+    // and this thread must never wait for an open of its own.
+    row.uid = event.uid;
+    if (!event.gids.empty())
+      row.gid = event.gids.front();
     options_.journal(std::move(row));
   }
 }
@@ -620,9 +625,10 @@ EnforcerStats Enforcer::GetStats() const {
   s.own = own_.load();
   s.overflows = overflows_.load();
   s.ignore_marks = ignore_marks_.load();
+  s.taken_over = taken_over_.load();
   {
-    std::lock_guard<std::mutex> lock(queue_mu_);
-    s.queue_depth = queue_.size();
+    std::lock_guard<std::mutex> lock(inflight_mu_);
+    s.queue_depth = inflight_.size();
   }
   std::lock_guard<std::mutex> lock(latency_mu_);
   s.p50_us = Percentile(latency_us_, 0.50);

@@ -575,6 +575,7 @@ private:
     out << "own events: " << s.own << "\n";
     out << "ignore marks: " << s.ignore_marks << "\n";
     out << "queue depth: " << s.queue_depth << "\n";
+    out << "taken over: " << s.taken_over << "\n";
     std::uint64_t journal_dropped = 0, journal_written = 0, journal_queue = 0;
     if (journal_) {
       const auto js = journal_->GetStats();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bounded_queue.h"
+#include "id_names.h"
 #include "journal_store.h"
 
 namespace aec::engine {
@@ -59,6 +60,7 @@ void JournalWriter::Run() {
   // Named, so that top -H and the benchmarks can tell its processor time.
   pthread_setname_np(pthread_self(), "kxaecd-journal");
   JournalStore store;
+  IdNames names;
   std::vector<JournalEvent> batch;
   batch.reserve(options_.batch_size);
   std::string error;
@@ -108,6 +110,12 @@ void JournalWriter::Run() {
     batch.clear();
     JournalEvent event;
     while (batch.size() < options_.batch_size && queue_->TryPop(event)) {
+      if (event.username.empty() && event.uid >= 0) {
+        event.username = names.User(static_cast<uint32_t>(event.uid));
+      }
+      if (event.groupname.empty() && event.gid >= 0) {
+        event.groupname = names.Group(static_cast<uint32_t>(event.gid));
+      }
       batch.push_back(std::move(event));
     }
     if (!batch.empty()) {

@@ -47,6 +47,11 @@ struct JournalEvent {
   std::string object_name;
   // Empty is stored as NULL.
   std::string username, groupname;
+  // When `username` is empty and `uid` is not -1, the writer stores the
+  // name of `uid` (its number when it has none); the same for `groupname`
+  // and `gid`. The names are looked up on the writer's thread, so the
+  // thread that decides never opens a file for them.
+  int64_t uid = -1, gid = -1;
 };
 
 template <typename T>

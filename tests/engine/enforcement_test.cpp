@@ -283,6 +283,10 @@ TEST_F(EnforcementTest, StalledDecisionIsAnsweredAtTheDeadline) {
   }
   EXPECT_EQ(Slurp(kStatus).find("timeouts: 0\n"), std::string::npos)
       << Slurp(kStatus);
+  // Bob's start came while the event thread was held up in alice's: the
+  // watchdog read it in its place.
+  EXPECT_EQ(Slurp(kStatus).find("taken over: 0\n"), std::string::npos)
+      << Slurp(kStatus);
 }
 
 TEST_F(EnforcementTest, KilledEngineReleasesTheWaitingProcess) {

@@ -72,6 +72,26 @@ TEST_F(WriterTest, BatchGoesInInTimeOrderKeepingArrivalOrderAmongEquals) {
                          "\"/o/second\";", "\"/o/late\";"}));
 }
 
+TEST_F(WriterTest, NamesOfIdsAreLookedUpByTheWriter) {
+  {
+    JournalWriter writer(OptionsFor(kJournalPath));
+    JournalEvent named = Event(1050, "/bin/a", "/bin/a", "", "", 1, 1);
+    named.uid = 0;
+    named.gid = 0;
+    ASSERT_TRUE(writer.Submit(std::move(named)));
+    // No name: the number; a name given stays.
+    JournalEvent unnamed = Event(1050, "/bin/b", "/bin/b", "", "given", 1, 2);
+    unnamed.uid = 4294967294;
+    unnamed.gid = 0;
+    ASSERT_TRUE(writer.Submit(std::move(unnamed)));
+  }
+  const auto rows = PlainQuery(
+      kJournalPath, "SELECT username, groupname FROM logs ORDER BY id");
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0], (std::vector<std::string>{"root", "root"}));
+  EXPECT_EQ(rows[1], (std::vector<std::string>{"4294967294", "given"}));
+}
+
 TEST_F(WriterTest, DestructorWritesEverythingQueued) {
   auto options = OptionsFor(kJournalPath);
   options.flush_interval = std::chrono::seconds(10);
