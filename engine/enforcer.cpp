@@ -403,8 +403,9 @@ void Enforcer::WatchdogLoop() {
     // the engine's own opens are answered and the others are known to the
     // deadline above.
     const std::int64_t since = busy_since_.load();
-    if (since != 0 && now.time_since_epoch().count() - since >=
-                          std::chrono::nanoseconds(tick).count()) {
+    if (since != 0 &&
+        now.time_since_epoch().count() - since >=
+            std::chrono::steady_clock::duration(tick).count()) {
       std::vector<std::shared_ptr<Pending>> taken;
       ReadAvailable(&taken);
       if (!taken.empty()) {

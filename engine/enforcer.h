@@ -162,8 +162,8 @@ private:
                                 // has no evictable marks
 
   std::thread reader_, watchdog_;
-  // When the event thread began the decision it is in (steady clock, ns);
-  // 0 while it is not deciding.
+  // When the event thread began the decision it is in (steady clock ticks
+  // since its epoch); 0 while it is not deciding.
   std::atomic<std::int64_t> busy_since_{0};
 
   std::atomic<std::uint64_t> events_{0}, decided_{0}, denied_{0},

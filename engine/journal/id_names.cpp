@@ -3,6 +3,7 @@
 #include <grp.h>
 #include <pwd.h>
 
+#include <cerrno>
 #include <vector>
 
 namespace aec::engine {
@@ -25,15 +26,6 @@ std::string LookUp(std::uint32_t id, Lookup lookup, NameOf name_of) {
   return std::to_string(id);
 }
 
-const std::string& Kept(std::unordered_map<std::uint32_t, std::string>* kept,
-                        std::size_t max_kept, std::uint32_t id,
-                        std::string (*look_up)(std::uint32_t)) {
-  auto found = kept->find(id);
-  if (found != kept->end()) return found->second;
-  if (kept->size() >= max_kept) kept->clear();
-  return kept->emplace(id, look_up(id)).first->second;
-}
-
 std::string UserName(std::uint32_t uid) {
   return LookUp<struct passwd>(uid, getpwuid_r, [](const struct passwd& p) {
     return std::string(p.pw_name);
@@ -48,12 +40,20 @@ std::string GroupName(std::uint32_t gid) {
 
 }  // namespace
 
+const std::string& IdNames::Kept(Names* kept, std::uint32_t id,
+                                 std::string (*look_up)(std::uint32_t)) {
+  auto found = kept->find(id);
+  if (found != kept->end()) return found->second;
+  if (kept->size() >= kMaxKept) kept->clear();
+  return kept->emplace(id, look_up(id)).first->second;
+}
+
 const std::string& IdNames::User(std::uint32_t uid) {
-  return Kept(&users_, kMaxKept, uid, UserName);
+  return Kept(&users_, uid, UserName);
 }
 
 const std::string& IdNames::Group(std::uint32_t gid) {
-  return Kept(&groups_, kMaxKept, gid, GroupName);
+  return Kept(&groups_, gid, GroupName);
 }
 
 }  // namespace aec::engine

@@ -20,9 +20,14 @@ class IdNames {
   const std::string& Group(std::uint32_t gid);
 
  private:
+  using Names = std::unordered_map<std::uint32_t, std::string>;
+  // The kept name of `id`, looked up with `look_up` the first time.
+  static const std::string& Kept(Names* kept, std::uint32_t id,
+                                 std::string (*look_up)(std::uint32_t));
+
   // Bounded: a machine with churning ids cannot grow it without end.
   static constexpr std::size_t kMaxKept = 10000;
-  std::unordered_map<std::uint32_t, std::string> users_, groups_;
+  Names users_, groups_;
 };
 
 }  // namespace aec::engine
